@@ -1,0 +1,67 @@
+#pragma once
+// Everything that reads an Xcode build phase's environment: the platform, the
+// dSYM paths, the check that the environment is complete, the wait until each
+// dSYM is completely written, the built executable and CI detection.
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "support/property_list.h"
+
+namespace symlift::macho {
+class SUPMachOBinary;
+}
+namespace symlift::records {
+class SUPDSYMUploadRecorder;
+}
+
+namespace symlift::buildenv {
+
+using Environment = std::map<std::string, std::string>;
+
+// PLATFORM_NAME (compared ignoring case) mapped to "mac", "ios", "tvos",
+// "watchos", "xros", or "unspecified".
+std::string platformNameFromEnvironment(const Environment& environment);
+
+// The app's dSYM (DWARF_DSYM_FOLDER_PATH joined with DWARF_DSYM_FILE_NAME),
+// plus the Lumo framework dSYM for non-debug Lumo builds. Never empty.
+std::vector<std::string> dSYMPathsFromEnvironment(const Environment& environment, bool isLumoProject);
+
+// The message for the first missing build variable, or nothing. A missing
+// dSYM file only prints a build warning.
+std::optional<std::string> validateBuildEnvironment(const Environment& environment, bool isLumoProject);
+
+// Evaluates the predicate, then up to max(timeout, 0) more times one second
+// apart; ends the process with status 1 when it never holds.
+void waitUntil(std::int64_t timeoutSeconds, const std::function<bool()>& predicate);
+
+// Waits until the dSYM at path has a non-empty, stable DWARF folder (and the
+// debug dylib, when the build makes one). May end the process with status 1.
+void waitForDSYM(const Environment& environment, const std::string& dSYMPath);
+
+// Size in bytes of what is at path, 0 when unknown (with a system-log line).
+std::int64_t fileSizeAtPath(const std::string& path);
+
+// BUILT_PRODUCTS_DIR joined with EXECUTABLE_PATH, opened as a Mach-O binary;
+// nothing when the path cannot be formed or the file cannot be mapped.
+std::shared_ptr<macho::SUPMachOBinary> builtExecutable(const Environment& environment);
+
+// The property list at BUILT_PRODUCTS_DIR/relativePath, or an empty one.
+support::PropertyList plistFromBuiltProducts(const Environment& environment, const std::string& relativePath);
+
+bool isRunningInCI();
+bool isRunningInXcode();
+bool isRunningInXcodeServer();
+bool isDesktopAppInstalled();
+bool hasAncestorProcessNamed(const std::string& name);
+
+// "<file>:<line>: warning: <message>\n" (or without the location) written
+// straight to standard output, for Xcode's build log.
+void printBuildWarning(const std::optional<std::string>& file, std::uint64_t line, const std::string& message);
+
+}  // namespace symlift::buildenv

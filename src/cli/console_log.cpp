@@ -1,0 +1,49 @@
+#include "cli/console_log.h"
+
+#include <cstdio>
+#include <mutex>
+
+namespace symlift::cli {
+
+namespace {
+// Serialises the building and writing of lines, so that lines from the
+// pipeline's threads never interleave within a line.
+std::mutex& classLock() {
+  static std::mutex lock;
+  return lock;
+}
+}  // namespace
+
+SYLLogging& SYLLogging::sharedInstance() {
+  static SYLLogging instance;  // thread-safe one-time initialisation
+  return instance;
+}
+
+std::string SYLLogging::formatLine(std::uint64_t level, std::string_view message, std::string_view color,
+                                   bool colorsEnabled) {
+  std::string_view prefix = level == kLogLevelWarning ? "warning: " : level == kLogLevelError ? "error: " : "";
+  if (colorsEnabled && !color.empty())
+    return fmt::format("{}{}{}{}\n", color, prefix, message, kColorReset);
+  return fmt::format("{}{}\n", prefix, message);
+}
+
+void SYLLogging::logWithLogLevel(std::uint64_t level, std::string_view message, std::string_view color) {
+  SYLLogging& shared = sharedInstance();
+  if (level < shared.logLevel()) return;
+  std::lock_guard<std::mutex> guard(classLock());
+  std::string line = formatLine(level, message, color, shared.colorsEnabled());
+  std::fwrite(line.data(), 1, line.size(), stdout);
+}
+
+void SYLLogging::logWithLogLevel(std::uint64_t level, std::string_view message) {
+  logWithLogLevel(level, message, "");
+}
+
+void SYLLogging::logErrorWithPrefixMessage(std::string_view /*prefix*/, std::string_view /*domain*/,
+                                           std::int64_t /*code*/, const support::ErrorPtr& underlyingError,
+                                           const std::string& message) {
+  logWithLogLevel(kLogLevelError, message);
+  if (underlyingError) SYLLogError("Underlying error: {}", underlyingError->description());
+}
+
+}  // namespace symlift::cli

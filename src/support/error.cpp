@@ -1,0 +1,32 @@
+#include "support/error.h"
+
+#include <fmt/format.h>
+
+namespace symlift::support {
+
+std::string Error::localizedDescription() const {
+  if (auto it = userInfo.find(kLocalizedDescriptionKey); it != userInfo.end()) return it->second;
+  if (auto it = userInfo.find(kLocalizedFailureReasonKey); it != userInfo.end()) return it->second;
+  return fmt::format("The operation couldn\u2019t be completed. ({} error {}.)", domain, code);
+}
+
+std::string Error::description() const {
+  std::string text = fmt::format("Error Domain={} Code={} \"{}\"", domain, code, localizedDescription());
+  if (!userInfo.empty() || !underlyingErrors.empty()) {
+    text += " UserInfo={";
+    bool first = true;
+    for (const auto& [key, value] : userInfo) {
+      text += fmt::format("{}{}={}", first ? "" : ", ", key, value);
+      first = false;
+    }
+    for (const auto& underlying : underlyingErrors) {
+      if (!underlying) continue;
+      text += fmt::format("{}NSUnderlyingError={}", first ? "" : ", ", underlying->description());
+      first = false;
+    }
+    text += "}";
+  }
+  return text;
+}
+
+}  // namespace symlift::support

@@ -1,0 +1,90 @@
+#include "support/property_list.h"
+
+#include <cstdio>
+#include <limits>
+
+#include <fmt/format.h>
+
+namespace symlift::support {
+
+PropertyList PropertyList::fromBytes(std::string_view bytes) {
+  if (bytes.empty() || bytes.size() > std::numeric_limits<std::uint32_t>::max()) return {};
+  plist_t node = nullptr;
+  plist_from_memory(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &node);
+  if (!node) return {};
+  return PropertyList(node);
+}
+
+PropertyList PropertyList::fromFile(const std::string& path) {
+  auto bytes = readWholeFile(path);
+  if (!bytes) return {};
+  return fromBytes(*bytes);
+}
+
+bool PropertyList::isDictionary() const {
+  return node_ && plist_get_node_type(node()) == PLIST_DICT;
+}
+
+std::size_t PropertyList::dictionarySize() const {
+  return isDictionary() ? plist_dict_get_size(node()) : 0;
+}
+
+plist_t PropertyList::itemForKey(const char* key) const {
+  if (!isDictionary()) return nullptr;
+  return plist_dict_get_item(node(), key);
+}
+
+std::optional<std::string> PropertyList::stringForKey(const char* key) const {
+  return textOfNode(itemForKey(key));
+}
+
+std::optional<std::string> PropertyList::textOfNode(plist_t item) {
+  if (!item) return std::nullopt;
+  switch (plist_get_node_type(item)) {
+    case PLIST_STRING:
+    case PLIST_KEY: {
+      char* value = nullptr;
+      if (plist_get_node_type(item) == PLIST_STRING)
+        plist_get_string_val(item, &value);
+      else
+        plist_get_key_val(item, &value);
+      if (!value) return std::nullopt;
+      std::string text(value);
+      free(value);
+      return text;
+    }
+    case PLIST_UINT: {
+      std::uint64_t value = 0;
+      plist_get_uint_val(item, &value);
+      // libplist keeps negative integers as their two's-complement bits.
+      return fmt::format("{}", static_cast<std::int64_t>(value));
+    }
+    case PLIST_REAL: {
+      double value = 0;
+      plist_get_real_val(item, &value);
+      return fmt::format("{}", value);
+    }
+    case PLIST_BOOLEAN: {
+      std::uint8_t value = 0;
+      plist_get_bool_val(item, &value);
+      return std::string(value ? "1" : "0");
+    }
+    default:
+      return std::nullopt;
+  }
+}
+
+std::optional<std::string> readWholeFile(const std::string& path) {
+  std::FILE* file = std::fopen(path.c_str(), "rb");
+  if (!file) return std::nullopt;
+  std::string bytes;
+  char buffer[65536];
+  std::size_t got;
+  while ((got = std::fread(buffer, 1, sizeof buffer, file)) > 0) bytes.append(buffer, got);
+  bool failed = std::ferror(file) != 0;
+  std::fclose(file);
+  if (failed) return std::nullopt;
+  return bytes;
+}
+
+}  // namespace symlift::support

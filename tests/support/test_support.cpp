@@ -1,0 +1,142 @@
+#include "support/test_support.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+extern char** environ;
+
+namespace symlift::testing {
+
+namespace fs = std::filesystem;
+
+TempDir::TempDir() {
+  std::string pattern = (fs::temp_directory_path() / "symlift-test-XXXXXX").string();
+  if (!mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
+  path_ = pattern;
+}
+
+TempDir::~TempDir() {
+  std::error_code ec;
+  fs::remove_all(path_, ec);
+}
+
+fs::path TempDir::write(const std::string& relative, const std::string& contents) const {
+  fs::path target = path_ / relative;
+  fs::create_directories(target.parent_path());
+  std::ofstream out(target, std::ios::binary);
+  out << contents;
+  return target;
+}
+
+std::string readFile(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream buffer;
+  buffer << in.rdbuf();
+  return buffer.str();
+}
+
+RunResult runProgram(const std::vector<std::string>& argv, const RunOptions& options) {
+  TempDir capture;
+  std::string outPath = (capture.path() / "out").string();
+  std::string errPath = (capture.path() / "err").string();
+
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  if (options.workingDirectory)
+    posix_spawn_file_actions_addchdir_np(&actions, options.workingDirectory->c_str());
+
+  std::map<std::string, std::string> env;
+  if (options.environment) {
+    env = *options.environment;
+  } else {
+    for (char** e = environ; *e; ++e) {
+      std::string entry(*e);
+      auto eq = entry.find('=');
+      if (eq != std::string::npos) env[entry.substr(0, eq)] = entry.substr(eq + 1);
+    }
+  }
+  for (const auto& [k, v] : options.extraEnvironment) env[k] = v;
+  std::vector<std::string> envStrings;
+  for (const auto& [k, v] : env) envStrings.push_back(k + "=" + v);
+  std::vector<char*> envp;
+  for (auto& s : envStrings) envp.push_back(s.data());
+  envp.push_back(nullptr);
+
+  std::vector<std::string> args = argv;
+  std::vector<char*> argp;
+  for (auto& a : args) argp.push_back(a.data());
+  argp.push_back(nullptr);
+
+  pid_t pid = 0;
+  int rc = posix_spawn(&pid, args[0].c_str(), &actions, nullptr, argp.data(), envp.data());
+  posix_spawn_file_actions_destroy(&actions);
+  RunResult result;
+  if (rc != 0) {
+    result.err = "spawn failed";
+    return result;
+  }
+
+  auto deadline = std::chrono::steady_clock::now() +
+                  std::chrono::milliseconds(static_cast<long>(options.timeoutSeconds * 1000));
+  int wstatus = 0;
+  for (;;) {
+    pid_t done = waitpid(pid, &wstatus, WNOHANG);
+    if (done == pid) break;
+    if (std::chrono::steady_clock::now() > deadline) {
+      kill(pid, SIGKILL);
+      waitpid(pid, &wstatus, 0);
+      result.timedOut = true;
+      break;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  if (WIFEXITED(wstatus)) result.status = WEXITSTATUS(wstatus);
+  if (WIFSIGNALED(wstatus)) result.signal = WTERMSIG(wstatus);
+  result.out = readFile(outPath);
+  result.err = readFile(errPath);
+  return result;
+}
+
+std::string symliftBinary() { return SYMLIFT_BINARY_PATH; }
+
+RunResult runSymlift(const std::vector<std::string>& arguments, const RunOptions& options) {
+  std::vector<std::string> argv{symliftBinary()};
+  argv.insert(argv.end(), arguments.begin(), arguments.end());
+  return runProgram(argv, options);
+}
+
+fs::path fixturesDir() { return SYMLIFT_FIXTURES_DIR; }
+
+std::optional<fs::path> corpusDir() {
+  fs::path dir = SYMLIFT_CORPUS_DIR;
+  std::error_code ec;
+  if (fs::is_directory(dir, ec)) return fs::canonical(dir, ec);
+  return std::nullopt;
+}
+
+bool haveProgram(const std::string& name) {
+  const char* path = std::getenv("PATH");
+  if (!path) return false;
+  std::stringstream dirs(path);
+  std::string dir;
+  while (std::getline(dirs, dir, ':')) {
+    if (!dir.empty() && access((fs::path(dir) / name).c_str(), X_OK) == 0) return true;
+  }
+  return false;
+}
+
+}  // namespace symlift::testing
