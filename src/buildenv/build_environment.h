@@ -9,7 +9,10 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
+
+#include <fmt/format.h>
 
 #include "support/property_list.h"
 
@@ -44,6 +47,22 @@ void waitUntil(std::int64_t timeoutSeconds, const std::function<bool()>& predica
 // debug dylib, when the build makes one). May end the process with status 1.
 void waitForDSYM(const Environment& environment, const std::string& dSYMPath);
 
+// The sleep and the process exit of the waits, replaceable so that the
+// waiting logic can be exercised without waiting or exiting.
+struct WaitHooks {
+  std::function<void()> sleepOneSecond;           // default: sleep one second
+  std::function<void(int status)> exitProcess;    // default: std::exit
+};
+
+// waitUntil with hooks: true when the predicate held; false when the rounds
+// ran out and hooks.exitProcess returned (the real exit never returns).
+bool waitUntil(std::int64_t timeoutSeconds, const std::function<bool()>& predicate, const WaitHooks& hooks);
+
+// waitForDSYM with hooks and the size reading to use (fileSizeAtPath by
+// default); false as soon as one of its waits gave up.
+bool waitForDSYM(const Environment& environment, const std::string& dSYMPath, const WaitHooks& hooks,
+                 const std::function<std::int64_t(const std::string&)>& sizeAtPath);
+
 // Size in bytes of what is at path, 0 when unknown (with a system-log line).
 std::int64_t fileSizeAtPath(const std::string& path);
 
@@ -55,6 +74,11 @@ std::shared_ptr<macho::SUPMachOBinary> builtExecutable(const Environment& enviro
 support::PropertyList plistFromBuiltProducts(const Environment& environment, const std::string& relativePath);
 
 bool isRunningInCI();
+// The CI decision with its two inputs supplied: an Xcode Server build
+// daemon ancestor means CI, an installed desktop app means not CI, otherwise
+// CI unless an Xcode ancestor is found. Each input is asked only when needed.
+bool isRunningInCI(const std::function<bool(const std::string&)>& hasAncestorProcessNamed,
+                   const std::function<bool()>& isDesktopAppInstalled);
 bool isRunningInXcode();
 bool isRunningInXcodeServer();
 bool isDesktopAppInstalled();
@@ -63,5 +87,14 @@ bool hasAncestorProcessNamed(const std::string& name);
 // "<file>:<line>: warning: <message>\n" (or without the location) written
 // straight to standard output, for Xcode's build log.
 void printBuildWarning(const std::optional<std::string>& file, std::uint64_t line, const std::string& message);
+
+// Formats the message and prints it as a build warning without a location.
+template <typename... Args>
+void printBuildWarningFormat(fmt::format_string<Args...> format, Args&&... args) {
+  printBuildWarning(std::nullopt, 0, fmt::format(format, std::forward<Args>(args)...));
+}
+
+// The address of the service console's Vantrel page.
+inline constexpr std::string_view kConsoleVantrelPageURL = "https://console.pelloran.example/project/_/vantrel";
 
 }  // namespace symlift::buildenv

@@ -1,0 +1,50 @@
+#include "buildenv/unique_strings.h"
+
+#include <array>
+#include <cstdint>
+#include <random>
+
+#include <fmt/format.h>
+#include <openssl/evp.h>
+#include <openssl/rand.h>
+
+#include "buildenv/path_component.h"
+#include "support/temporary_directory.h"
+
+namespace symlift::buildenv {
+
+std::string SUPStrings::uniqueString() {
+  std::array<unsigned char, 16> bytes{};
+  if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1) {
+    // The system's entropy source, should OpenSSL's generator be unavailable.
+    std::random_device device;
+    for (auto& byte : bytes) byte = static_cast<unsigned char>(device());
+  }
+  bytes[6] = static_cast<unsigned char>((bytes[6] & 0x0F) | 0x40);  // version 4
+  bytes[8] = static_cast<unsigned char>((bytes[8] & 0x3F) | 0x80);  // RFC 4122 variant
+  std::string text;
+  text.reserve(36);
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    if (i == 4 || i == 6 || i == 8 || i == 10) text += '-';
+    text += fmt::format("{:02X}", bytes[i]);
+  }
+  return text;
+}
+
+std::string SUPStrings::uniqueZipFilePath() {
+  return appendingPathComponent(support::temporaryDirectory(), uniqueString() + ".zip");
+}
+
+std::string SUPStrings::uniqueGZipFileName() { return appendingPathComponent(uniqueString(), "gz"); }
+
+std::string SUPStrings::MD5HashForString(const std::string& string) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  if (EVP_Digest(string.data(), string.size(), digest, &length, EVP_md5(), nullptr) != 1) return {};
+  std::string text;
+  text.reserve(length * 2);
+  for (unsigned int i = 0; i < length; ++i) text += fmt::format("{:02x}", digest[i]);
+  return text;
+}
+
+}  // namespace symlift::buildenv
