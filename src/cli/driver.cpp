@@ -1,12 +1,167 @@
 #include "cli/driver.h"
 
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "buildenv/build_environment.h"
+#include "cli/app_id.h"
 #include "cli/console_log.h"
+#include "cli/exit_status.h"
+#include "cli/platform_names.h"
+#include "cli/process_environment.h"
+#include "cli/processing.h"
+#include "cli/run_info.h"
+#include "cli/service_pages.h"
+#include "cli/symbolication_version.h"
+#include "cli/upload_settings.h"
 
 namespace symlift::cli {
 
-int runMain(int, char**) {
-  SYLLogError("processing is not available in this build");
-  return 8;
+namespace {
+
+constexpr const char* kValidationSucceeded = "Validation succeeded. Symbol uploading will proceed in the background.";
+
+// The API key belonged to the service's previous home; passing one means the
+// run script predates the move, so say how to fix it rather than ignore it.
+void printRetiredAPIKeyError(bool buildPhaseRoute) {
+  const std::string hint = fmt::format(
+      "If you still use Vantrel in Tesmer, migrate your app to Pelloran at {}", kMigrationRoadMapAddress);
+  if (buildPhaseRoute) {
+    SYLLogError(
+        "Vantrel no longer uses the Tesmer API Key. A Tesmer API Key was passed to symlift using the \"run\" "
+        "script. To fix this, go into your project's Build Phases, locate the Tesmer run script, and remove "
+        "the API Key and Build Secret from the command-line arguments (they are 2 long strings of random "
+        "characters). Vantrel now uses your default OmvaraService-Info.plist to identify your app. To use a "
+        "different OmvaraService-Info.plist for a build, eg. for separate dev and prod configurations, pass "
+        "-osp / --omvara-service-plist <path/to/OmvaraService-Info.plist> to your run script. {}",
+        hint);
+  } else {
+    SYLLogError(
+        "Vantrel no longer uses the Tesmer API Key. A Tesmer API Key was passed to symlift using the -a / "
+        "--api-key flag. To fix this, remove the API Key from the command-line arguments, and make sure to "
+        "pass the -osp / --omvara-service-plist <path/to/OmvaraService-Info.plist>. {}",
+        hint);
+  }
 }
+
+int runManualMode(const ArgumentList& arguments, SYLUploadSettings settings) {
+  if (!arguments.hasFlag(kPlatformOption)) {
+    SYLLogError("Missing required flag {}/{}", kPlatformOption.shortName, kPlatformOption.longName);
+    return kExitMissingPlatform;
+  }
+  auto platform = arguments.valueForFlag(kPlatformOption);
+  if (platform && isValidPlatform(*platform)) {
+    settings.platform = *platform;
+  } else {
+    // Not fatal: the service files the symbols without a platform.
+    SYLLogError("Invalid platform name ({}). Valid platform names are: '{}'", platform.value_or("(null)"),
+                validPlatformsDescription());
+    settings.platform = kUnspecifiedPlatform;
+  }
+
+  const std::vector<std::string> paths = arguments.pathArguments();
+  if (paths.empty()) {
+    SYLLogError("No dSYM paths provided");
+    return kExitNoDSYMPaths;
+  }
+
+  if (arguments.hasFlag(kDebugOption)) printDebugInfo(paths, settings);
+  if (arguments.hasFlag(kValidateOption)) {
+    SYLLogSuccess("{}", kValidationSucceeded);
+    return kExitSuccess;
+  }
+
+  // The dSYM validator runs after the upload here, unless skipped.
+  if (int status = processPaths(paths, /*recursive=*/false, settings); status != kExitSuccess) return status;
+  SYLLogSuccess("Successfully uploaded Vantrel symbols");
+  return kExitSuccess;
+}
+
+int runBuildPhaseMode(const ArgumentList& arguments, const buildenv::Environment& environment,
+                      SYLUploadSettings settings) {
+  const bool isLumoProject = arguments.hasFlag(kLumoProjectOption);
+  SYLLogInfo("Running symlift in Build Phase mode");
+
+  settings.platform = buildenv::platformNameFromEnvironment(environment);
+  if (settings.platform == kUnspecifiedPlatform) SYLLogWarning("Could not get platform name from build environment");
+
+  std::vector<std::string> paths = buildenv::dSYMPathsFromEnvironment(environment, isLumoProject);
+  if (paths.empty()) {
+    SYLLogError("Could not get dSYM paths from build environment");
+    return kExitNoDSYMPaths;
+  }
+  for (auto& path : arguments.pathArguments()) paths.push_back(std::move(path));
+
+  SYLLogInfo("Validating build environment for Vantrel...");
+  if (auto problem = buildenv::validateBuildEnvironment(environment, isLumoProject)) {
+    SYLLogError("{}", *problem);
+    return kExitInvalidBuildEnvironment;
+  }
+
+  settings.isCI = buildenv::isRunningInCI();
+
+  if (arguments.hasFlag(kDebugOption)) printDebugInfo(paths, settings);
+  if (arguments.hasFlag(kValidateOption)) {
+    SYLLogSuccess("{}", kValidationSucceeded);
+    return kExitSuccess;
+  }
+
+  SYLLogInfo("Processing dSYMs...");
+  for (const auto& path : paths) buildenv::waitForDSYM(environment, path);
+
+  // The dSYM validator and the already-uploaded check of the built
+  // executable come before the upload here.
+  if (int status = processPaths(paths, /*recursive=*/false, settings); status != kExitSuccess) return status;
+  SYLLogSuccess("Successfully uploaded Vantrel build event and symbols");
+  return kExitSuccess;
+}
+
+}  // namespace
+
+int run(const ArgumentList& arguments) {
+  // Build logs are not terminals: no colour, before anything is printed.
+  if (arguments.hasFlag(kBuildPhaseOption)) SYLLogging::sharedInstance().setColorsEnabled(false);
+
+  if (arguments.hasFlag(kHelpOption)) {
+    printUsage();
+    return kExitHelp;
+  }
+  if (arguments.hasFlag(kVersionOption)) {
+    printVersion();
+    return kExitVersion;
+  }
+  if (arguments.hasFlag(kDebugOption)) printVersion();
+
+  float maxSymbolicationVersion = defaultMaxSymbolicationVersion();
+  if (arguments.hasFlag(kMaxSymbolicationVersionOption))
+    maxSymbolicationVersion = maxSymbolicationVersionFromText(arguments.valueForFlag(kMaxSymbolicationVersionOption));
+  const bool convertOnly = arguments.hasFlag(kConvertOption);
+
+  // -lp alone also takes the build-phase route.
+  const std::optional<buildenv::Environment> environment = buildEnvironment(arguments);
+  const bool buildPhaseRoute = environment.has_value();
+
+  if (arguments.hasFlag(kAPIKeyOption)) {
+    printRetiredAPIKeyError(buildPhaseRoute);
+    return kExitRetiredAPIKey;
+  }
+
+  // resolveAppID has said why when there is none; an empty identifier ends
+  // the run without a further message.
+  const std::optional<std::string> appID = resolveAppID(arguments, environment);
+  if (!appID || appID->empty()) return kExitNoAppID;
+
+  SYLUploadSettings settings;
+  settings.appID = *appID;
+  settings.convertOnly = convertOnly;
+  settings.isCI = false;
+  settings.maxSymbolicationVersion = maxSymbolicationVersion;
+
+  if (!buildPhaseRoute) return runManualMode(arguments, std::move(settings));
+  return runBuildPhaseMode(arguments, *environment, std::move(settings));
+}
+
+int runMain(int argc, char** argv) { return run(ArgumentList(argc, argv)); }
 
 }  // namespace symlift::cli

@@ -1,9 +1,18 @@
 #pragma once
+// The run itself: reads the options, takes the manual or build-phase route and
+// hands the dSYMs to processing.
+
+#include "cli/options.h"
 
 namespace symlift::cli {
 
-// The whole run: reads the options, takes the manual or build-phase route and
-// returns (or exits with) the run's status.
+// The whole run for the process's arguments; returns (or exits with) the
+// run's status.
 int runMain(int argc, char** argv);
+
+// The run for the given argument words (program path first), reading the
+// process environment in build-phase mode. Returns the exit status; a dSYM
+// that never becomes complete ends the process from the build-phase wait.
+int run(const ArgumentList& arguments);
 
 }  // namespace symlift::cli

@@ -1,0 +1,73 @@
+#include "cli/options.h"
+
+#include <string>
+
+namespace symlift::cli {
+
+ArgumentList::ArgumentList(int argc, char** argv) {
+  for (int i = 0; i < argc; ++i) {
+    if (argv[i]) words_.emplace_back(argv[i]);
+  }
+}
+
+bool ArgumentList::hasFlag(std::string_view shortName, std::string_view longName) const {
+  const std::string spellings[] = {
+      "-" + std::string(shortName),
+      "--" + std::string(shortName),
+      "-" + std::string(longName),
+      "--" + std::string(longName),
+  };
+  for (const auto& word : words_) {
+    for (const auto& spelling : spellings) {
+      if (word == spelling) return true;
+    }
+  }
+  return false;
+}
+
+std::optional<std::string> ArgumentList::valueForKey(std::string_view key) const {
+  // Argument-domain lookup: a word "-key" followed by any word sets key to
+  // that word. The program path is not part of the domain. Every word is
+  // looked at, so an option followed by another option does not hide it.
+  const std::string keyWord = "-" + std::string(key);
+  std::optional<std::string> value;
+  for (std::size_t i = 1; i + 1 < words_.size(); ++i) {
+    if (words_[i] == keyWord) value = words_[i + 1];
+  }
+  return value;
+}
+
+std::optional<std::string> ArgumentList::valueForFlag(std::string_view shortName,
+                                                      std::string_view longName) const {
+  const std::string keys[] = {
+      std::string(shortName),
+      "-" + std::string(shortName),
+      std::string(longName),
+      "-" + std::string(longName),
+  };
+  for (const auto& key : keys) {
+    if (auto value = valueForKey(key)) return value;
+  }
+  return std::nullopt;
+}
+
+std::vector<std::string> ArgumentList::pathArguments() const {
+  std::vector<std::string> paths;
+  bool afterSeparator = false;
+  std::size_t run = 0;
+  for (const auto& word : words_) {
+    if (word == "--") {
+      afterSeparator = true;
+      continue;
+    }
+    if (!word.empty() && word.front() == '-') {
+      run = 0;
+    } else {
+      ++run;
+    }
+    if (afterSeparator || run >= 2) paths.push_back(word);
+  }
+  return paths;
+}
+
+}  // namespace symlift::cli
