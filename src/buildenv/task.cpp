@@ -19,6 +19,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr auto kPollInterval = std::chrono::milliseconds(100);
+// How often an exited child's pipes being closed makes us look for its exit.
+constexpr auto kReapInterval = std::chrono::milliseconds(10);
 constexpr auto kKillGrace = std::chrono::seconds(5);
 
 // A file descriptor closed when it goes out of scope.
@@ -203,10 +205,10 @@ bool SUPTask::launchWithPath(const std::string& path, const std::optional<std::s
       waitStatus = 0;
       exited = true;
     } else if (pipesClosed && count == 0 && limited) {
-      // Nothing to poll: pace the loop ourselves.
+      // Nothing to poll: the child has closed its output and is about to
+      // exit (or runs on silently); pace the loop ourselves.
       auto now = Clock::now();
-      auto pause = now > deadline ? kPollInterval
-                                  : std::min<Clock::duration>(kPollInterval, deadline - now);
+      auto pause = now > deadline ? kReapInterval : std::min<Clock::duration>(kReapInterval, deadline - now);
       struct timespec sleepFor {
         0, static_cast<long>(std::chrono::duration_cast<std::chrono::nanoseconds>(pause).count())
       };

@@ -14,7 +14,7 @@
 //    completion; the other operations then answer as for a failed run
 //    (nothing, or false).
 //  - With a time limit, the program is sent SIGTERM once the deadline has
-//    passed (again every 0.1 s while it keeps running) and SIGKILL when it
+//    passed (again and again while it keeps running) and SIGKILL when it
 //    is still running five seconds after the deadline.
 
 #include <cstdint>

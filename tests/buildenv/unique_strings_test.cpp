@@ -1,0 +1,93 @@
+#include "buildenv/unique_strings.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <regex>
+#include <set>
+
+#include "buildenv/path_component.h"
+#include "support/temporary_directory.h"
+
+namespace symlift::buildenv {
+namespace {
+
+// Sets TMPDIR for one scope and puts the old value back.
+class ScopedTMPDIR {
+ public:
+  explicit ScopedTMPDIR(const char* value) {
+    if (const char* old = std::getenv("TMPDIR")) saved_ = old;
+    if (value)
+      ::setenv("TMPDIR", value, 1);
+    else
+      ::unsetenv("TMPDIR");
+  }
+  ~ScopedTMPDIR() {
+    if (saved_)
+      ::setenv("TMPDIR", saved_->c_str(), 1);
+    else
+      ::unsetenv("TMPDIR");
+  }
+
+ private:
+  std::optional<std::string> saved_;
+};
+
+TEST(SUPStringsUnique, VersionFourUUIDTextAndNeverRepeats) {
+  const std::regex uuid("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}");
+  std::set<std::string> seen;
+  for (int i = 0; i < 1000; ++i) {
+    std::string text = SUPStrings::uniqueString();
+    EXPECT_TRUE(std::regex_match(text, uuid)) << text;
+    seen.insert(text);
+  }
+  EXPECT_EQ(seen.size(), 1000u);
+}
+
+TEST(SUPStringsUnique, ZipPathInTheTemporaryDirectory) {
+  const std::regex zip("/work/tmp/[0-9A-F-]{36}\\.zip");
+  {
+    ScopedTMPDIR tmp("/work/tmp/");
+    std::string first = SUPStrings::uniqueZipFilePath();
+    std::string second = SUPStrings::uniqueZipFilePath();
+    EXPECT_TRUE(std::regex_match(first, zip)) << first;
+    EXPECT_NE(first, second);
+  }
+  {
+    ScopedTMPDIR tmp(nullptr);
+    EXPECT_EQ(support::temporaryDirectory(), "/tmp");
+    EXPECT_EQ(SUPStrings::uniqueZipFilePath().rfind("/tmp/", 0), 0u);
+  }
+  {
+    ScopedTMPDIR tmp("");
+    EXPECT_EQ(support::temporaryDirectory(), "/tmp");
+  }
+}
+
+TEST(SUPStringsUnique, GZipNameIsAPathComponent) {
+  std::string name = SUPStrings::uniqueGZipFileName();
+  EXPECT_TRUE(std::regex_match(name, std::regex("[0-9A-F-]{36}/gz"))) << name;
+}
+
+TEST(SUPStringsMD5, KnownDigests) {
+  EXPECT_EQ(SUPStrings::MD5HashForString(""), "d41d8cd98f00b204e9800998ecf8427e");
+  EXPECT_EQ(SUPStrings::MD5HashForString("abc"), "900150983cd24fb0d6963f7d28e17f72");
+  EXPECT_EQ(SUPStrings::MD5HashForString("The quick brown fox jumps over the lazy dog"),
+            "9e107d9d372bb6826bd81d3542a419d6");
+  // All the bytes count: a NUL inside the string, and the UTF-8 of "é".
+  EXPECT_EQ(SUPStrings::MD5HashForString(std::string("a\0b", 3)), "70350f6027bce3713f6b76473084309b");
+  EXPECT_EQ(SUPStrings::MD5HashForString("\xC3\xA9"), "66ddcd97cfdeabb2f6fb8a999b4bc76f");
+}
+
+TEST(AppendingPathComponent, JoinsWithoutDoubledSlashes) {
+  EXPECT_EQ(appendingPathComponent("/a/b", "c.dSYM"), "/a/b/c.dSYM");
+  EXPECT_EQ(appendingPathComponent("/a/b/", "c.dSYM"), "/a/b/c.dSYM");
+  EXPECT_EQ(appendingPathComponent("/a/b", "/c.dSYM/"), "/a/b/c.dSYM");
+  EXPECT_EQ(appendingPathComponent("/", "tmp"), "/tmp");
+  EXPECT_EQ(appendingPathComponent("", "c.dSYM"), "c.dSYM");
+  EXPECT_EQ(appendingPathComponent("/a", ""), "/a");
+  EXPECT_EQ(appendingPathComponent("rel", "x/y"), "rel/x/y");
+}
+
+}  // namespace
+}  // namespace symlift::buildenv
