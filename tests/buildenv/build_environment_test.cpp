@@ -6,15 +6,15 @@
 
 #include "captured_output.h"
 #include "cli/console_log.h"
-#include "support/test_support.h"
 
 namespace symlift::buildenv {
 namespace {
 
 using symlift::testing::CapturedOutput;
 using symlift::testing::TempDir;
+using Paths = std::vector<std::string>;
 
-// Runs body with the console at the given level and colour off, restoring both.
+// Standard output of body, with the console at level and colour off.
 template <typename Body>
 std::string consoleOutput(std::uint64_t level, Body&& body) {
   auto& log = cli::SYLLogging::sharedInstance();
@@ -30,194 +30,135 @@ std::string consoleOutput(std::uint64_t level, Body&& body) {
   return text;
 }
 
-TEST(BuildPlatformName, MapsEveryKnownPlatformIgnoringCase) {
+TEST(BuildPlatformName, TableIgnoringCase) {
   const std::pair<const char*, const char*> table[] = {
-      {"macosx", "mac"},           {"MacOSX", "mac"},          {"iphoneos", "ios"},
-      {"iPhoneOS", "ios"},         {"iphonesimulator", "ios"}, {"appletvos", "tvos"},
-      {"AppleTVSimulator", "tvos"}, {"watchos", "watchos"},    {"watchsimulator", "watchos"},
-      {"xros", "xros"},            {"XRSimulator", "xros"},
+      {"macosx", "mac"},       {"iPhoneOS", "ios"},    {"iphonesimulator", "ios"}, {"AppleTVOS", "tvos"},
+      {"appletvsimulator", "tvos"}, {"watchOS", "watchos"}, {"watchsimulator", "watchos"}, {"xros", "xros"},
+      {"XRSimulator", "xros"}, {"driverkit", "unspecified"}, {"iphoneos ", "unspecified"}, {"", "unspecified"},
   };
   for (const auto& [variable, platform] : table)
     EXPECT_EQ(platformNameFromEnvironment({{"PLATFORM_NAME", variable}}), platform) << variable;
-}
-
-TEST(BuildPlatformName, UnknownMissingOrEmptyIsUnspecified) {
-  EXPECT_EQ(platformNameFromEnvironment({{"PLATFORM_NAME", "driverkit"}}), "unspecified");
-  EXPECT_EQ(platformNameFromEnvironment({{"PLATFORM_NAME", ""}}), "unspecified");
   EXPECT_EQ(platformNameFromEnvironment({}), "unspecified");
-  // A near miss is not a match.
-  EXPECT_EQ(platformNameFromEnvironment({{"PLATFORM_NAME", "iphoneos "}}), "unspecified");
 }
 
-Environment lumoEnvironment() {
-  return {{"DWARF_DSYM_FOLDER_PATH", "/build/Products/Release-iphoneos"}, {"DWARF_DSYM_FILE_NAME", "Runner.app.dSYM"}};
-}
+const Environment kLumo{{"DWARF_DSYM_FOLDER_PATH", "/p/Release-iphoneos/"}, {"DWARF_DSYM_FILE_NAME", "R.app.dSYM"}};
 
-TEST(BuildDSYMPaths, AppDSYMOnlyOutsideLumoProjects) {
-  auto environment = lumoEnvironment();
-  environment["CONFIGURATION"] = "Release";
-  EXPECT_EQ(dSYMPathsFromEnvironment(environment, false),
-            std::vector<std::string>{"/build/Products/Release-iphoneos/Runner.app.dSYM"});
-}
-
-TEST(BuildDSYMPaths, LumoReleaseAndMissingConfigurationAddTheFrameworkDSYM) {
-  const std::vector<std::string> both{"/build/Products/Release-iphoneos/Runner.app.dSYM",
-                                      "/build/Products/Release-iphoneos/App.framework.dSYM"};
-  auto environment = lumoEnvironment();
-  EXPECT_EQ(dSYMPathsFromEnvironment(environment, true), both);  // no CONFIGURATION
-  environment["CONFIGURATION"] = "Release";
-  EXPECT_EQ(dSYMPathsFromEnvironment(environment, true), both);
-  // The test for "Debug" is case-sensitive.
-  environment["CONFIGURATION"] = "debug";
-  EXPECT_EQ(dSYMPathsFromEnvironment(environment, true), both);
-}
-
-TEST(BuildDSYMPaths, LumoDebugConfigurationsHaveNoFrameworkDSYM) {
-  auto environment = lumoEnvironment();
-  for (const char* configuration : {"Debug", "Debug-Staging", "StagingDebug"}) {
+TEST(BuildDSYMPaths, FrameworkDSYMOnlyForNonDebugLumoBuilds) {
+  const Paths app{"/p/Release-iphoneos/R.app.dSYM"};
+  const Paths both{app[0], "/p/Release-iphoneos/App.framework.dSYM"};
+  EXPECT_EQ(dSYMPathsFromEnvironment(kLumo, true), both);  // no CONFIGURATION
+  EXPECT_EQ(dSYMPathsFromEnvironment(kLumo, false), app);
+  const std::pair<const char*, Paths> configurations[] = {
+      {"Release", both}, {"debug", both}, {"Debug", app}, {"Debug-Staging", app}, {"StagingDebug", app}};
+  for (const auto& [configuration, expected] : configurations) {
+    auto environment = kLumo;
     environment["CONFIGURATION"] = configuration;
-    EXPECT_EQ(dSYMPathsFromEnvironment(environment, true),
-              std::vector<std::string>{"/build/Products/Release-iphoneos/Runner.app.dSYM"})
-        << configuration;
+    EXPECT_EQ(dSYMPathsFromEnvironment(environment, true), expected) << configuration;
   }
-}
-
-TEST(BuildDSYMPaths, NeverEmptyEvenWithNothingSet) {
-  EXPECT_EQ(dSYMPathsFromEnvironment({}, false).size(), 1u);
-  EXPECT_EQ(dSYMPathsFromEnvironment({{"DWARF_DSYM_FOLDER_PATH", "/dsyms/"}, {"DWARF_DSYM_FILE_NAME", "A.dSYM"}},
-                                     false),
-            std::vector<std::string>{"/dsyms/A.dSYM"});
+  EXPECT_EQ(dSYMPathsFromEnvironment({}, false).size(), 1u);  // never empty
 }
 
 TEST(BuildDSYMPaths, ObfuscationWarningOnlyForExactlyTrue) {
+  auto environment = kLumo;
+  environment["VEXA_OBFUSCATION"] = "true";
   const std::string warning =
       "warning: Lumo build with '--obfuscate' enabled. To view deobfuscated stack traces, upgrade to Lumo 3.12.0+ "
       "or upload dSYMs manually using the Pelloran console web uploader at "
       "https://console.pelloran.example/project/_/vantrel\n";
-  auto environment = lumoEnvironment();
-  environment["VEXA_OBFUSCATION"] = "true";
-  // Printed whether or not the run is in Lumo project mode.
-  EXPECT_EQ(consoleOutput(cli::kLogLevelInfo, [&] { dSYMPathsFromEnvironment(environment, false); }), warning);
-  EXPECT_EQ(consoleOutput(cli::kLogLevelInfo, [&] { dSYMPathsFromEnvironment(environment, true); }), warning);
-  for (const char* value : {"TRUE", "True", "1", "yes", ""}) {
+  for (bool lumo : {false, true})
+    EXPECT_EQ(consoleOutput(cli::kLogLevelInfo, [&] { dSYMPathsFromEnvironment(environment, lumo); }), warning);
+  for (const char* value : {"TRUE", "True", "1", ""}) {
     environment["VEXA_OBFUSCATION"] = value;
     EXPECT_EQ(consoleOutput(cli::kLogLevelInfo, [&] { dSYMPathsFromEnvironment(environment, true); }), "") << value;
   }
 }
 
 TEST(BuildDSYMPaths, SplitDebugInfoDebugLineInLumoModeOnly) {
-  auto environment = lumoEnvironment();
-  environment["SPLIT_DEBUG_INFO"] = "";  // set with any value, even empty
+  auto environment = kLumo;
+  environment["SPLIT_DEBUG_INFO"] = "";  // set, even empty, is enough
   EXPECT_EQ(consoleOutput(cli::kLogLevelDebug, [&] { dSYMPathsFromEnvironment(environment, true); }),
-            "--split-debug-info enabled, using dSYMs at path (/build/Products/Release-iphoneos)\n");
+            "--split-debug-info enabled, using dSYMs at path (/p/Release-iphoneos/)\n");
   EXPECT_EQ(consoleOutput(cli::kLogLevelDebug, [&] { dSYMPathsFromEnvironment(environment, false); }), "");
-  environment.erase("SPLIT_DEBUG_INFO");
-  EXPECT_EQ(consoleOutput(cli::kLogLevelDebug, [&] { dSYMPathsFromEnvironment(environment, true); }), "");
 }
 
 class BuildEnvironmentValidation : public ::testing::Test {
  protected:
-  void SetUp() override {
-    dir_.write("Runner.app.dSYM/Contents/Info.plist", "");
-    environment_ = {{"BUILT_PRODUCTS_DIR", dir_.str()},
-                    {"DWARF_DSYM_FILE_NAME", "Runner.app.dSYM"},
-                    {"DWARF_DSYM_FOLDER_PATH", dir_.str()},
-                    {"PROJECT_DIR", "/src/Runner"}};
-  }
+  void SetUp() override { dir_.write("R.app.dSYM/Contents/Info.plist", ""); }
   std::optional<std::string> validate(std::string* printed = nullptr) {
     std::optional<std::string> message;
-    std::string output = consoleOutput(cli::kLogLevelDebug, [&] { message = validateBuildEnvironment(environment_, false); });
-    if (printed) *printed = output;
+    std::string out = consoleOutput(cli::kLogLevelDebug, [&] { message = validateBuildEnvironment(env_, false); });
+    if (printed) *printed = out;
     return message;
   }
   TempDir dir_;
-  Environment environment_;
+  Environment env_{{"BUILT_PRODUCTS_DIR", dir_.str()}, {"DWARF_DSYM_FILE_NAME", "R.app.dSYM"},
+                   {"DWARF_DSYM_FOLDER_PATH", dir_.str()}, {"PROJECT_DIR", "/src/R"}};
 };
 
-TEST_F(BuildEnvironmentValidation, CompleteEnvironmentWithDSYMPassesSilently) {
+TEST_F(BuildEnvironmentValidation, NamesTheFirstMissingOrEmptyVariable) {
   std::string printed;
   EXPECT_EQ(validate(&printed), std::nullopt);
   EXPECT_EQ(printed, "");
-}
-
-TEST_F(BuildEnvironmentValidation, NamesTheFirstMissingOrEmptyVariableInOrder) {
+  // Taken away from last to first (alternately unset and empty): each time
+  // the one just taken is the first missing and is named.
   const char* order[] = {"BUILT_PRODUCTS_DIR", "DWARF_DSYM_FILE_NAME", "DWARF_DSYM_FOLDER_PATH", "PROJECT_DIR"};
-  // Remove them from last to first: each time the earliest missing one is named.
   for (int i = 3; i >= 0; --i) {
-    if (i % 2)
-      environment_.erase(order[i]);
-    else
-      environment_[order[i]] = "";
+    if (i % 2) env_.erase(order[i]); else env_[order[i]] = "";
     EXPECT_EQ(validate(), std::string("Failed to Detect Build Environment ") + order[i] +
                               " value not found in environment");
   }
 }
 
-TEST_F(BuildEnvironmentValidation, OnlyProjectDirMissing) {
-  environment_.erase("PROJECT_DIR");
-  EXPECT_EQ(validate(), "Failed to Detect Build Environment PROJECT_DIR value not found in environment");
-}
-
 TEST_F(BuildEnvironmentValidation, MissingDSYMIsOnlyABuildWarning) {
-  environment_["DWARF_DSYM_FILE_NAME"] = "Other.app.dSYM";
+  env_["DWARF_DSYM_FILE_NAME"] = "Other.app.dSYM";
   std::string printed;
   EXPECT_EQ(validate(&printed), std::nullopt);
-  const std::string path = dir_.str() + "/Other.app.dSYM";
   EXPECT_EQ(printed,
             "warning: DEBUG_INFORMATION_FORMAT should be set to dwarf-with-dsym for all configurations. This could "
             "also be a timing issue, make sure the Pelloran run script build phase is the last build phase and no "
             "other scripts have moved the dSYM from the location Xcode generated it. Unable to process "
-            "Other.app.dSYM at path " + path + "\nMake sure your project build settings are generating a dSYM "
-            "file.\n\n\n");
+            "Other.app.dSYM at path " + dir_.str() + "/Other.app.dSYM\nMake sure your project build settings are "
+            "generating a dSYM file.\n\n\n");
 }
 
 TEST(BuildWarning, WithAndWithoutLocation) {
-  std::string text = consoleOutput(cli::kLogLevelInfo, [] {
-    printBuildWarning(std::string("Sources/App.swift"), 42, "something odd");
-    printBuildWarning(std::nullopt, 42, "no place");
-    printBuildWarningFormat("{} of {}", 1, "two");
-  });
-  EXPECT_EQ(text, "Sources/App.swift:42: warning: something odd\nwarning: no place\nwarning: 1 of two\n");
+  EXPECT_EQ(consoleOutput(cli::kLogLevelError, [] {
+              printBuildWarning(std::string("Sources/App.swift"), 42, "something odd");
+              printBuildWarning(std::nullopt, 42, "no place");
+              printBuildWarningFormat("{} of {}", 1, "two");
+            }),
+            "Sources/App.swift:42: warning: something odd\nwarning: no place\nwarning: 1 of two\n");
 }
 
-TEST(DSYMFileSize, SizesOfFilesAndFolders) {
+TEST(DSYMFileSize, SizesAndTheSystemLogLine) {
   TempDir dir;
-  auto file = dir.write("a/data.bin", std::string(1234, 'x'));
-  EXPECT_EQ(fileSizeAtPath(file.string()), 1234);
+  EXPECT_EQ(fileSizeAtPath(dir.write("a/data.bin", std::string(1234, 'x')).string()), 1234);
   EXPECT_GT(fileSizeAtPath((dir.path() / "a").string()), 0);  // the folder entry's own size
-}
 
-TEST(DSYMFileSize, UnreadableAttributesLogToStandardError) {
-  TempDir dir;
   const std::string missing = dir.str() + "/none.dSYM/Contents/Resources/DWARF";
   std::int64_t size = -1;
-  std::string out;
   CapturedOutput err(STDERR_FILENO);
-  out = consoleOutput(cli::kLogLevelDebug, [&] { size = fileSizeAtPath(missing); });
+  EXPECT_EQ(consoleOutput(cli::kLogLevelDebug, [&] { size = fileSizeAtPath(missing); }), "");
   std::string logged = err.take();
   EXPECT_EQ(size, 0);
-  EXPECT_EQ(out, "");  // nothing through the console log
-  std::regex line(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} [^\[ ]+\[\d+\] )"
-                  R"(Unable to get file attributes for dSYM file at path ")" +
-                  std::regex_replace(missing, std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)") + "\"\n");
-  EXPECT_TRUE(std::regex_match(logged, line)) << logged;
+  // "<date> <time> <process>[<pid>] <message>"
+  std::regex prefix(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} buildenv_tests\[\d+\] )");
+  std::smatch match;
+  ASSERT_TRUE(std::regex_search(logged, match, prefix) && match.position() == 0) << logged;
+  EXPECT_EQ(match.suffix().str(), "Unable to get file attributes for dSYM file at path \"" + missing + "\"\n");
 }
 
 TEST(BuiltProducts, ReadsTheDictionaryBelowBuiltProductsDir) {
   TempDir dir;
-  dir.write("Runner.app/OmvaraService-Info.plist",
-            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
-            "<key>OMVARA_APP_ID</key><string>1:2:ios:3</string></dict></plist>\n");
-  dir.write("Runner.app/List.plist", "<plist version=\"1.0\"><array><string>x</string></array></plist>");
+  dir.write("R.app/OmvaraService-Info.plist",
+            "<plist version=\"1.0\"><dict><key>OMVARA_APP_ID</key><string>1:2:ios:3</string></dict></plist>");
+  dir.write("R.app/List.plist", "<plist version=\"1.0\"><array><string>x</string></array></plist>");
   Environment environment{{"BUILT_PRODUCTS_DIR", dir.str()}};
-
-  auto list = plistFromBuiltProducts(environment, "Runner.app/OmvaraService-Info.plist");
-  ASSERT_TRUE(list.isDictionary());
+  auto list = plistFromBuiltProducts(environment, "R.app/OmvaraService-Info.plist");
   EXPECT_EQ(list.stringForKey("OMVARA_APP_ID"), "1:2:ios:3");
-
-  EXPECT_FALSE(plistFromBuiltProducts(environment, "Runner.app/Missing.plist"));
-  EXPECT_FALSE(plistFromBuiltProducts(environment, "Runner.app/List.plist"));  // not a dictionary
-  EXPECT_FALSE(plistFromBuiltProducts({}, "Runner.app/OmvaraService-Info.plist"));
+  EXPECT_FALSE(plistFromBuiltProducts(environment, "R.app/Missing.plist"));
+  EXPECT_FALSE(plistFromBuiltProducts(environment, "R.app/List.plist"));  // not a dictionary
+  EXPECT_FALSE(plistFromBuiltProducts({}, "R.app/OmvaraService-Info.plist"));
 }
 
 TEST(CIDetection, DecisionOrderAndShortCuts) {
@@ -226,33 +167,24 @@ TEST(CIDetection, DecisionOrderAndShortCuts) {
     std::vector<std::string> asked;
   };
   const Case cases[] = {
-      {true, false, false, true, {"xcsbuildd"}},
       {true, true, true, true, {"xcsbuildd"}},
       {false, true, false, false, {"xcsbuildd", "desktop"}},
       {false, false, true, false, {"xcsbuildd", "desktop", "Xcode"}},
-      // Started from a terminal, no desktop app, no Xcode: taken for CI.
-      {false, false, false, true, {"xcsbuildd", "desktop", "Xcode"}},
+      {false, false, false, true, {"xcsbuildd", "desktop", "Xcode"}},  // a terminal, no app, no Xcode
   };
   for (const auto& c : cases) {
     std::vector<std::string> asked;
-    bool result = isRunningInCI(
-        [&](const std::string& name) {
-          asked.push_back(name);
-          return name == "xcsbuildd" ? c.xcodeServer : name == "Xcode" ? c.xcode : false;
-        },
-        [&] {
-          asked.push_back("desktop");
-          return c.desktopApp;
-        });
-    EXPECT_EQ(result, c.expected);
+    auto ancestor = [&](const std::string& name) {
+      asked.push_back(name);
+      return name == "xcsbuildd" ? c.xcodeServer : name == "Xcode" && c.xcode;
+    };
+    auto desktop = [&] {
+      asked.push_back("desktop");
+      return c.desktopApp;
+    };
+    EXPECT_EQ(isRunningInCI(ancestor, desktop), c.expected);
     EXPECT_EQ(asked, c.asked);
   }
-}
-
-TEST(CIDetection, NoXcodeAncestorsHere) {
-  // The test runs outside Xcode, so neither build host is an ancestor.
-  EXPECT_FALSE(isRunningInXcode());
-  EXPECT_FALSE(isRunningInXcodeServer());
 }
 
 }  // namespace

@@ -1,12 +1,11 @@
 #pragma once
-// Captures what is written to standard output or standard error (the file
-// descriptor, so writes through stdio and write(2) are both seen).
+// Captures what is written to a file descriptor (standard output or error),
+// whether through stdio or write(2).
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <string>
 
 #include "support/test_support.h"
 
@@ -14,36 +13,30 @@ namespace symlift::testing {
 
 class CapturedOutput {
  public:
-  explicit CapturedOutput(int fd) : fd_(fd) {
+  explicit CapturedOutput(int fd) : fd_(fd), path_((dir_.path() / "captured").string()) {
     std::fflush(nullptr);
-    path_ = (directory_.path() / "captured").string();
     int file = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     saved_ = ::dup(fd_);
     ::dup2(file, fd_);
     ::close(file);
   }
-  ~CapturedOutput() { restore(); }
-  CapturedOutput(const CapturedOutput&) = delete;
-  CapturedOutput& operator=(const CapturedOutput&) = delete;
+  ~CapturedOutput() { take(); }
 
-  // Stops capturing and returns everything written meanwhile.
+  // Stops capturing (once) and returns everything written meanwhile.
   std::string take() {
-    restore();
+    if (saved_ >= 0) {
+      std::fflush(nullptr);
+      ::dup2(saved_, fd_);
+      ::close(saved_);
+      saved_ = -1;
+    }
     return readFile(path_);
   }
 
  private:
-  void restore() {
-    if (saved_ < 0) return;
-    std::fflush(nullptr);
-    ::dup2(saved_, fd_);
-    ::close(saved_);
-    saved_ = -1;
-  }
-
   int fd_;
   int saved_ = -1;
-  TempDir directory_;
+  TempDir dir_;
   std::string path_;
 };
 

@@ -8,7 +8,7 @@
 namespace symlift::buildenv {
 namespace {
 
-// Records the sleeps and exits a wait asks for instead of doing them.
+// Counts the sleeps and records the exits a wait asks for instead of doing them.
 struct FakeClock {
   int sleeps = 0;
   std::vector<int> exits;
@@ -17,51 +17,31 @@ struct FakeClock {
   }
 };
 
-TEST(WaitUntil, TruePredicateReturnsWithoutSleeping) {
-  FakeClock clock;
-  int checks = 0;
-  EXPECT_TRUE(waitUntil(30, [&] { return ++checks > 0; }, clock.hooks()));
-  EXPECT_EQ(checks, 1);
-  EXPECT_EQ(clock.sleeps, 0);
-  EXPECT_TRUE(clock.exits.empty());
+TEST(WaitUntil, FirstCheckThenOneCheckPerSecondThenExitOne) {
+  struct Case {
+    std::int64_t timeout;
+    int trueAtCheck;  // 0: never
+    int checks, sleeps;
+    bool exited;
+  };
+  const Case cases[] = {
+      {30, 1, 1, 0, false},  {0, 0, 1, 0, true},   {-5, 0, 1, 0, true},
+      {30, 0, 31, 30, true}, {3, 4, 4, 3, false},  // holds on the very last round
+      {3, 5, 4, 3, true},
+  };
+  for (const auto& c : cases) {
+    FakeClock clock;
+    int checks = 0;
+    bool held = waitUntil(c.timeout, [&] { return ++checks == c.trueAtCheck; }, clock.hooks());
+    SCOPED_TRACE(::testing::Message() << "timeout " << c.timeout << ", true at " << c.trueAtCheck);
+    EXPECT_EQ(held, !c.exited);
+    EXPECT_EQ(checks, c.checks);
+    EXPECT_EQ(clock.sleeps, c.sleeps);
+    EXPECT_EQ(clock.exits, c.exited ? std::vector<int>{1} : std::vector<int>{});
+  }
 }
 
-TEST(WaitUntil, ZeroTimeoutChecksOnceThenExits) {
-  FakeClock clock;
-  int checks = 0;
-  EXPECT_FALSE(waitUntil(0, [&] { ++checks; return false; }, clock.hooks()));
-  EXPECT_EQ(checks, 1);
-  EXPECT_EQ(clock.sleeps, 0);
-  EXPECT_EQ(clock.exits, std::vector<int>{1});
-}
-
-TEST(WaitUntil, NegativeTimeoutBehavesAsZero) {
-  FakeClock clock;
-  int checks = 0;
-  EXPECT_FALSE(waitUntil(-5, [&] { ++checks; return false; }, clock.hooks()));
-  EXPECT_EQ(checks, 1);
-  EXPECT_EQ(clock.sleeps, 0);
-  EXPECT_EQ(clock.exits, std::vector<int>{1});
-}
-
-TEST(WaitUntil, TimeoutGivesThatManyMoreChecksOneSecondApart) {
-  FakeClock clock;
-  int checks = 0;
-  EXPECT_FALSE(waitUntil(30, [&] { ++checks; return false; }, clock.hooks()));
-  EXPECT_EQ(checks, 31);
-  EXPECT_EQ(clock.sleeps, 30);
-  EXPECT_EQ(clock.exits, std::vector<int>{1});
-}
-
-TEST(WaitUntil, PredicateTurningTrueOnTheLastRoundStillPasses) {
-  FakeClock clock;
-  int checks = 0;
-  EXPECT_TRUE(waitUntil(3, [&] { return ++checks == 4; }, clock.hooks()));
-  EXPECT_EQ(clock.sleeps, 3);
-  EXPECT_TRUE(clock.exits.empty());
-}
-
-// Sizes handed out in order per path; the last one repeats.
+// Sizes handed out in order per path (the last one repeats; none given: 0).
 struct FakeSizes {
   std::map<std::string, std::deque<std::int64_t>> readings;
   std::vector<std::string> asked;
@@ -77,63 +57,55 @@ struct FakeSizes {
 
 const std::string kDSYM = "/b/App.app.dSYM";
 const std::string kDWARF = "/b/App.app.dSYM/Contents/Resources/DWARF";
+const std::string kDylib = kDWARF + "/App.debug.dylib";
 
-TEST(WaitForDSYM, StableSizeAfterTwoEqualReadings) {
+TEST(WaitForDSYM, StabilityNeedsTwoEqualReadingsOrAFirstZero) {
   FakeClock clock;
   FakeSizes sizes;
-  // Non-zero check, then stability: 96 (differs from 0), 128, 160, 160.
-  sizes.readings[kDWARF] = {96, 96, 128, 160, 160};
+  sizes.readings[kDWARF] = {96, 96, 128, 160, 160};  // non-zero check, then 96 ≠ 0, 128, 160 = 160
   EXPECT_TRUE(waitForDSYM({}, kDSYM, clock.hooks(), std::ref(sizes)));
   EXPECT_EQ(sizes.asked.size(), 5u);
   EXPECT_EQ(clock.sleeps, 3);
-  EXPECT_TRUE(clock.exits.empty());
-}
 
-TEST(WaitForDSYM, StabilityReadingOfZeroPassesAtOnce) {
-  FakeClock clock;
-  FakeSizes sizes;
-  sizes.readings[kDWARF] = {4096, 0};
-  EXPECT_TRUE(waitForDSYM({}, kDSYM, clock.hooks(), std::ref(sizes)));
-  EXPECT_EQ(sizes.asked.size(), 2u);
-  EXPECT_EQ(clock.sleeps, 0);
+  FakeClock quick;
+  FakeSizes zero;
+  zero.readings[kDWARF] = {4096, 0};
+  EXPECT_TRUE(waitForDSYM({}, kDSYM, quick.hooks(), std::ref(zero)));
+  EXPECT_EQ(zero.asked.size(), 2u);
+  EXPECT_EQ(quick.sleeps, 0);
 }
 
 TEST(WaitForDSYM, EmptyDWARFFolderGivesUpAfterThirtySeconds) {
   FakeClock clock;
   FakeSizes sizes;
   EXPECT_FALSE(waitForDSYM({}, kDSYM, clock.hooks(), std::ref(sizes)));
-  EXPECT_EQ(clock.sleeps, 30);
   EXPECT_EQ(clock.exits, std::vector<int>{1});
   EXPECT_EQ(sizes.asked, std::vector<std::string>(31, kDWARF));
 }
 
 TEST(WaitForDSYM, DebugDylibIsWaitedForOnlyWhenEnabled) {
-  const std::string dylib = kDWARF + "/App.debug.dylib";
   Environment environment{{"ENABLE_DEBUG_DYLIB", "YES"}, {"EXECUTABLE_NAME", "App"}};
-  {
-    FakeClock clock;
-    FakeSizes sizes;
-    sizes.readings[kDWARF] = {128};
-    sizes.readings[dylib] = {0, 0, 2048};
-    EXPECT_TRUE(waitForDSYM(environment, kDSYM, clock.hooks(), std::ref(sizes)));
-    EXPECT_EQ(sizes.asked, (std::vector<std::string>{kDWARF, dylib, dylib, dylib, kDWARF, kDWARF}));
-  }
-  {
-    FakeClock clock;
-    FakeSizes sizes;
-    sizes.readings[kDWARF] = {128};
-    EXPECT_FALSE(waitForDSYM(environment, kDSYM, clock.hooks(), std::ref(sizes)));
-    EXPECT_EQ(clock.exits, std::vector<int>{1});
-    // Never got as far as the stability wait.
-    EXPECT_EQ(sizes.asked.back(), dylib);
-  }
-  for (const char* value : {"yes", "NO", ""}) {
-    FakeClock clock;
-    FakeSizes sizes;
-    sizes.readings[kDWARF] = {128};
+  FakeClock clock;
+  FakeSizes sizes;
+  sizes.readings[kDWARF] = {128};
+  sizes.readings[kDylib] = {0, 0, 2048};
+  EXPECT_TRUE(waitForDSYM(environment, kDSYM, clock.hooks(), std::ref(sizes)));
+  EXPECT_EQ(sizes.asked, (std::vector<std::string>{kDWARF, kDylib, kDylib, kDylib, kDWARF, kDWARF}));
+
+  FakeClock stuck;
+  FakeSizes noDylib;
+  noDylib.readings[kDWARF] = {128};
+  EXPECT_FALSE(waitForDSYM(environment, kDSYM, stuck.hooks(), std::ref(noDylib)));
+  EXPECT_EQ(stuck.exits, std::vector<int>{1});
+  EXPECT_EQ(noDylib.asked.back(), kDylib);  // never reached the stability wait
+
+  for (const char* value : {"yes", "NO"}) {
+    FakeClock other;
+    FakeSizes dwarfOnly;
+    dwarfOnly.readings[kDWARF] = {128};
     environment["ENABLE_DEBUG_DYLIB"] = value;
-    EXPECT_TRUE(waitForDSYM(environment, kDSYM, clock.hooks(), std::ref(sizes)));
-    EXPECT_EQ(sizes.asked, (std::vector<std::string>{kDWARF, kDWARF, kDWARF})) << value;
+    EXPECT_TRUE(waitForDSYM(environment, kDSYM, other.hooks(), std::ref(dwarfOnly)));
+    EXPECT_EQ(dwarfOnly.asked, std::vector<std::string>(3, kDWARF)) << value;
   }
 }
 
