@@ -1,25 +1,13 @@
 #include "cli/symbolication_version.h"
 
-#include <atomic>
 #include <cctype>
 #include <cstdlib>
 
 namespace symlift::cli {
 
 namespace {
-std::atomic<float>& defaultVersion() {
-  static std::atomic<float> version{0.0f};
-  return version;
-}
-
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 }  // namespace
-
-float defaultMaxSymbolicationVersion() { return defaultVersion().load(std::memory_order_relaxed); }
-
-void setDefaultMaxSymbolicationVersion(float version) {
-  defaultVersion().store(version, std::memory_order_relaxed);
-}
 
 float maxSymbolicationVersionFromText(const std::optional<std::string>& text) {
   if (!text) return 0.0f;

@@ -154,6 +154,14 @@ TEST_F(BuildPhaseTest, LumoProjectTakesTheBuildPhaseRouteWithColour) {
                   kColour.validated());
   // -ai with -lp and without -bp: still the build-phase route.
   expectRun({"-ai", "X", "-lp", lumo, "-val"}, 0, header(kColour) + kColour.validated());
+  // The Lumo file's problems, each reported once.
+  expectRun({"-lp"}, 13, kColour.error("Could not get path for LumoAppIDFile.vexa"));
+  const std::string missing = dir_.str() + "/missing.json";
+  expectRun({"-lp", missing}, 13, kColour.error("Unable to read file at path " + missing));
+  auto array = dir_.write("array.json", "[{\"OMVARA_APP_ID\": \"x\"}]").string();
+  expectRun({"-lp", array}, 13, kColour.error("Unable to create json from file at path " + array));
+  auto noKey = dir_.write("nokey.json", "{\"APP_ID\": \"x\"}").string();
+  expectRun({"-lp", noKey}, 13, kColour.error("Unable to read valid app ID from path " + noKey));
   // A Lumo file whose value is only white space: silent exit 13.
   auto blank = dir_.write("blank.json", "{\"OMVARA_APP_ID\": \" \\n\"}").string();
   expectRun({"-lp", blank, "-val"}, 13, "");
