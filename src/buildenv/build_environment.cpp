@@ -5,9 +5,11 @@
 
 #include <algorithm>
 #include <cctype>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
+#include <thread>
 
 #include "buildenv/path_component.h"
 #include "buildenv/process_ancestry.h"
@@ -42,8 +44,18 @@ bool fileExistsAtPath(const std::string& path) {
   return ::stat(path.c_str(), &info) == 0;
 }
 
-WaitHooks realHooks() {
-  return WaitHooks{[] { ::sleep(1); }, [](int status) { std::exit(status); }};
+void sleepOneSecond(const WaitHooks& hooks) {
+  if (hooks.sleepOneSecond)
+    hooks.sleepOneSecond();
+  else
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+}
+
+void exitProcess(const WaitHooks& hooks, int status) {
+  if (hooks.exitProcess)
+    hooks.exitProcess(status);
+  else
+    std::exit(status);
 }
 
 // A program of that name on PATH, or nothing.
@@ -127,17 +139,17 @@ bool waitUntil(std::int64_t timeoutSeconds, const std::function<bool()>& predica
   std::int64_t roundsLeft = std::max<std::int64_t>(timeoutSeconds, 0);
   for (;;) {
     if (roundsLeft == 0) {
-      hooks.exitProcess(1);
+      exitProcess(hooks, 1);
       return false;
     }
     --roundsLeft;
-    hooks.sleepOneSecond();
+    sleepOneSecond(hooks);
     if (predicate()) return true;
   }
 }
 
 void waitUntil(std::int64_t timeoutSeconds, const std::function<bool()>& predicate) {
-  waitUntil(timeoutSeconds, predicate, realHooks());
+  waitUntil(timeoutSeconds, predicate, WaitHooks{});
 }
 
 bool waitForDSYM(const Environment& environment, const std::string& dSYMPath, const WaitHooks& hooks,
@@ -173,7 +185,7 @@ bool waitForDSYM(const Environment& environment, const std::string& dSYMPath, co
 }
 
 void waitForDSYM(const Environment& environment, const std::string& dSYMPath) {
-  waitForDSYM(environment, dSYMPath, realHooks(), fileSizeAtPath);
+  waitForDSYM(environment, dSYMPath, WaitHooks{}, fileSizeAtPath);
 }
 
 std::int64_t fileSizeAtPath(const std::string& path) {
@@ -215,7 +227,8 @@ bool isRunningInXcode() { return hasAncestorProcessNamed("Xcode"); }
 bool isRunningInXcodeServer() { return hasAncestorProcessNamed("xcsbuildd"); }
 
 bool isDesktopAppInstalled() {
-  // The desktop app registers itself as the handler of "vantrel://" links.
+  // The desktop app registers itself as the handler of "vantrel://" links;
+  // the query is given ten seconds, which it never needs.
   auto xdgMime = programOnPath("xdg-mime");
   if (!xdgMime) return false;
   bool named = false;

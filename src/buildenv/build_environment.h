@@ -48,10 +48,11 @@ void waitUntil(std::int64_t timeoutSeconds, const std::function<bool()>& predica
 void waitForDSYM(const Environment& environment, const std::string& dSYMPath);
 
 // The sleep and the process exit of the waits, replaceable so that the
-// waiting logic can be exercised without waiting or exiting.
+// waiting logic can be exercised without waiting or exiting. An empty hook
+// does the real thing.
 struct WaitHooks {
-  std::function<void()> sleepOneSecond;           // default: sleep one second
-  std::function<void(int status)> exitProcess;    // default: std::exit
+  std::function<void()> sleepOneSecond;         // default: sleep one second
+  std::function<void(int status)> exitProcess;  // default: std::exit
 };
 
 // waitUntil with hooks: true when the predicate held; false when the rounds

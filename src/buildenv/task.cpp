@@ -7,8 +7,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <string>
+#include <vector>
 
 extern char** environ;
 
@@ -170,6 +173,7 @@ bool SUPTask::launchWithPath(const std::string& path, const std::optional<std::s
       Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(limited ? timeout : 0));
   int waitStatus = 0;
   bool exited = false;
+  bool unknownStatus = false;
 
   while (!exited) {
     auto wait = kPollInterval;
@@ -201,8 +205,9 @@ bool SUPTask::launchWithPath(const std::string& path, const std::optional<std::s
     if (result == pid) {
       exited = true;
     } else if (result < 0 && errno != EINTR) {
-      // Somebody else reaped it (a SIGCHLD handler set to ignore): no status.
-      waitStatus = 0;
+      // The child was reaped elsewhere (SIGCHLD set to be ignored, for
+      // instance): its status is lost.
+      unknownStatus = true;
       exited = true;
     } else if (pipesClosed && count == 0 && limited) {
       // Nothing to poll: the child has closed its output and is about to
@@ -221,7 +226,7 @@ bool SUPTask::launchWithPath(const std::string& path, const std::optional<std::s
   drainAvailable(error.read, standardError);
   drainAvailable(output.read, standardOutput);
 
-  completion(standardError, standardOutput, statusFromWaitStatus(waitStatus));
+  completion(standardError, standardOutput, unknownStatus ? -1 : statusFromWaitStatus(waitStatus));
   return true;
 }
 

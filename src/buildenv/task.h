@@ -8,7 +8,8 @@
 //  - Both output pipes are read while the program runs, so a program that
 //    writes more than a pipe buffer holds cannot block.
 //  - Termination status: the exit status for a normal exit, 128 + the signal
-//    number for a program ended by a signal (as shells report it).
+//    number for a program ended by a signal (as shells report it), -1 when
+//    the status was lost (the child was reaped elsewhere).
 //  - A program that cannot be started (no such file, not executable, missing
 //    working directory) makes the launch return false WITHOUT calling the
 //    completion; the other operations then answer as for a failed run

@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <deque>
 #include <map>
 
 #include "buildenv/build_environment.h"
+#include "support/test_support.h"
 
 namespace symlift::buildenv {
 namespace {
@@ -107,6 +109,19 @@ TEST(WaitForDSYM, DebugDylibIsWaitedForOnlyWhenEnabled) {
     EXPECT_TRUE(waitForDSYM(environment, kDSYM, other.hooks(), std::ref(dwarfOnly)));
     EXPECT_EQ(dwarfOnly.asked, std::vector<std::string>(3, kDWARF)) << value;
   }
+}
+
+TEST(WaitForDSYM, RealClockAndFileSystem) {
+  // A settled dSYM passes after one stability round; an empty one ends the
+  // process with status 1 (checked in a child process).
+  symlift::testing::TempDir dir;
+  dir.write("A.dSYM/Contents/Resources/DWARF/A", "dwarf");
+  auto start = std::chrono::steady_clock::now();
+  waitForDSYM({}, dir.str() + "/A.dSYM");
+  double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  EXPECT_GE(seconds, 0.9);
+  EXPECT_LT(seconds, 2.0);
+  EXPECT_EXIT(waitUntil(0, [] { return false; }), ::testing::ExitedWithCode(1), "");
 }
 
 }  // namespace
