@@ -54,7 +54,8 @@ int runManualMode(const ArgumentList& arguments, SYLUploadSettings settings) {
   if (platform && isValidPlatform(*platform)) {
     settings.platform = *platform;
   } else {
-    // Not fatal: the service files the symbols without a platform.
+    // Not fatal: the service files the symbols without a platform. A -p
+    // at the end of the line has no value, shown as "(null)".
     SYLLogError("Invalid platform name ({}). Valid platform names are: '{}'", platform.value_or("(null)"),
                 validPlatformsDescription());
     settings.platform = kUnspecifiedPlatform;

@@ -19,15 +19,6 @@ ArgumentList args(std::vector<std::string> words) {
   return ArgumentList(std::move(words));
 }
 
-TEST(OptionsTest, AnyOfTheFourSpellingsIsTheOption) {
-  for (const char* spelling : {"-p", "--p", "-platform", "--platform"}) {
-    EXPECT_TRUE(args({spelling, "ios"}).hasFlag(kPlatformOption)) << spelling;
-    EXPECT_EQ(args({spelling, "ios"}).valueForFlag(kPlatformOption), "ios") << spelling;
-  }
-  for (const char* spelling : {"-skip-dsym-validation", "--sdv", "-sdv", "--skip-dsym-validation"})
-    EXPECT_TRUE(args({spelling}).hasFlag(kSkipDSYMValidationOption)) << spelling;
-}
-
 TEST(OptionsTest, OnlyWholeExactWordsMatch) {
   // No "=" form, no abbreviation, no bundling, no case folding.
   for (const char* word : {"--platform=ios", "-plat", "---p", "-P", "-PLATFORM", "p", "platform", "-pd"})

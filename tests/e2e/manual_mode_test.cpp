@@ -68,6 +68,11 @@ TEST(ManualModeTest, AppIdentifierFromServicePlist) {
   expectRun({"--omvara-service-plist", plist, "-d", "-val", "-p", "mac", "a.dSYM", "b.zip"}, 0,
             kColour.version() + kColour.debugBlock("1:42:ios:9f", "mac", "[\"a.dSYM\", \"b.zip\"]") +
                 kColour.validated());
+  for (const char* spelling : {"-osp", "--osp", "-omvara-service-plist"})
+    expectRun({spelling, plist, "-p", "ios", "a.dSYM", "-val"}, 0, kColour.validated());
+  for (const char* spelling : {"-ai", "--ai", "-app-id", "--app-id"})
+    expectRun({"-osp", plist, spelling, "given", "-p", "ios", "a.dSYM", "-d", "-val"}, 0,
+              kColour.version() + kColour.debugBlock("given", "ios", "[\"a.dSYM\"]") + kColour.validated());
   auto noKey = dir.write("nokey.plist", "<plist version=\"1.0\"><dict><key>X</key><true/></dict></plist>").string();
   expectRun({"-osp", noKey, "-p", "mac", "a.dSYM"}, 13,
             kColour.error("Missing key: OMVARA_APP_ID in Omvara Service plist at path " + noKey));
