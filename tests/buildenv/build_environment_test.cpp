@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <regex>
 
 #include "captured_output.h"
@@ -185,6 +186,32 @@ TEST(CIDetection, DecisionOrderAndShortCuts) {
     EXPECT_EQ(isRunningInCI(ancestor, desktop), c.expected);
     EXPECT_EQ(asked, c.asked);
   }
+}
+
+TEST(CIDetection, DesktopAppFoundThroughXdgMime) {
+  // A stand-in xdg-mime on PATH answers the handler query.
+  TempDir dir;
+  auto script = dir.write("bin/xdg-mime", "#!/bin/sh\n[ \"$*\" = 'query default x-scheme-handler/vantrel' ] && "
+                                          "cat \"$(dirname \"$0\")/handler\"\n");
+  std::filesystem::permissions(script, std::filesystem::perms::owner_all);
+  std::string savedPath = std::getenv("PATH") ? std::getenv("PATH") : "";
+  ::setenv("PATH", (dir.str() + "/bin:" + savedPath).c_str(), 1);
+
+  dir.write("bin/handler", "vantrel-desktop.desktop\n");
+  bool named = isDesktopAppInstalled();
+  bool ciWithApp = isRunningInCI();  // not under Xcode Server, app installed
+  dir.write("bin/handler", "\n");
+  bool blank = isDesktopAppInstalled();
+  bool ciWithoutApp = isRunningInCI();  // no app and no Xcode ancestor: CI
+  ::setenv("PATH", (dir.str() + "/none").c_str(), 1);
+  bool missing = isDesktopAppInstalled();
+  ::setenv("PATH", savedPath.c_str(), 1);
+
+  EXPECT_TRUE(named);
+  EXPECT_FALSE(ciWithApp);
+  EXPECT_FALSE(blank);
+  EXPECT_TRUE(ciWithoutApp);
+  EXPECT_FALSE(missing);
 }
 
 }  // namespace
