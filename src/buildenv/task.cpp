@@ -169,8 +169,10 @@ bool SUPTask::launchWithPath(const std::string& path, const std::optional<std::s
 
   std::string standardOutput, standardError;
   const bool limited = timeout > 0;
+  // Capped at about 30 years so that the deadline cannot overflow the clock.
+  const double seconds = limited ? std::min(timeout, 1e9) : 0;
   const auto deadline =
-      Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(limited ? timeout : 0));
+      Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
   int waitStatus = 0;
   bool exited = false;
   bool unknownStatus = false;
