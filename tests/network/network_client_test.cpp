@@ -137,62 +137,6 @@ TEST(NetworkClientTest, DelayIsTruncatedToWholeNanoseconds) {
   EXPECT_GT(SUPKITNetworkClient::delayInNanoseconds(std::pow(120.0, 10)).count(), 0);
 }
 
-TEST(NetworkClientTest, RetriesUpToTheLimitThenReportsMaximumAttempts) {
-  Fixture f;
-  for (int i = 0; i < 20; ++i) f.session->script.push_back({ScriptedSession::status(503), nullptr});
-  f.send(10);
-  EXPECT_EQ(f.result.calls, 1);
-  ASSERT_EQ(f.session->sent.size(), 11u);
-  std::vector<std::string> expected;
-  for (int i = 0; i <= 10; ++i) expected.push_back(std::to_string(i) + "/10");
-  EXPECT_EQ(f.retryHeaders(), expected);
-  ASSERT_TRUE(f.result.error);
-  EXPECT_EQ(f.result.error->domain, "SUPNetworkError");
-  EXPECT_EQ(f.result.error->code, SUPNetworkErrorMaximumAttemptsReached);
-  EXPECT_EQ(f.result.error->userInfo.at("retryLimit"), "10");
-  EXPECT_EQ(f.result.error->userInfo.at(kURLErrorFailingURLStringErrorKey), "https://symbols.vantrel.example/v1/up");
-  EXPECT_TRUE(f.result.error->underlyingErrors.empty());  // the last 503 is dropped
-  EXPECT_FALSE(f.result.data);
-  EXPECT_FALSE(f.result.response);
-  // One wait per retry, following the ladder 2, 2, 4, 8, ...
-  ASSERT_EQ(f.delays.size(), 10u);
-  for (std::size_t n = 0; n < f.delays.size(); ++n) {
-    double nominal = std::pow(2.0, n == 0 ? 1.0 : static_cast<double>(n)) * 1e9;
-    EXPECT_GE(static_cast<double>(f.delays[n].count()), std::floor(nominal * kJitterLow)) << n;
-    EXPECT_LT(static_cast<double>(f.delays[n].count()), nominal * kJitterHigh) << n;
-  }
-}
-
-TEST(NetworkClientTest, LimitZeroGivesUpAfterOneTransfer) {
-  Fixture f;
-  f.session->script.push_back({std::nullopt, support::makeError(kURLErrorDomain, URLErrorNetworkConnectionLost)});
-  f.send(0);
-  EXPECT_EQ(f.session->sent.size(), 1u);
-  EXPECT_TRUE(f.delays.empty());
-  ASSERT_TRUE(f.result.error);
-  EXPECT_EQ(f.result.error->code, SUPNetworkErrorMaximumAttemptsReached);
-  EXPECT_EQ(f.result.error->userInfo.at("retryLimit"), "0");
-}
-
-TEST(NetworkClientTest, PermanentOutcomesAreDeliveredAtOnceWithDataAndResponse) {
-  Fixture f;
-  f.session->script.push_back({ScriptedSession::status(404), nullptr});
-  f.send(10);
-  EXPECT_EQ(f.session->sent.size(), 1u);
-  ASSERT_TRUE(f.result.error);
-  EXPECT_EQ(f.result.error->code, SUPNetworkErrorRequestFailed);
-  ASSERT_TRUE(f.result.response);
-  EXPECT_EQ(f.result.response->statusCode, 404);
-  EXPECT_EQ(f.result.data, (Data{'o', 'k'}));
-
-  Fixture bad;
-  bad.session->script.push_back({std::nullopt, support::makeError(kURLErrorDomain, URLErrorBadURL)});
-  bad.send(10);
-  EXPECT_EQ(bad.session->sent.size(), 1u);
-  ASSERT_TRUE(bad.result.error);
-  EXPECT_EQ(bad.result.error->code, URLErrorBadURL);
-}
-
 TEST(NetworkClientTest, RecoversAfterRetryableFailures) {
   Fixture f;
   f.session->script.push_back({ScriptedSession::status(503), nullptr});
@@ -209,17 +153,6 @@ TEST(NetworkClientTest, RecoversAfterRetryableFailures) {
     EXPECT_EQ(sent.allHTTPHeaderFields.fields().size(), 2u);
     EXPECT_EQ(sent.valueForHTTPHeaderField("User-Agent"), "symlift/1");
   }
-}
-
-TEST(NetworkClientTest, RefusedTaskEndsWithFailedToStart) {
-  Fixture f;
-  f.session->accepting = false;
-  f.send(10);
-  EXPECT_EQ(f.result.calls, 1);
-  ASSERT_TRUE(f.result.error);
-  EXPECT_EQ(f.result.error->domain, "SUPNetworkError");
-  EXPECT_EQ(f.result.error->code, SUPNetworkErrorFailedToStartOperation);
-  EXPECT_TRUE(f.result.error->userInfo.empty());
 }
 
 TEST(NetworkClientTest, RetryAfterTheClientIsGoneEndsWithFailedToStart) {

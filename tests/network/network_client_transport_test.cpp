@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <future>
 #include <mutex>
@@ -121,7 +122,18 @@ TEST(NetworkClientTransportTest, ServerErrorsUntilTheLimitThenMaximumAttempts) {
   for (int i = 0; i <= 10; ++i) expected.push_back(std::to_string(i) + "/10");
   EXPECT_EQ(service.loggedHeaderValues("X-Vantrel-Retries"), expected);
   EXPECT_EQ(service.loggedRequestCount(), 11u);
-  EXPECT_EQ(test.retries(), 10u);
+  EXPECT_TRUE(outcome.error->underlyingErrors.empty());  // the last 503 is dropped, not chained
+  EXPECT_FALSE(outcome.response);
+  // One wait per retry, on the ladder 2, 2, 4, 8, ... seconds times the jitter.
+  {
+    std::lock_guard<std::mutex> guard(test.mutex);
+    ASSERT_EQ(test.delays.size(), 10u);
+    for (std::size_t n = 0; n < test.delays.size(); ++n) {
+      double nominal = std::pow(2.0, n == 0 ? 1.0 : static_cast<double>(n));
+      EXPECT_GE(test.delays[n], nominal * 0.8999999) << n;
+      EXPECT_LT(test.delays[n], nominal * 1.1000001) << n;
+    }
+  }
   test.client.reset();
   EXPECT_EQ(outcome.calls, 1);
 }
