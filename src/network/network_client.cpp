@@ -69,18 +69,21 @@ void SUPKITNetworkClient::startDataTaskWithRequest(const URLRequest& request, st
   URLRequest copy = request;
   copy.setValueForHTTPHeaderField(fmt::format("{}/{}", tries, retryLimit), kRetriesHeaderName);
 
+  // Held once for the transfer's completion rather than copied into it:
+  // the body may be megabytes.
+  auto sent = std::make_shared<const URLRequest>(std::move(copy));
   std::weak_ptr<SUPKITNetworkClient> weakSelf = weak_from_this();
   // The completion is shared: if the session refuses the task it never runs
   // the one it was given, and the caller's must still be called once.
   auto shared = std::make_shared<CompletionHandler>(std::move(completion));
   bool started = session_->startDataTask(
-      copy, [weakSelf, copy, tries, retryLimit, shared](std::optional<Data> data, Response response,
-                                                        support::ErrorPtr error) {
+      *sent, [weakSelf, sent, tries, retryLimit, shared](std::optional<Data> data, Response response,
+                                                         support::ErrorPtr error) {
         if (auto self = weakSelf.lock())
-          self->handleResponse(std::move(response), std::move(data), std::move(error), copy, tries, retryLimit,
+          self->handleResponse(std::move(response), std::move(data), std::move(error), *sent, tries, retryLimit,
                                std::move(*shared));
         else
-          deliverWithoutClient(response, std::move(data), error, copy, *shared);
+          deliverWithoutClient(response, std::move(data), error, *sent, *shared);
       });
   if (!started) (*shared)(std::nullopt, std::nullopt, failedToStartError());
 }

@@ -8,6 +8,7 @@
 #include <deque>
 #include <mutex>
 
+#include "cli/console_log.h"
 #include "network/network_response_handler.h"
 #include "network/url_error.h"
 
@@ -145,7 +146,19 @@ TEST(NetworkClientTest, RecoversAfterRetryableFailures) {
   URLRequest request("https://symbols.vantrel.example/v1/up");
   request.setValueForHTTPHeaderField("7/7", "x-vantrel-retries");  // replaced, whatever its spelling
   request.addValueForHTTPHeaderField("symlift/1", "User-Agent");
+  auto& log = cli::SYLLogging::sharedInstance();
+  auto level = log.logLevel();
+  bool colors = log.colorsEnabled();
+  log.setLogLevel(cli::kLogLevelDebug);
+  log.setColorsEnabled(false);
+  ::testing::internal::CaptureStdout();
   f.send(10, request);
+  std::string output = ::testing::internal::GetCapturedStdout();
+  log.setLogLevel(level);
+  log.setColorsEnabled(colors);
+  EXPECT_NE(output.find("Retrying symbol upload with number of retries: 1/10\n"), std::string::npos) << output;
+  EXPECT_NE(output.find("Retrying symbol upload with number of retries: 2/10\n"), std::string::npos) << output;
+  EXPECT_EQ(output.find("3/10"), std::string::npos) << output;
   EXPECT_EQ(f.result.calls, 1);
   EXPECT_FALSE(f.result.error);
   EXPECT_EQ(f.retryHeaders(), (std::vector<std::string>{"0/10", "1/10", "2/10"}));
