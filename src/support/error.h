@@ -19,14 +19,18 @@ struct Error {
   std::string domain;
   std::int64_t code = 0;
   std::map<std::string, std::string> userInfo;
+  // Under the platform's underlying-error key (the first is shown).
   std::vector<std::shared_ptr<const Error>> underlyingErrors;
+  // User-information entries whose value is a list of errors.
+  std::map<std::string, std::vector<std::shared_ptr<const Error>>> errorLists;
 
   Error() = default;
   Error(std::string domain, std::int64_t code, std::map<std::string, std::string> userInfo = {})
       : domain(std::move(domain)), code(code), userInfo(std::move(userInfo)) {}
 
-  // The human-readable text: the failure reason, else the description, else
-  // a generic "The operation couldn’t be completed. (<domain> error <code>.)".
+  // The human-readable text: the description when there is one; else
+  // "The operation couldn’t be completed. " followed by the failure reason,
+  // or by "(<domain> error <code>.)" when there is none.
   std::string localizedDescription() const;
   // What "%@" of an error prints: "Error Domain=<d> Code=<c> \"<text>\"" with
   // the user information, as the platform's error description reads.

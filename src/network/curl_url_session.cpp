@@ -1,0 +1,426 @@
+#include "network/curl_url_session.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cmath>
+#include <cstdlib>
+#include <map>
+#include <mutex>
+#include <system_error>
+#include <vector>
+
+#include "network/curl_error_mapping.h"
+#include "network/url_error.h"
+
+namespace symlift::network {
+
+namespace {
+
+// A response body larger than this ends the transfer: nothing the tool talks
+// to answers with more than a short message.
+constexpr std::size_t kMaximumResponseBodySize = 16 * 1024 * 1024;
+
+void initialiseCurlOnce() {
+  static std::once_flag once;
+  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+}
+
+std::optional<std::string> environmentValue(const char* name) {
+  const char* value = std::getenv(name);
+  if (!value || !*value) return std::nullopt;
+  return std::string(value);
+}
+
+// One transfer, owned by the session thread once it has been handed over.
+struct Transfer {
+  CURL* easy = nullptr;
+  curl_slist* headerList = nullptr;
+  URLRequest request;
+  std::size_t bodyOffset = 0;  // how much of the request body has been sent
+  Data responseBody;
+  HTTPHeaders responseHeaders;  // of the latest response head
+  bool responseTooLarge = false;
+  // The idle time-out: the transfer ends once no byte has moved for this long.
+  std::chrono::milliseconds idleTimeout{60000};
+  std::chrono::steady_clock::time_point lastActivity;
+  curl_off_t bytesMoved = 0;
+  bool timedOut = false;
+  char errorBuffer[CURL_ERROR_SIZE] = {};
+  support::ErrorPtr earlyError;  // the URL was refused before any transfer
+  DataTaskCompletion completion;
+
+  ~Transfer() {
+    if (easy) curl_easy_cleanup(easy);
+    if (headerList) curl_slist_free_all(headerList);
+  }
+};
+
+std::size_t writeBody(char* data, std::size_t size, std::size_t count, void* context) {
+  auto* transfer = static_cast<Transfer*>(context);
+  std::size_t length = size * count;
+  if (transfer->responseBody.size() + length > kMaximumResponseBodySize) {
+    transfer->responseTooLarge = true;
+    return 0;  // ends the transfer with a write error
+  }
+  transfer->responseBody.insert(transfer->responseBody.end(), data, data + length);
+  return length;
+}
+
+std::string_view trim(std::string_view text) {
+  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
+  while (!text.empty() && (text.back() == ' ' || text.back() == '\t' || text.back() == '\r' || text.back() == '\n'))
+    text.remove_suffix(1);
+  return text;
+}
+
+std::size_t writeHeaderLine(char* data, std::size_t size, std::size_t count, void* context) {
+  auto* transfer = static_cast<Transfer*>(context);
+  std::size_t length = size * count;
+  std::string_view line(data, length);
+  if (line.starts_with("HTTP/")) {
+    // A new response head (after a redirect or an interim response).
+    transfer->responseHeaders = HTTPHeaders();
+    return length;
+  }
+  auto colon = line.find(':');
+  if (colon == std::string_view::npos || colon == 0) return length;
+  std::string_view name = trim(line.substr(0, colon));
+  std::string_view value = trim(line.substr(colon + 1));
+  if (transfer->responseHeaders.valueForField(name))
+    transfer->responseHeaders.setValue(*transfer->responseHeaders.valueForField(name) + ", " + std::string(value),
+                                       name);
+  else
+    transfer->responseHeaders.setValue(std::string(value), name);
+  return length;
+}
+
+std::size_t readBody(char* buffer, std::size_t size, std::size_t count, void* context) {
+  auto* transfer = static_cast<Transfer*>(context);
+  const Data& body = transfer->request.HTTPBody;
+  std::size_t length = std::min(size * count, body.size() - transfer->bodyOffset);
+  std::copy_n(body.data() + transfer->bodyOffset, length, buffer);
+  transfer->bodyOffset += length;
+  return length;
+}
+
+int seekBody(void* context, curl_off_t offset, int origin) {
+  auto* transfer = static_cast<Transfer*>(context);
+  if (origin != SEEK_SET || offset < 0 || static_cast<std::size_t>(offset) > transfer->request.HTTPBody.size())
+    return CURL_SEEKFUNC_CANTSEEK;
+  transfer->bodyOffset = static_cast<std::size_t>(offset);
+  return CURL_SEEKFUNC_OK;
+}
+
+int watchProgress(void* context, curl_off_t downloadTotal, curl_off_t downloaded, curl_off_t uploadTotal,
+                  curl_off_t uploaded) {
+  (void)downloadTotal, (void)uploadTotal;
+  auto* transfer = static_cast<Transfer*>(context);
+  auto now = std::chrono::steady_clock::now();
+  if (downloaded + uploaded != transfer->bytesMoved) {
+    transfer->bytesMoved = downloaded + uploaded;
+    transfer->lastActivity = now;
+    return 0;
+  }
+  if (now - transfer->lastActivity < transfer->idleTimeout) return 0;
+  transfer->timedOut = true;
+  return 1;  // ends the transfer
+}
+
+// Checks the URL before libcurl sees it: libcurl would guess a scheme for a
+// bare host name, where the URL-loading system calls the text a bad URL.
+support::ErrorPtr checkURL(const std::string& url) {
+  std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> parsed(curl_url(), &curl_url_cleanup);
+  if (!parsed) return makeURLError(URLErrorUnknown, url);
+  if (curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK)
+    return makeURLError(URLErrorBadURL, url);
+  char* scheme = nullptr;
+  if (curl_url_get(parsed.get(), CURLUPART_SCHEME, &scheme, 0) != CURLUE_OK) return makeURLError(URLErrorBadURL, url);
+  std::string schemeText = scheme;
+  curl_free(scheme);
+  if (schemeText != "http" && schemeText != "https") return makeURLError(URLErrorUnsupportedURL, url);
+  return nullptr;
+}
+
+}  // namespace
+
+URLSessionConfiguration URLSessionConfiguration::defaultSessionConfiguration() {
+  URLSessionConfiguration configuration;
+  configuration.caInfoPath = environmentValue("SSL_CERT_FILE");
+  if (!configuration.caInfoPath) configuration.caInfoPath = environmentValue("CURL_CA_BUNDLE");
+  configuration.caPath = environmentValue("SSL_CERT_DIR");
+  return configuration;
+}
+
+struct CurlURLSession::Core {
+  URLSessionConfiguration configuration;
+  std::shared_ptr<operations::DispatchQueue> delegateQueue;
+  CURLM* multi = nullptr;
+  std::thread::id threadId;
+
+  std::mutex mutex;  // guards incoming, the three flags and threadId's publication
+  std::condition_variable stopped;
+  std::vector<std::unique_ptr<Transfer>> incoming;
+  bool invalidated = false;  // no new tasks
+  bool cancelling = false;   // end every transfer with the cancelled error
+  bool finished = false;     // the session thread has ended
+
+  // Touched by the session thread only.
+  std::map<CURL*, std::unique_ptr<Transfer>> active;
+
+  ~Core() {
+    if (multi) curl_multi_cleanup(multi);
+  }
+
+  void wake() { curl_multi_wakeup(multi); }
+  void run();
+  void configure(Transfer& transfer);
+  void deliver(std::unique_ptr<Transfer> transfer, std::optional<Data> data, std::optional<HTTPURLResponse> response,
+               support::ErrorPtr error);
+  void complete(std::unique_ptr<Transfer> transfer, CURLcode result);
+};
+
+void CurlURLSession::Core::configure(Transfer& transfer) {
+  CURL* easy = transfer.easy;
+  const URLRequest& request = transfer.request;
+  curl_easy_setopt(easy, CURLOPT_URL, request.URL.c_str());
+  curl_easy_setopt(easy, CURLOPT_PRIVATE, &transfer);
+  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer.errorBuffer);
+  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
+  curl_easy_setopt(easy, CURLOPT_MAXREDIRS, configuration.maximumRedirects);
+  curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
+  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
+  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
+  if (configuration.caInfoPath) curl_easy_setopt(easy, CURLOPT_CAINFO, configuration.caInfoPath->c_str());
+  if (configuration.caPath) curl_easy_setopt(easy, CURLOPT_CAPATH, configuration.caPath->c_str());
+
+  // An idle time-out: the transfer fails once no byte has moved for the
+  // request's time-out interval, however long the whole upload takes.
+  // (libcurl's low-speed limit averages over a window of several seconds,
+  // which would stretch a short time-out.)
+  auto timeout = configuration.timeoutIntervalOverride.value_or(std::chrono::milliseconds(
+      static_cast<long long>(std::max(0.001, request.timeoutInterval) * 1000)));
+  transfer.idleTimeout = std::max(timeout, std::chrono::milliseconds(1));
+  transfer.lastActivity = std::chrono::steady_clock::now();
+  curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(transfer.idleTimeout.count()));
+  curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
+  curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &watchProgress);
+  curl_easy_setopt(easy, CURLOPT_XFERINFODATA, &transfer);
+
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &writeBody);
+  curl_easy_setopt(easy, CURLOPT_WRITEDATA, &transfer);
+  curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &writeHeaderLine);
+  curl_easy_setopt(easy, CURLOPT_HEADERDATA, &transfer);
+
+  const std::string& method = request.HTTPMethod;
+  if (method == "HEAD") {
+    curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
+  } else if (method == "GET" && request.HTTPBody.empty()) {
+    curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+  } else if (method == "PUT" || method == "POST" || !request.HTTPBody.empty()) {
+    // The body goes out from memory, exactly as given, with its length.
+    curl_easy_setopt(easy, CURLOPT_UPLOAD, 1L);
+    curl_easy_setopt(easy, CURLOPT_READFUNCTION, &readBody);
+    curl_easy_setopt(easy, CURLOPT_READDATA, &transfer);
+    curl_easy_setopt(easy, CURLOPT_SEEKFUNCTION, &seekBody);
+    curl_easy_setopt(easy, CURLOPT_SEEKDATA, &transfer);
+    curl_easy_setopt(easy, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(request.HTTPBody.size()));
+    if (method != "PUT") curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, method.c_str());
+  } else {
+    curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, method.c_str());
+  }
+
+  for (const auto& [name, value] : request.allHTTPHeaderFields.fields()) {
+    // "Name;" is libcurl's way of sending a header with an empty value.
+    std::string line = value.empty() ? name + ";" : name + ": " + value;
+    transfer.headerList = curl_slist_append(transfer.headerList, line.c_str());
+  }
+  // libcurl must not add headers of its own to the body we send.
+  if (!request.valueForHTTPHeaderField("Expect")) transfer.headerList = curl_slist_append(transfer.headerList, "Expect:");
+  if (!request.valueForHTTPHeaderField("Content-Type"))
+    transfer.headerList = curl_slist_append(transfer.headerList, "Content-Type:");
+  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, transfer.headerList);
+}
+
+void CurlURLSession::Core::deliver(std::unique_ptr<Transfer> transfer, std::optional<Data> data,
+                                   std::optional<HTTPURLResponse> response, support::ErrorPtr error) {
+  DataTaskCompletion completion = std::move(transfer->completion);
+  transfer.reset();  // release the handle before the completion runs
+  if (delegateQueue) {
+    delegateQueue->async([completion = std::move(completion), data = std::move(data),
+                          response = std::move(response), error = std::move(error)]() mutable {
+      completion(std::move(data), std::move(response), std::move(error));
+    });
+  } else {
+    completion(std::move(data), std::move(response), std::move(error));
+  }
+}
+
+void CurlURLSession::Core::complete(std::unique_ptr<Transfer> transfer, CURLcode result) {
+  if (result == CURLE_OK) {
+    HTTPURLResponse response;
+    long status = 0;
+    curl_easy_getinfo(transfer->easy, CURLINFO_RESPONSE_CODE, &status);
+    response.statusCode = status;
+    char* effectiveURL = nullptr;
+    curl_easy_getinfo(transfer->easy, CURLINFO_EFFECTIVE_URL, &effectiveURL);
+    response.URL = effectiveURL ? effectiveURL : transfer->request.URL;
+    response.allHeaderFields = std::move(transfer->responseHeaders);
+    Data body = std::move(transfer->responseBody);
+    deliver(std::move(transfer), std::move(body), std::move(response), nullptr);
+    return;
+  }
+  long osErrno = 0, verifyResult = 0;
+  curl_easy_getinfo(transfer->easy, CURLINFO_OS_ERRNO, &osErrno);
+  curl_easy_getinfo(transfer->easy, CURLINFO_SSL_VERIFYRESULT, &verifyResult);
+  std::int64_t code = transfer->responseTooLarge ? std::int64_t{URLErrorDataLengthExceedsMaximum}
+                      : transfer->timedOut       ? std::int64_t{URLErrorTimedOut}
+                                                 : urlErrorCodeForCurlCode(result, osErrno, verifyResult);
+  std::string detail = transfer->errorBuffer[0] ? transfer->errorBuffer : curl_easy_strerror(result);
+  auto error = makeURLError(code, transfer->request.URL, detail, static_cast<long>(result));
+  deliver(std::move(transfer), std::nullopt, std::nullopt, std::move(error));
+}
+
+void CurlURLSession::Core::run() {
+  for (;;) {
+    std::vector<std::unique_ptr<Transfer>> arrived;
+    bool cancel, stopWhenIdle;
+    {
+      std::lock_guard<std::mutex> guard(mutex);
+      arrived.swap(incoming);
+      cancel = cancelling;
+      stopWhenIdle = invalidated;
+    }
+    for (auto& transfer : arrived) {
+      if (cancel) {
+        auto error = makeURLError(URLErrorCancelled, transfer->request.URL);
+        deliver(std::move(transfer), std::nullopt, std::nullopt, std::move(error));
+      } else if (transfer->earlyError) {
+        auto error = transfer->earlyError;
+        deliver(std::move(transfer), std::nullopt, std::nullopt, std::move(error));
+      } else if (curl_multi_add_handle(multi, transfer->easy) != CURLM_OK) {
+        auto error = makeURLError(URLErrorUnknown, transfer->request.URL);
+        deliver(std::move(transfer), std::nullopt, std::nullopt, std::move(error));
+      } else {
+        CURL* easy = transfer->easy;
+        transfer->lastActivity = std::chrono::steady_clock::now();  // the idle clock starts now
+        active.emplace(easy, std::move(transfer));
+      }
+    }
+    if (cancel) {
+      while (!active.empty()) {
+        auto node = active.extract(active.begin());
+        curl_multi_remove_handle(multi, node.key());
+        auto error = makeURLError(URLErrorCancelled, node.mapped()->request.URL);
+        deliver(std::move(node.mapped()), std::nullopt, std::nullopt, std::move(error));
+      }
+    }
+
+    int running = 0;
+    curl_multi_perform(multi, &running);
+    int queued = 0;
+    while (CURLMsg* message = curl_multi_info_read(multi, &queued)) {
+      if (message->msg != CURLMSG_DONE) continue;
+      CURL* easy = message->easy_handle;
+      CURLcode result = message->data.result;
+      curl_multi_remove_handle(multi, easy);
+      auto node = active.extract(easy);
+      if (node) complete(std::move(node.mapped()), result);
+    }
+
+    if (stopWhenIdle && active.empty()) {
+      std::lock_guard<std::mutex> guard(mutex);
+      if (incoming.empty()) break;
+      continue;
+    }
+    curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
+  }
+}
+
+std::shared_ptr<CurlURLSession> CurlURLSession::create(const URLSessionConfiguration& configuration,
+                                                       std::shared_ptr<operations::DispatchQueue> delegateQueue) {
+  initialiseCurlOnce();
+  auto core = std::make_shared<Core>();
+  core->configuration = configuration;
+  core->delegateQueue = std::move(delegateQueue);
+  core->multi = curl_multi_init();
+  if (!core->multi) return nullptr;
+  std::shared_ptr<CurlURLSession> session(new CurlURLSession(core));
+  try {
+    std::lock_guard<std::mutex> guard(core->mutex);
+    session->thread_ = std::thread([core] {
+      core->run();
+      std::lock_guard<std::mutex> guard(core->mutex);
+      core->finished = true;
+      core->stopped.notify_all();
+    });
+    core->threadId = session->thread_.get_id();
+  } catch (const std::system_error&) {
+    return nullptr;
+  }
+  return session;
+}
+
+CurlURLSession::CurlURLSession(std::shared_ptr<Core> core) : core_(std::move(core)) {}
+
+CurlURLSession::~CurlURLSession() {
+  finishTasksAndInvalidate();
+  stopThread();
+}
+
+void CurlURLSession::stopThread() {
+  if (!thread_.joinable()) return;
+  if (thread_.get_id() == std::this_thread::get_id()) {
+    // Released from one of its own completions: the thread cannot join
+    // itself, so a background worker joins it once its loop has ended.
+    auto thread = std::make_shared<std::thread>(std::move(thread_));
+    operations::backgroundQueue().async([thread] { thread->join(); });
+    return;
+  }
+  thread_.join();
+}
+
+bool CurlURLSession::startDataTask(const URLRequest& request, DataTaskCompletion completion) {
+  auto transfer = std::make_unique<Transfer>();
+  transfer->request = request;
+  transfer->completion = std::move(completion);
+  transfer->earlyError = checkURL(request.URL);
+  if (!transfer->earlyError) {
+    transfer->easy = curl_easy_init();
+    if (!transfer->easy) return false;
+    core_->configure(*transfer);
+  }
+  {
+    std::lock_guard<std::mutex> guard(core_->mutex);
+    if (core_->invalidated) return false;
+    core_->incoming.push_back(std::move(transfer));
+  }
+  core_->wake();
+  return true;
+}
+
+void CurlURLSession::finishTasksAndInvalidate() {
+  std::unique_lock<std::mutex> lock(core_->mutex);
+  core_->invalidated = true;
+  lock.unlock();
+  core_->wake();
+  if (std::this_thread::get_id() == core_->threadId) return;
+  lock.lock();
+  core_->stopped.wait(lock, [&] { return core_->finished; });
+}
+
+void CurlURLSession::invalidateAndCancel() {
+  {
+    std::lock_guard<std::mutex> guard(core_->mutex);
+    core_->invalidated = true;
+    core_->cancelling = true;
+  }
+  core_->wake();
+}
+
+}  // namespace symlift::network

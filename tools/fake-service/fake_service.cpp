@@ -1,0 +1,358 @@
+#include "fake_service.h"
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <netinet/in.h>
+#include <openssl/ssl.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <httplib.h>
+
+#include <atomic>
+#include <charconv>
+#include <chrono>
+#include <condition_variable>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <regex>
+#include <thread>
+
+#include <fmt/format.h>
+
+#include "upload_check.h"
+
+namespace symlift::fakeservice {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+bool parseUnsigned(const std::string& text, std::uint64_t& value) {
+  auto result = std::from_chars(text.data(), text.data() + text.size(), value);
+  return result.ec == std::errc() && result.ptr == text.data() + text.size() && !text.empty();
+}
+
+bool isLoopback(const std::string& address) {
+  in_addr v4{};
+  if (inet_pton(AF_INET, address.c_str(), &v4) == 1) return (ntohl(v4.s_addr) >> 24) == 127;
+  return address == "::1";
+}
+
+// Headers the server library adds to a request for its handlers.
+bool isLibraryHeader(const std::string& name) {
+  return name == "REMOTE_ADDR" || name == "REMOTE_PORT" || name == "LOCAL_ADDR" || name == "LOCAL_PORT";
+}
+
+std::string fileNamePart(const std::string& text) {
+  std::string name;
+  for (char c : text) {
+    bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
+                 c == '_' || c == ':' || c == '-';
+    name.push_back(plain ? c : '_');
+  }
+  if (name.empty() || name == "." || name == "..") name = "_";
+  return name;
+}
+
+int socketPort(const sockaddr_storage& address) {
+  if (address.ss_family == AF_INET) return ntohs(reinterpret_cast<const sockaddr_in&>(address).sin_port);
+  if (address.ss_family == AF_INET6) return ntohs(reinterpret_cast<const sockaddr_in6&>(address).sin6_port);
+  return -1;
+}
+
+// The socket of the connection a request came in on. The server library
+// does not hand it to handlers: for TLS it is the SSL object's, otherwise it
+// is found among our open descriptors by its two port numbers.
+int connectionSocket(const httplib::Request& request) {
+  if (request.ssl) return SSL_get_fd(request.ssl);
+  DIR* fds = opendir("/proc/self/fd");
+  if (!fds) return -1;
+  int found = -1;
+  while (dirent* entry = readdir(fds)) {
+    int fd = -1;
+    auto name = std::string_view(entry->d_name);
+    if (std::from_chars(name.data(), name.data() + name.size(), fd).ec != std::errc()) continue;
+    sockaddr_storage local{}, peer{};
+    socklen_t localLength = sizeof local, peerLength = sizeof peer;
+    if (getsockname(fd, reinterpret_cast<sockaddr*>(&local), &localLength) != 0) continue;
+    if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &peerLength) != 0) continue;
+    if (socketPort(local) == request.local_port && socketPort(peer) == request.remote_port) {
+      found = fd;
+      break;
+    }
+  }
+  closedir(fds);
+  return found;
+}
+
+class Service {
+ public:
+  explicit Service(const ServiceOptions& options) : options_(options) {}
+
+  int run();
+
+ private:
+  void handle(const httplib::Request& request, httplib::Response& response);
+  void answerUpload(const std::string& app, const std::string& uuid, const httplib::Request& request,
+                    httplib::Response& response);
+  void appendToLog(const std::string& entry);
+  // Waits the configured delay, or less when the service is stopping.
+  void delay();
+  void stop();
+  bool writePortFile(int port);
+
+  ServiceOptions options_;
+  std::unique_ptr<httplib::Server> server_;
+
+  std::mutex countMutex_;  // guards requestCount_
+  std::uint64_t requestCount_ = 0;
+  std::mutex logMutex_;  // serialises writes to the request log and the store
+  std::mutex stopMutex_;  // guards stopping_
+  std::condition_variable stopChanged_;
+  bool stopping_ = false;
+};
+
+void Service::appendToLog(const std::string& entry) {
+  if (!options_.storeDirectory) return;
+  std::lock_guard<std::mutex> guard(logMutex_);
+  std::ofstream log(*options_.storeDirectory / "requests.log", std::ios::app | std::ios::binary);
+  log << entry;
+}
+
+void Service::delay() {
+  if (options_.delayMilliseconds == 0) return;
+  std::unique_lock<std::mutex> lock(stopMutex_);
+  stopChanged_.wait_for(lock, std::chrono::milliseconds(options_.delayMilliseconds), [&] { return stopping_; });
+}
+
+void Service::stop() {
+  {
+    std::lock_guard<std::mutex> guard(stopMutex_);
+    stopping_ = true;
+  }
+  stopChanged_.notify_all();
+  server_->stop();
+}
+
+void Service::handle(const httplib::Request& request, httplib::Response& response) {
+  std::uint64_t index;
+  {
+    std::lock_guard<std::mutex> guard(countMutex_);
+    index = requestCount_++;
+  }
+  // One block per request: the request line, its headers, the outcome.
+  std::string entry = fmt::format("#{} {} {}\n", index, request.method, request.target);
+  for (const auto& [name, value] : request.headers)
+    if (!isLibraryHeader(name)) entry += fmt::format("{}: {}\n", name, value);
+
+  delay();
+
+  if (index < options_.dropFirst) {
+    appendToLog(entry + "=> dropped\n\n");
+    int fd = connectionSocket(request);
+    // Shutting the socket down (rather than closing it) leaves the
+    // descriptor to the server library, which fails writing the answer.
+    if (fd >= 0) shutdown(fd, SHUT_RDWR);
+    response.status = 500;
+    return;
+  }
+
+  response.set_header("X-Request-Id", fmt::format("fake-{}", index));
+  if (index - options_.dropFirst < options_.failFirst) {
+    response.status = options_.failStatus;
+    if (options_.retryAfter) response.set_header("Retry-After", *options_.retryAfter);
+    response.set_content(fmt::format("injected failure {}\n", options_.failStatus), "text/plain");
+  } else {
+    static const std::regex uploadPath(R"(^/v1/project/-/app/([^/]+)/upload/native/([^/]+)$)");
+    std::smatch match;
+    if (request.method == "PUT" && std::regex_match(request.path, match, uploadPath)) {
+      answerUpload(match[1].str(), match[2].str(), request, response);
+    } else {
+      response.status = 404;
+      response.set_content("not found\n", "text/plain");
+    }
+  }
+  appendToLog(entry + fmt::format("=> {}\n\n", response.status));
+}
+
+void Service::answerUpload(const std::string& app, const std::string& uuid, const httplib::Request& request,
+                           httplib::Response& response) {
+  UploadVerdict verdict = checkUpload(request.body, uuid);
+  if (!verdict.accepted) {
+    response.status = 400;
+    response.set_content(verdict.reason + "\n", "text/plain");
+    return;
+  }
+  if (options_.storeDirectory) {
+    std::lock_guard<std::mutex> guard(logMutex_);
+    std::ofstream out(*options_.storeDirectory / (fileNamePart(app) + "-" + fileNamePart(uuid) + ".csym.gz"),
+                      std::ios::binary | std::ios::trunc);
+    out.write(request.body.data(), static_cast<std::streamsize>(request.body.size()));
+  }
+  response.status = 200;
+  response.set_content("{}", "application/json");
+}
+
+bool Service::writePortFile(int port) {
+  if (!options_.portFile) return true;
+  // Written whole, then renamed, so that a reader never sees half of it.
+  fs::path temporary = options_.portFile->string() + ".tmp";
+  {
+    std::ofstream out(temporary, std::ios::trunc);
+    out << port << "\n";
+    if (!out) return false;
+  }
+  std::error_code ec;
+  fs::rename(temporary, *options_.portFile, ec);
+  return !ec;
+}
+
+int Service::run() {
+  if (options_.storeDirectory) {
+    std::error_code ec;
+    fs::create_directories(*options_.storeDirectory, ec);
+    if (ec) {
+      fmt::print(stderr, "fake-service: cannot create {}: {}\n", options_.storeDirectory->string(), ec.message());
+      return 1;
+    }
+  }
+  if (options_.tlsCertificate) {
+    auto server = std::make_unique<httplib::SSLServer>(options_.tlsCertificate->c_str(), options_.tlsKey->c_str());
+    if (!server->is_valid()) {
+      fmt::print(stderr, "fake-service: cannot use the TLS certificate or key\n");
+      return 1;
+    }
+    server_ = std::move(server);
+  } else {
+    server_ = std::make_unique<httplib::Server>();
+  }
+  auto handler = [this](const httplib::Request& request, httplib::Response& response) { handle(request, response); };
+  server_->Get(".*", handler);
+  server_->Put(".*", handler);
+  server_->Post(".*", handler);
+  server_->Delete(".*", handler);
+  server_->Patch(".*", handler);
+  server_->Options(".*", handler);
+  server_->set_keep_alive_timeout(1);
+  server_->set_payload_max_length(512u * 1024 * 1024);
+
+  int port = options_.port;
+  if (port == 0) {
+    port = server_->bind_to_any_port(options_.bindAddress);
+  } else if (!server_->bind_to_port(options_.bindAddress, port)) {
+    port = -1;
+  }
+  if (port <= 0) {
+    fmt::print(stderr, "fake-service: cannot listen on {}:{}\n", options_.bindAddress, options_.port);
+    return 1;
+  }
+  if (!writePortFile(port)) {
+    fmt::print(stderr, "fake-service: cannot write the port file\n");
+    return 1;
+  }
+  fmt::print("{}\n", port);
+  std::fflush(stdout);
+  fmt::print(stderr, "fake-service: listening on {}://{}:{} for at most {} s\n",
+             options_.tlsCertificate ? "https" : "http", options_.bindAddress, port, options_.maxSeconds);
+
+  // The watcher ends the service on a signal or when its time is up.
+  std::atomic<bool> listening{true};
+  std::thread watcher([&] {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    auto deadline = std::chrono::steady_clock::now() +
+                    std::chrono::milliseconds(static_cast<std::int64_t>(options_.maxSeconds * 1000));
+    while (listening && std::chrono::steady_clock::now() < deadline) {
+      timespec slice{0, 100 * 1000 * 1000};
+      if (sigtimedwait(&signals, nullptr, &slice) > 0) break;
+    }
+    stop();
+  });
+  bool served = server_->listen_after_bind();
+  listening = false;
+  watcher.join();
+  return served ? 0 : 1;
+}
+
+}  // namespace
+
+std::optional<ServiceOptions> parseServiceOptions(int argc, char** argv, std::string& error) {
+  ServiceOptions options;
+  for (int i = 1; i < argc; ++i) {
+    std::string option = argv[i];
+    if (option == "--help" || option == "-h") {
+      error = "help";
+      return std::nullopt;
+    }
+    if (i + 1 >= argc) {
+      error = "missing value for " + option;
+      return std::nullopt;
+    }
+    std::string value = argv[++i];
+    std::uint64_t number = 0;
+    bool numeric = parseUnsigned(value, number);
+    auto needNumber = [&](std::uint64_t maximum) {
+      if (numeric && number <= maximum) return true;
+      error = fmt::format("bad value for {}: {}", option, value);
+      return false;
+    };
+    if (option == "--port") {
+      if (!needNumber(65535)) return std::nullopt;
+      options.port = static_cast<int>(number);
+    } else if (option == "--bind") {
+      if (!isLoopback(value)) {
+        error = "only loopback addresses may be bound: " + value;
+        return std::nullopt;
+      }
+      options.bindAddress = value;
+    } else if (option == "--tls-cert") {
+      options.tlsCertificate = value;
+    } else if (option == "--tls-key") {
+      options.tlsKey = value;
+    } else if (option == "--store") {
+      options.storeDirectory = value;
+    } else if (option == "--fail-first") {
+      if (!needNumber(UINT32_MAX)) return std::nullopt;
+      options.failFirst = number;
+    } else if (option == "--fail-status") {
+      if (!needNumber(999) || number < 100) {
+        error = fmt::format("bad value for {}: {}", option, value);
+        return std::nullopt;
+      }
+      options.failStatus = static_cast<int>(number);
+    } else if (option == "--retry-after") {
+      options.retryAfter = value;
+    } else if (option == "--delay-ms") {
+      if (!needNumber(3600 * 1000)) return std::nullopt;
+      options.delayMilliseconds = number;
+    } else if (option == "--drop-first") {
+      if (!needNumber(UINT32_MAX)) return std::nullopt;
+      options.dropFirst = number;
+    } else if (option == "--port-file") {
+      options.portFile = value;
+    } else if (option == "--max-seconds") {
+      if (!needNumber(24 * 3600) || number == 0) {
+        error = fmt::format("bad value for {}: {}", option, value);
+        return std::nullopt;
+      }
+      options.maxSeconds = static_cast<double>(number);
+    } else {
+      error = "unknown option " + option;
+      return std::nullopt;
+    }
+  }
+  if (options.tlsCertificate.has_value() != options.tlsKey.has_value()) {
+    error = "--tls-cert and --tls-key go together";
+    return std::nullopt;
+  }
+  return options;
+}
+
+int runService(const ServiceOptions& options) { return Service(options).run(); }
+
+}  // namespace symlift::fakeservice
