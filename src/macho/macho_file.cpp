@@ -41,7 +41,8 @@ bool SUPMachOFileOpen(SUPMachOFile* file, const char* path) {
   file->mappedSize = 0;
   file->mappedFile = nullptr;
 
-  int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+  // Non-blocking so that a FIFO (refused below) cannot hang the open.
+  int fd = ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0) return false;
   struct stat status {};
   if (::fstat(fd, &status) != 0) {
