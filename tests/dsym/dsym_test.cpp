@@ -133,14 +133,6 @@ TEST(SUPDSYMFile, SliceWithoutUUIDIsWarnedAboutAndLeftOut) {
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
 }
 
-TEST(SUPCodeMapping, BaseKeepsOnlyTheURL) {
-  auto mapping = SUPCodeMapping::mappingWithURL("/some/where/DWARF/App", "/not/a/bundle");
-  ASSERT_TRUE(mapping);
-  EXPECT_EQ(mapping->URL(), fs::path("/some/where/DWARF/App"));
-  mapping->setSource(3);
-  EXPECT_EQ(mapping->source(), 3);
-}
-
 TEST(SUPCodeMappingInfoContainer, SettingTheDSYMFileTakesItsValues) {
   SUPCodeMappingInfoContainer container;
   auto fat = SUPDSYMFile::initWithDWARFURL(kFatDWARF, kFatBundle);
