@@ -4,7 +4,6 @@
 
 #include <limits>
 
-#include "symbols/csym_text.h"
 
 namespace symlift::symbols {
 namespace {
@@ -44,22 +43,6 @@ TEST(SymbolRangeTest, AddressComparisonTreatsTheEndAsOutside) {
   range.setRange({top - 4, 8});
   EXPECT_EQ(range.compareToAddress(top), 0);
   EXPECT_EQ(range.compareToAddress(top - 5), -1);
-}
-
-TEST(CSYMTextTest, SourceTypeNamesAndUnsignedAddressesWrittenSigned) {
-  EXPECT_EQ(sourceTypeName(SUPSourceTypeDylib), "dylib");
-  EXPECT_EQ(sourceTypeName(SUPSourceTypeStatic), "static");
-  EXPECT_EQ(sourceTypeName(SUPSourceTypeDyldSharedCache), "dyld-shared-cache");
-  EXPECT_EQ(sourceTypeName(SUPSourceTypeDsym), "dsym");
-  EXPECT_EQ(sourceTypeName(0), "unknown");
-  EXPECT_EQ(sourceTypeName(9), "unknown");
-
-  SUPSymbolRange range;
-  range.setRange({std::numeric_limits<std::uint64_t>::max(), 0x7fffffffffffffffull});
-  range.setSymbolIndex(0);
-  EXPECT_EQ(formatCSYMText(9, std::nullopt, "i386", {}, {"f"}, {range}),
-            "code_mapping\t1\tunknown\t(null)\ti386\t0\t1\t1\nfiles\t0\nsymbols\t1\nf\n"
-            "ranges\t1\n-1\t9223372036854775807\t0\t-1\t-1\n");
 }
 
 }  // namespace
