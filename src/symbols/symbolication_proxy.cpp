@@ -8,7 +8,6 @@
 #include <atomic>
 #include <cctype>
 #include <cfloat>
-#include <charconv>
 #include <cstdlib>
 #include <filesystem>
 #include <mutex>
@@ -113,13 +112,10 @@ float SUPSymbolicationProxy::leadingVersionNumber(std::string_view text) {
       i = j;
     }
   }
-  std::string_view number = text.substr(start, i - start);
-  if (!number.empty() && number.front() == '+') number.remove_prefix(1);
-  float value = 0.0f;
-  auto [end, error] = std::from_chars(number.data(), number.data() + number.size(), value);
-  (void)end;
-  if (error == std::errc::result_out_of_range) return number.front() == '-' ? -FLT_MAX : FLT_MAX;
-  return error == std::errc() ? value : 0.0f;
+  // Only digits, sign, point and exponent reach strtof, so neither hexadecimal
+  // nor "inf"/"nan" can be read; the process never changes its numeric locale.
+  std::string number(text.substr(start, i - start));
+  return std::strtof(number.c_str(), nullptr);
 }
 
 std::vector<std::string> SUPSymbolicationProxy::applicationSearchFolders() {
