@@ -46,16 +46,12 @@ std::vector<TableSymbol> readTextSymbols(const MachOImage& image) {
   // Stable: among equal addresses table order is kept.
   std::stable_sort(symbols.begin(), symbols.end(),
                    [](const TableSymbol& a, const TableSymbol& b) { return a.address < b.address; });
+  // Several names at one address (aliases, folded identical code): the
+  // last one in table order names it, as LLVM's symbolizer chooses.
   std::vector<TableSymbol> unique;
   unique.reserve(symbols.size());
-  for (std::size_t i = 0; i < symbols.size();) {
-    std::size_t j = i;
-    std::size_t chosen = i;
-    for (; j < symbols.size() && symbols[j].address == symbols[i].address; ++j)
-      if (symbols[j].external && !symbols[chosen].external) chosen = j;
-    unique.push_back(symbols[chosen]);
-    i = j;
-  }
+  for (std::size_t i = 0; i < symbols.size(); ++i)
+    if (i + 1 == symbols.size() || symbols[i + 1].address != symbols[i].address) unique.push_back(symbols[i]);
   return unique;
 }
 

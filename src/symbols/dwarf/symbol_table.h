@@ -16,8 +16,8 @@ struct TableSymbol {
   bool external = false;
 };
 
-// Sorted by address; for several names at one address the first external
-// one (else the first one) in table order is kept.
+// Sorted by address; of several names at one address the last in table
+// order is kept.
 std::vector<TableSymbol> readTextSymbols(const MachOImage& image);
 
 }  // namespace symlift::symbols::dwarf
