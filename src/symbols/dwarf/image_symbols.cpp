@@ -90,8 +90,7 @@ void attachSources(ImageSymbols& out, const std::vector<LineSpan>& spans, const 
       bool merged = false;
       if (out.sources.size() > symbol.firstSource) {
         SourceInfo& last = out.sources.back();
-        if (last.address + last.length == from && last.line == span.line && last.path.data() == path.data() &&
-            last.path.size() == path.size()) {
+        if (last.address + last.length == from && last.line == span.line && last.path == path) {
           last.length = to - last.address;
           merged = true;
         }

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -16,7 +17,9 @@
 #include <vector>
 
 #include "support/test_support.h"
+#include "symbols/dwarf/debug_info.h"
 #include "symbols/dwarf/dwarf_provider.h"
+#include "symbols/dwarf/line_table.h"
 #include "symbols/dwarf/macho_image.h"
 #include "symbols/dwarf/mapped_file.h"
 
@@ -31,9 +34,9 @@ using symlift::testing::runProgram;
 using symlift::testing::TempDir;
 
 constexpr std::size_t kRandomAddresses = 1000;
-// Line-record addresses per slice beyond this are sampled evenly, to keep
-// the whole comparison within a couple of minutes on two cores.
-constexpr std::size_t kMaxRecordAddresses = 4000;
+// Row, symbol and record addresses per slice beyond this are sampled
+// evenly, to keep the whole comparison within a minute or two on two cores.
+constexpr std::size_t kMaxRecordAddresses = 5000;
 
 struct Answer {
   std::string function = "??";
@@ -151,6 +154,24 @@ struct Totals {
   std::vector<std::string> examples;
 };
 
+// The address of every line-table row in the text section.
+std::vector<std::uint64_t> rowAddresses(const MachOImage& image) {
+  std::vector<std::uint64_t> addresses;
+  DwarfSections sections = DwarfSections::of(image);
+  if (sections.info.empty()) return addresses;
+  DebugInfo debugInfo(sections);
+  LineTables tables;
+  std::deque<std::string> strings;
+  std::set<std::uint64_t> read;
+  for (const UnitInfo& unit : debugInfo.units())
+    if (unit.stmtList && read.insert(*unit.stmtList).second)
+      readLineTable(sections, unit, *unit.stmtList, tables, strings);
+  const MachOSection& text = *image.textSection;
+  for (const LineRow& row : tables.rows)
+    if (row.address >= text.address && row.address - text.address < text.size) addresses.push_back(row.address);
+  return addresses;
+}
+
 // The symbolizer takes line information only from the compile unit whose
 // address ranges hold the address; llvm-dwarfdump --lookup shows whether
 // there is one. Looked up for a bounded number of addresses.
@@ -190,9 +211,13 @@ void compareFile(const fs::path& file, Totals& totals, const TempDir& temp) {
         symbols.push_back(std::move(symbol));
       });
     });
-    std::vector<std::uint64_t> addresses;
-    for (const Symbol& symbol : symbols)
+    std::vector<std::uint64_t> addresses = rowAddresses(image);
+    for (const Symbol& symbol : symbols) {
+      addresses.push_back(symbol.address);
       for (const Record& record : symbol.records) addresses.push_back(record.address);
+    }
+    std::sort(addresses.begin(), addresses.end());
+    addresses.erase(std::unique(addresses.begin(), addresses.end()), addresses.end());
     if (addresses.size() > kMaxRecordAddresses) {
       std::vector<std::uint64_t> sampled;
       for (std::size_t i = 0; i < kMaxRecordAddresses; ++i)
