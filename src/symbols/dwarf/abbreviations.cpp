@@ -16,8 +16,18 @@ bool AbbreviationTable::parse(Bytes section, std::uint64_t offset) {
   abbreviations_.clear();
   attributes_.clear();
   sequential_ = true;
+  bytesRead_ = 0;
   if (offset >= section.size()) return false;
   ByteReader reader(section, static_cast<std::size_t>(offset));
+  bool complete = parseFrom(reader);
+  bytesRead_ = reader.offset() - static_cast<std::size_t>(offset);
+  if (!sequential_)
+    std::stable_sort(abbreviations_.begin(), abbreviations_.end(),
+                     [](const Abbreviation& a, const Abbreviation& b) { return a.code < b.code; });
+  return complete;
+}
+
+bool AbbreviationTable::parseFrom(ByteReader& reader) {
   while (true) {
     Abbreviation abbreviation;
     abbreviation.code = reader.uleb();
@@ -42,9 +52,6 @@ bool AbbreviationTable::parse(Bytes section, std::uint64_t offset) {
     if (abbreviation.code != abbreviations_.size() + 1) sequential_ = false;
     abbreviations_.push_back(abbreviation);
   }
-  if (!sequential_)
-    std::stable_sort(abbreviations_.begin(), abbreviations_.end(),
-                     [](const Abbreviation& a, const Abbreviation& b) { return a.code < b.code; });
   return true;
 }
 

@@ -36,12 +36,17 @@ class AbbreviationTable {
                                                                 abbreviation.attributeCount);
   }
   std::size_t size() const { return abbreviations_.size(); }
+  // Bytes of the section the last parse() went through.
+  std::size_t bytesRead() const { return bytesRead_; }
 
  private:
   std::vector<Abbreviation> abbreviations_;
   std::vector<AttributeSpec> attributes_;
   // Codes are usually 1, 2, 3, ... in order; then lookup is by index.
   bool sequential_ = true;
+  std::size_t bytesRead_ = 0;
+
+  bool parseFrom(ByteReader& reader);
 };
 
 }  // namespace symlift::symbols::dwarf

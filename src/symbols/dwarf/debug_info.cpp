@@ -54,7 +54,8 @@ std::optional<std::uint64_t> referenceTarget(const FormValue& value, const UnitI
 
 }  // namespace
 
-DebugInfo::DebugInfo(const DwarfSections& sections) : sections_(sections) {
+DebugInfo::DebugInfo(const DwarfSections& sections)
+    : sections_(sections), abbreviationBudget_(8 * std::uint64_t{sections.abbrev.size()} + (1u << 20)) {
   ByteReader reader(sections.info);
   while (reader.remaining() > 0) {
     UnitInfo unit;
@@ -107,8 +108,10 @@ DebugInfo::DebugInfo(const DwarfSections& sections) : sections_(sections) {
 const AbbreviationTable* DebugInfo::abbreviationTable(std::uint64_t offset) {
   auto found = tables_.find(offset);
   if (found != tables_.end()) return found->second.get();
+  if (abbreviationBudget_ == 0) return nullptr;
   auto table = std::make_unique<AbbreviationTable>();
   bool complete = table->parse(sections_.abbrev, offset);
+  abbreviationBudget_ -= std::min<std::uint64_t>(abbreviationBudget_, table->bytesRead());
   const AbbreviationTable* result = (complete || table->size() > 0) ? table.get() : nullptr;
   tables_.emplace(offset, std::move(table));
   return result;
@@ -149,6 +152,9 @@ void DebugInfo::readUnitDie(UnitInfo& unit) {
 std::vector<FunctionRange> DebugInfo::functionRanges() const {
   std::vector<FunctionRange> functions;
   std::vector<AddressRange> ranges;
+  // Range-list entries all subprograms together may read: many DIEs of a
+  // damaged unit could name one long list.
+  std::uint64_t rangeBudget = 4 * std::uint64_t{sections_.ranges.size() + sections_.rnglists.size()} + (1u << 16);
   for (const UnitInfo& unit : units_) {
     if (!unit.abbreviations) continue;
     if (unit.tag != kTagCompileUnit && unit.tag != kTagPartialUnit && unit.tag != kTagSkeletonUnit) continue;
@@ -189,7 +195,7 @@ std::vector<FunctionRange> DebugInfo::functionRanges() const {
         if (highAddress > lowAddress) functions.push_back({lowAddress, highAddress, dieOffset});
       } else if (rangesValue) {
         ranges.clear();
-        readRangeList(sections_, unit, *rangesValue, ranges);
+        readRangeList(sections_, unit, *rangesValue, ranges, rangeBudget);
         for (const AddressRange& range : ranges) functions.push_back({range.first, range.second, dieOffset});
       }
     }

@@ -66,6 +66,9 @@ class DebugInfo {
   const DwarfSections& sections_;
   std::vector<UnitInfo> units_;
   std::map<std::uint64_t, std::unique_ptr<AbbreviationTable>> tables_;
+  // Tables at many offsets of one damaged section could each run to its
+  // end; the bytes all tables may go through are bounded.
+  std::uint64_t abbreviationBudget_ = 0;
 };
 
 }  // namespace symlift::symbols::dwarf

@@ -1,7 +1,6 @@
 #include "symbols/dwarf/image_symbols.h"
 
 #include <algorithm>
-#include <unordered_set>
 
 #include "symbols/dwarf/debug_info.h"
 #include "symbols/dwarf/demangle.h"
@@ -157,11 +156,20 @@ ImageSymbols readImageSymbols(const MachOImage& image) {
   }
 
   if (debugInfo) {
-    LineTables tables;
-    std::unordered_set<std::uint64_t> readTables;
+    // Each line table once, in section order. Tables do not overlap; a
+    // unit naming an offset inside a table already read is damaged (and
+    // skipping it keeps the work linear in the section's size).
+    std::vector<const UnitInfo*> units;
     for (const UnitInfo& unit : debugInfo->units())
-      if (unit.stmtList && readTables.insert(*unit.stmtList).second)
-        readLineTable(sections, unit, *unit.stmtList, tables, out.strings);
+      if (unit.stmtList) units.push_back(&unit);
+    std::stable_sort(units.begin(), units.end(),
+                     [](const UnitInfo* a, const UnitInfo* b) { return *a->stmtList < *b->stmtList; });
+    LineTables tables;
+    std::uint64_t readUntil = 0;
+    for (const UnitInfo* unit : units) {
+      if (*unit->stmtList < readUntil) continue;
+      if (auto end = readLineTable(sections, *unit, *unit->stmtList, tables, out.strings)) readUntil = *end;
+    }
     attachSources(out, lineSpans(tables, text), tables);
   }
   return out;

@@ -145,9 +145,9 @@ void appendPathComponent(std::string& path, std::string_view component) {
   path.append(component);
 }
 
-bool readLineTable(const DwarfSections& sections, const UnitInfo& unit, std::uint64_t offset, LineTables& out,
-                   std::deque<std::string>& strings) {
-  if (offset >= sections.line.size()) return false;
+std::optional<std::uint64_t> readLineTable(const DwarfSections& sections, const UnitInfo& unit,
+                                           std::uint64_t offset, LineTables& out, std::deque<std::string>& strings) {
+  if (offset >= sections.line.size()) return std::nullopt;
   ByteReader reader(sections.line, static_cast<std::size_t>(offset));
   std::uint8_t offsetSize = 4;
   std::uint64_t length = reader.u32();
@@ -155,12 +155,13 @@ bool readLineTable(const DwarfSections& sections, const UnitInfo& unit, std::uin
     offsetSize = 8;
     length = reader.u64();
   } else if (length >= 0xfffffff0u) {
-    return false;
+    return std::nullopt;
   }
-  if (!reader.ok() || length > reader.remaining()) return false;
-  ByteReader program(sections.line.first(reader.offset() + static_cast<std::size_t>(length)), reader.offset());
+  if (!reader.ok() || length > reader.remaining()) return std::nullopt;
+  const std::size_t tableEnd = reader.offset() + static_cast<std::size_t>(length);
+  ByteReader program(sections.line.first(tableEnd), reader.offset());
   Prologue prologue;
-  if (!readPrologue(program, unit, sections, offsetSize, prologue)) return false;
+  if (!readPrologue(program, unit, sections, offsetSize, prologue)) return std::nullopt;
 
   // File-table entry → index into out.paths, made when first used.
   std::vector<std::uint32_t> fileIndex(prologue.files.size(), kNoFile);
@@ -255,7 +256,7 @@ bool readLineTable(const DwarfSections& sections, const UnitInfo& unit, std::uin
   }
   // An unterminated sequence is incomplete and dropped.
   out.rows.resize(sequenceStart);
-  return true;
+  return tableEnd;
 }
 
 }  // namespace symlift::symbols::dwarf

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -41,9 +42,10 @@ struct LineTables {
 void appendPathComponent(std::string& path, std::string_view component);
 
 // Reads the line program at offset for unit; the full paths are kept in
-// strings. Returns false when the header is damaged; sequences completed
-// before damage in the program are kept.
-bool readLineTable(const DwarfSections& sections, const UnitInfo& unit, std::uint64_t offset, LineTables& out,
-                   std::deque<std::string>& strings);
+// strings. Returns the offset just past the table, or nothing when its
+// header is damaged; sequences completed before damage in the program are
+// kept.
+std::optional<std::uint64_t> readLineTable(const DwarfSections& sections, const UnitInfo& unit,
+                                           std::uint64_t offset, LineTables& out, std::deque<std::string>& strings);
 
 }  // namespace symlift::symbols::dwarf

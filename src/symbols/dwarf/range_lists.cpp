@@ -14,13 +14,15 @@ void add(std::vector<AddressRange>& out, std::uint64_t low, std::uint64_t high) 
 // .debug_ranges: pairs of addresses relative to the base address, a pair
 // with the largest address first selecting a new base, (0, 0) ending it.
 bool readRanges(const DwarfSections& sections, const UnitInfo& unit, std::uint64_t offset,
-                std::vector<AddressRange>& out) {
+                std::vector<AddressRange>& out, std::uint64_t& budget) {
   if (offset >= sections.ranges.size()) return false;
   const unsigned size = unit.context.addressSize;
   const std::uint64_t selector = size >= 8 ? UINT64_MAX : (std::uint64_t{1} << (8 * size)) - 1;
   std::uint64_t base = unit.baseAddress;
   ByteReader reader(sections.ranges, static_cast<std::size_t>(offset));
   while (true) {
+    if (budget == 0) return false;
+    --budget;
     std::uint64_t start = reader.fixed(size);
     std::uint64_t end = reader.fixed(size);
     if (!reader.ok()) return false;
@@ -34,12 +36,14 @@ bool readRanges(const DwarfSections& sections, const UnitInfo& unit, std::uint64
 }
 
 bool readRnglist(const DwarfSections& sections, const UnitInfo& unit, std::uint64_t offset,
-                 std::vector<AddressRange>& out) {
+                 std::vector<AddressRange>& out, std::uint64_t& budget) {
   if (offset >= sections.rnglists.size()) return false;
   const FormContext& context = unit.context;
   std::uint64_t base = unit.baseAddress;
   ByteReader reader(sections.rnglists, static_cast<std::size_t>(offset));
   while (true) {
+    if (budget == 0) return false;
+    --budget;
     std::uint8_t kind = reader.u8();
     if (!reader.ok()) return false;
     std::uint64_t a = 0, b = 0;
@@ -92,10 +96,10 @@ bool readRnglist(const DwarfSections& sections, const UnitInfo& unit, std::uint6
 }  // namespace
 
 bool readRangeList(const DwarfSections& sections, const UnitInfo& unit, const FormValue& value,
-                   std::vector<AddressRange>& out) {
+                   std::vector<AddressRange>& out, std::uint64_t& budget) {
   if (unit.context.version < 5) {
     if (classOf(value.form) != FormClass::kSectionOffset && classOf(value.form) != FormClass::kConstant) return false;
-    return readRanges(sections, unit, value.number, out);
+    return readRanges(sections, unit, value.number, out, budget);
   }
   if (classOf(value.form) == FormClass::kRangeListIndex) {
     // The index selects an entry of the offset table that follows the
@@ -109,10 +113,10 @@ bool readRangeList(const DwarfSections& sections, const UnitInfo& unit, const Fo
     ByteReader reader(sections.rnglists, static_cast<std::size_t>(position));
     std::uint64_t relative = reader.fixed(static_cast<unsigned>(size));
     if (relative > UINT64_MAX - base) return false;
-    return readRnglist(sections, unit, base + relative, out);
+    return readRnglist(sections, unit, base + relative, out, budget);
   }
   if (classOf(value.form) != FormClass::kSectionOffset) return false;
-  return readRnglist(sections, unit, value.number, out);
+  return readRnglist(sections, unit, value.number, out, budget);
 }
 
 }  // namespace symlift::symbols::dwarf
