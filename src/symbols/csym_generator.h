@@ -1,0 +1,33 @@
+#pragma once
+// Writes one cSYM file per readable slice of a DWARF file into the temporary
+// directory, named by architecture and UUID.
+
+#include <map>
+#include <string>
+
+namespace symlift::symbols {
+
+class SUPCSYMGeneratorUtilities {
+ public:
+  // "<temporary directory>/<arch>-<uuid>.csym". The dSYM path is accepted but
+  // not used: the same slice always maps to the same file.
+  static std::string csymPathForArchitecture(const std::string& architecture, const std::string& uuid,
+                                             const std::string& dsymPath);
+};
+
+class CSYMGenerator {
+ public:
+  // Returns UUID → architecture name for every cSYM file written. Slices that
+  // come with an error (no UUID) and files that cannot be written are left out
+  // silently; the caller compares the result with the UUIDs it expects.
+  static std::map<std::string, std::string> generateCSYMsFromDSYMAtPath(const std::string& path,
+                                                                        float maxCoreSymbolicationVersion);
+  // The same with the process-wide default maximum symbolication version.
+  static std::map<std::string, std::string> generateCSYMsFromDSYMAtPath(const std::string& path);
+
+  // Replaces the file at path with bytes as its whole contents (written beside
+  // it and renamed into place, so a reader never sees half a file).
+  static bool writeFileAtomically(const std::string& path, const std::string& bytes);
+};
+
+}  // namespace symlift::symbols

@@ -1,0 +1,262 @@
+#include "symbols/dwarf/line_table.h"
+
+#include <algorithm>
+
+namespace symlift::symbols::dwarf {
+
+namespace {
+
+constexpr std::uint8_t kCopy = 1, kAdvancePc = 2, kAdvanceLine = 3, kSetFile = 4, kSetColumn = 5,
+                       kNegateStmt = 6, kSetBasicBlock = 7, kConstAddPc = 8, kFixedAdvancePc = 9,
+                       kSetPrologueEnd = 10, kSetEpilogueBegin = 11, kSetIsa = 12;
+constexpr std::uint8_t kEndSequence = 1, kSetAddress = 2, kDefineFile = 3;
+constexpr std::uint64_t kContentPath = 1, kContentDirectoryIndex = 2;
+
+// Entries of a DWARF 5 directory or file table beyond what the header's
+// bytes could hold (entries of zero bytes are possible) are not believed.
+constexpr std::uint64_t kMaxEmptyEntries = 1024;
+
+struct Prologue {
+  std::uint16_t version = 0;
+  std::uint8_t minInstructionLength = 1;
+  std::int8_t lineBase = 0;
+  std::uint8_t lineRange = 0;
+  std::uint8_t opcodeBase = 0;
+  Bytes standardOpcodeLengths;
+  std::vector<std::string_view> directories;
+  struct File {
+    std::string_view name;
+    std::uint64_t directory = 0;
+  };
+  std::vector<File> files;
+};
+
+std::string fullPath(const Prologue& prologue, const Prologue::File& file, std::string_view compDir) {
+  if (!file.name.empty() && file.name[0] == '/') return std::string(file.name);
+  std::string_view directory;
+  if (prologue.version >= 5) {
+    if (file.directory < prologue.directories.size()) directory = prologue.directories[file.directory];
+  } else if (file.directory > 0 && file.directory <= prologue.directories.size()) {
+    directory = prologue.directories[file.directory - 1];
+  }
+  std::string path;
+  // In DWARF 5, directory 0 is the compilation directory itself.
+  if ((prologue.version < 5 || file.directory != 0) && !(directory.size() > 0 && directory[0] == '/'))
+    appendPathComponent(path, compDir);
+  appendPathComponent(path, directory);
+  appendPathComponent(path, file.name);
+  return path;
+}
+
+// A DWARF 5 directory or file table: entry formats, then entries.
+bool readEntryTable(ByteReader& reader, const UnitInfo& unit, const FormContext& context,
+                    const DwarfSections& sections, std::vector<Prologue::File>& entries) {
+  std::uint8_t formatCount = reader.u8();
+  std::vector<std::pair<std::uint64_t, std::uint64_t>> formats;
+  for (std::uint8_t i = 0; i < formatCount && reader.ok(); ++i) {
+    std::uint64_t content = reader.uleb();
+    std::uint64_t formCode = reader.uleb();
+    formats.emplace_back(content, formCode);
+  }
+  std::uint64_t count = reader.uleb();
+  if (!reader.ok()) return false;
+  count = std::min<std::uint64_t>(count, reader.remaining() + kMaxEmptyEntries);
+  for (std::uint64_t i = 0; i < count; ++i) {
+    Prologue::File entry;
+    for (const auto& [content, formCode] : formats) {
+      FormValue value;
+      if (formCode > UINT32_MAX ||
+          !readFormValue(reader, static_cast<std::uint32_t>(formCode), 0, context, value))
+        return false;
+      if (content == kContentPath) {
+        std::string_view text;
+        if (resolveString(value, sections, context, unit.bases, text)) entry.name = text;
+      } else if (content == kContentDirectoryIndex && classOf(value.form) == FormClass::kConstant) {
+        entry.directory = value.number;
+      }
+    }
+    entries.push_back(entry);
+  }
+  return reader.ok();
+}
+
+bool readPrologue(ByteReader& reader, const UnitInfo& unit, const DwarfSections& sections, std::uint8_t offsetSize,
+                  Prologue& prologue) {
+  prologue.version = reader.u16();
+  if (!reader.ok() || prologue.version < 2 || prologue.version > 5) return false;
+  FormContext context = unit.context;
+  context.offsetSize = offsetSize;
+  context.version = prologue.version;
+  if (prologue.version >= 5) {
+    context.addressSize = reader.u8();
+    reader.u8();  // segment selector size
+  }
+  std::uint64_t headerLength = reader.fixed(offsetSize);
+  if (!reader.ok() || headerLength > reader.remaining()) return false;
+  std::size_t programStart = reader.offset() + static_cast<std::size_t>(headerLength);
+  ByteReader header(reader.data().first(programStart), reader.offset());
+  prologue.minInstructionLength = header.u8();
+  if (prologue.version >= 4) header.u8();  // maximum operations per instruction
+  header.u8();                             // default_is_stmt
+  prologue.lineBase = static_cast<std::int8_t>(header.u8());
+  prologue.lineRange = header.u8();
+  prologue.opcodeBase = header.u8();
+  if (prologue.opcodeBase > 0) prologue.standardOpcodeLengths = header.bytes(prologue.opcodeBase - 1u);
+  if (!header.ok()) return false;
+  if (prologue.version >= 5) {
+    std::vector<Prologue::File> directories;
+    if (!readEntryTable(header, unit, context, sections, directories)) return false;
+    for (const auto& directory : directories) prologue.directories.push_back(directory.name);
+    if (!readEntryTable(header, unit, context, sections, prologue.files)) return false;
+  } else {
+    while (true) {
+      std::string_view directory = header.cstr();
+      if (!header.ok()) return false;
+      if (directory.empty()) break;
+      prologue.directories.push_back(directory);
+    }
+    while (true) {
+      Prologue::File file;
+      file.name = header.cstr();
+      if (!header.ok()) return false;
+      if (file.name.empty()) break;
+      file.directory = header.uleb();
+      header.uleb();  // modification time
+      header.uleb();  // length
+      if (!header.ok()) return false;
+      prologue.files.push_back(file);
+    }
+  }
+  reader.seek(programStart);
+  return true;
+}
+
+}  // namespace
+
+void appendPathComponent(std::string& path, std::string_view component) {
+  if (component.empty()) return;
+  if (!path.empty() && path.back() == '/') {
+    std::size_t start = component.find_first_not_of('/');
+    if (start == std::string_view::npos) return;
+    path.append(component.substr(start));
+    return;
+  }
+  if (!path.empty() && component[0] != '/') path.push_back('/');
+  path.append(component);
+}
+
+std::optional<std::uint64_t> readLineTable(const DwarfSections& sections, const UnitInfo& unit,
+                                           std::uint64_t offset, LineTables& out, std::deque<std::string>& strings) {
+  if (offset >= sections.line.size()) return std::nullopt;
+  ByteReader reader(sections.line, static_cast<std::size_t>(offset));
+  std::uint8_t offsetSize = 4;
+  std::uint64_t length = reader.u32();
+  if (length == 0xffffffffu) {
+    offsetSize = 8;
+    length = reader.u64();
+  } else if (length >= 0xfffffff0u) {
+    return std::nullopt;
+  }
+  if (!reader.ok() || length > reader.remaining()) return std::nullopt;
+  const std::size_t tableEnd = reader.offset() + static_cast<std::size_t>(length);
+  ByteReader program(sections.line.first(tableEnd), reader.offset());
+  Prologue prologue;
+  if (!readPrologue(program, unit, sections, offsetSize, prologue)) return std::nullopt;
+
+  // File-table entry → index into out.paths, made when first used.
+  std::vector<std::uint32_t> fileIndex(prologue.files.size(), kNoFile);
+  auto pathIndex = [&](std::uint64_t file) -> std::uint32_t {
+    // DWARF 5 numbers files from 0, earlier versions from 1.
+    std::uint64_t entry = prologue.version >= 5 ? file : file - 1;
+    if ((prologue.version < 5 && file == 0) || entry >= prologue.files.size()) return kNoFile;
+    if (fileIndex[entry] == kNoFile) {
+      fileIndex[entry] = static_cast<std::uint32_t>(out.paths.size());
+      out.paths.push_back(strings.emplace_back(fullPath(prologue, prologue.files[entry], unit.compDir)));
+    }
+    return fileIndex[entry];
+  };
+
+  const std::uint8_t addressSize = unit.context.addressSize;
+  std::uint64_t address = 0;
+  std::uint64_t file = 1;
+  std::int64_t line = 1;
+  std::size_t sequenceStart = out.rows.size();
+  auto emitRow = [&]() {
+    LineRow row;
+    row.address = address;
+    row.file = pathIndex(file);
+    row.line = line < 0 ? 0 : static_cast<std::uint32_t>(std::min<std::int64_t>(line, UINT32_MAX));
+    out.rows.push_back(row);
+  };
+  auto endSequence = [&]() {
+    std::size_t count = out.rows.size() - sequenceStart;
+    if (count > 0 && address > out.rows[sequenceStart].address)
+      out.sequences.push_back({out.rows[sequenceStart].address, address, sequenceStart, count});
+    else
+      out.rows.resize(sequenceStart);
+    sequenceStart = out.rows.size();
+    address = 0;
+    file = 1;
+    line = 1;
+  };
+  auto advance = [&](std::uint64_t operations) { address += operations * prologue.minInstructionLength; };
+
+  // Every opcode consumes at least one byte, so the loop ends.
+  while (program.remaining() > 0) {
+    std::uint8_t opcode = program.u8();
+    if (opcode == 0) {
+      std::uint64_t size = program.uleb();
+      if (!program.ok() || size > program.remaining()) break;
+      std::size_t end = program.offset() + static_cast<std::size_t>(size);
+      if (size > 0) {
+        std::uint8_t subOpcode = program.u8();
+        if (subOpcode == kEndSequence) {
+          endSequence();
+        } else if (subOpcode == kSetAddress) {
+          std::size_t width = static_cast<std::size_t>(size - 1);
+          address = (width >= 1 && width <= 8) ? program.fixed(static_cast<unsigned>(width))
+                                               : program.fixed(addressSize);
+        } else if (subOpcode == kDefineFile) {
+          Prologue::File defined;
+          defined.name = program.cstr();
+          defined.directory = program.uleb();
+          if (program.ok()) {
+            prologue.files.push_back(defined);
+            fileIndex.push_back(kNoFile);
+          }
+        }
+      }
+      program = ByteReader(program.data(), end);
+    } else if (opcode < prologue.opcodeBase) {
+      switch (opcode) {
+        case kCopy: emitRow(); break;
+        case kAdvancePc: advance(program.uleb()); break;
+        case kAdvanceLine: line += program.sleb(); break;
+        case kSetFile: file = program.uleb(); break;
+        case kConstAddPc:
+          if (prologue.lineRange != 0) advance((255u - prologue.opcodeBase) / prologue.lineRange);
+          break;
+        case kFixedAdvancePc: address += program.u16(); break;
+        case kSetColumn: case kSetIsa: program.uleb(); break;
+        case kNegateStmt: case kSetBasicBlock: case kSetPrologueEnd: case kSetEpilogueBegin: break;
+        default:
+          // An opcode this reader does not know: skip its operands.
+          for (std::uint8_t i = 0; i < prologue.standardOpcodeLengths[opcode - 1u]; ++i) program.uleb();
+          break;
+      }
+    } else {
+      std::uint8_t adjusted = static_cast<std::uint8_t>(opcode - prologue.opcodeBase);
+      if (prologue.lineRange != 0) {
+        advance(adjusted / prologue.lineRange);
+        line += prologue.lineBase + static_cast<std::int64_t>(adjusted % prologue.lineRange);
+      }
+      emitRow();
+    }
+    if (!program.ok()) break;
+  }
+  // An unterminated sequence is incomplete and dropped.
+  out.rows.resize(sequenceStart);
+  return tableEnd;
+}
+
+}  // namespace symlift::symbols::dwarf

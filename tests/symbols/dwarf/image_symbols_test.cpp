@@ -1,0 +1,439 @@
+// The reader on images assembled in code: the same small program written
+// with each DWARF version and format, every attribute form, range lists,
+// name lookup through references, line programs, and the symbol table.
+
+#include "symbols/dwarf/image_symbols.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+
+#include "dwarf_builder.h"
+
+namespace symlift::symbols::dwarf {
+namespace {
+
+using namespace testing;
+
+constexpr std::uint64_t kText = 0x100001000;
+
+std::string render(const ImageSymbols& symbols) {
+  std::string text;
+  char line[512];
+  for (const ImageSymbol& symbol : symbols.symbols) {
+    std::snprintf(line, sizeof line, "%llx+%llx %.*s | %.*s\n", static_cast<unsigned long long>(symbol.address - kText),
+                  static_cast<unsigned long long>(symbol.length),
+                  static_cast<int>(symbol.mangledName ? symbol.mangledName->size() : 1),
+                  symbol.mangledName ? symbol.mangledName->data() : "-",
+                  static_cast<int>(symbol.name ? symbol.name->size() : 1), symbol.name ? symbol.name->data() : "-");
+    text += line;
+    for (std::size_t i = 0; i < symbol.sourceCount; ++i) {
+      const SourceInfo& source = symbols.sources[symbol.firstSource + i];
+      std::snprintf(line, sizeof line, "  %llx+%llx %.*s:%llu\n", static_cast<unsigned long long>(source.address - kText),
+                    static_cast<unsigned long long>(source.length), static_cast<int>(source.path.size()),
+                    source.path.data(), static_cast<unsigned long long>(source.line));
+      text += line;
+    }
+  }
+  return text;
+}
+
+// Reads the symbols of a thin image; the bytes must outlive the result.
+ImageSymbols symbolsOf(const std::vector<std::uint8_t>& bytes) {
+  auto image = readMachOImage(Bytes(bytes));
+  if (!image) return {};
+  return readImageSymbols(*image);
+}
+
+struct Sections {
+  AbbreviationWriter abbrev;
+  Writer info;
+  StringSection str;
+  StringSection lineStr;
+  Writer strOffsets;
+  Writer addr;
+  Writer ranges;
+  Writer rnglists;
+  std::vector<std::uint8_t> line;
+
+  MachOSpec spec(std::vector<TableEntry> symbols = {}) const {
+    MachOSpec spec;
+    spec.dwarf = {{"__debug_abbrev", abbrev.bytes()}, {"__debug_info", info.bytes},
+                  {"__debug_str", str.bytes()},       {"__debug_line", line},
+                  {"__debug_line_str", lineStr.bytes()}, {"__debug_str_offs", strOffsets.bytes},
+                  {"__debug_addr", addr.bytes},        {"__debug_ranges", ranges.bytes},
+                  {"__debug_rnglists", rnglists.bytes}};
+    spec.symbols = std::move(symbols);
+    return spec;
+  }
+};
+
+// The line program every version of the small program shares: rows that
+// merge, a row that spans two functions, a header file in a relative
+// include folder, an absolute path, a dead-stripped sequence at address 0.
+void writeLines(LineProgram& lines, unsigned firstFile) {
+  lines.setAddress(kText).setFile(firstFile).advanceLine(2).copy();     // 0x00 a.c:3
+  lines.special(4, 1);                                                    // 0x04 a.c:4
+  lines.special(4, 0);                                                    // 0x08 a.c:4 (merges)
+  lines.setFile(firstFile + 1).advanceLine(6).special(4, 0);              // 0x0c inc.h:10
+  lines.setFile(firstFile).advanceLine(-5).special(4, 0);                 // 0x10 a.c:5
+  lines.constAddPc().special(0, 2);                                       // 0x21 a.c:7
+  lines.fixedAdvancePc(0x1f).setFile(firstFile + 2).advanceLine(13).copy();  // 0x40 x.h:20
+  lines.advancePc(0x10).endSequence();                                    // 0x50
+  lines.setAddress(0).setFile(firstFile).copy().advancePc(0x20).endSequence();
+  lines.setAddress(kText + 0x80).setFile(firstFile).advanceLine(49).copy().advancePc(8).endSequence();
+}
+
+const char* const kSmallProgram =
+    "0+20 main | main\n"
+    "  0+4 /src/a.c:3\n"
+    "  4+8 /src/a.c:4\n"
+    "  c+4 /src/include/inc.h:10\n"
+    "  10+10 /src/a.c:5\n"
+    // Two address ranges: two symbols of one name; the row at 0x21 is
+    // clipped at the end of the first.
+    "20+10 __ZN3foo3barEv | foo::bar()\n"
+    "  20+1 /src/a.c:5\n"
+    "  21+f /src/a.c:7\n"
+    "30+20 __ZN3foo3barEv | foo::bar()\n"
+    "  30+10 /src/a.c:7\n"
+    "  40+10 /abs/x.h:20\n"
+    "80+f80 _helper | helper\n"
+    "  80+8 /src/a.c:50\n";
+
+// main (a name only), foo::bar (a linkage name on its declaration, code
+// through DW_AT_specification) and a symbol-table-only helper, in DWARF 2
+// to 4 with the forms each version has.
+std::vector<std::uint8_t> smallProgramV2to4(std::uint16_t version, unsigned offsetSize, Sections& s) {
+  const unsigned stmtForm = version >= 4 ? dw::FORM_sec_offset : dw::FORM_data4;
+  auto cu = s.abbrev.add(dw::TAG_compile_unit, true,
+                         {{dw::AT_name, dw::FORM_strp}, {dw::AT_comp_dir, dw::FORM_string},
+                          {dw::AT_stmt_list, stmtForm}, {dw::AT_low_pc, dw::FORM_addr}});
+  auto function = s.abbrev.add(dw::TAG_subprogram, false,
+                               {{dw::AT_low_pc, dw::FORM_addr},
+                                {dw::AT_high_pc, version >= 4 ? dw::FORM_data4 : dw::FORM_addr},
+                                {dw::AT_name, dw::FORM_strp}});
+  auto type = s.abbrev.add(dw::TAG_class_type, true, {{dw::AT_name, dw::FORM_string}});
+  auto declaration = s.abbrev.add(dw::TAG_subprogram, false,
+                                  {{dw::AT_name, dw::FORM_string},
+                                   {version >= 4 ? dw::AT_linkage_name : dw::AT_MIPS_linkage_name, dw::FORM_strp},
+                                   {dw::AT_declaration, dw::FORM_flag}});
+  auto definitionWithRanges = s.abbrev.add(dw::TAG_subprogram, false,
+                                           {{dw::AT_specification, dw::FORM_ref4}, {dw::AT_ranges, stmtForm}});
+  auto definition = s.abbrev.add(dw::TAG_subprogram, false,
+                                 {{dw::AT_specification, dw::FORM_ref4},
+                                  {dw::AT_low_pc, dw::FORM_addr},
+                                  {dw::AT_high_pc, dw::FORM_addr}});
+
+  LineProgram lines(version, offsetSize);
+  lines.directories = {"include"};
+  lines.files = {{"a.c", 0}, {"inc.h", 1}, {"/abs/x.h", 0}};
+  writeLines(lines, 1);
+  s.line = lines.bytes();
+
+  UnitWriter unit(s.info, version, offsetSize, 8);
+  Writer& w = unit.info();
+  w.uleb(cu);
+  unit.offset(s.str.add("a.c"));
+  w.str("/src");
+  w.fixed(version >= 4 ? offsetSize : 4, 0);
+  w.u64(kText);
+  w.uleb(function).u64(kText);
+  if (version >= 4) w.u32(0x20);
+  else w.u64(kText + 0x20);
+  unit.offset(s.str.add("main"));
+  w.uleb(type).str("foo");
+  std::uint64_t declarationOffset = unit.here();
+  w.uleb(declaration).str("bar");
+  unit.offset(s.str.add("_ZN3foo3barEv"));
+  w.u8(1);
+  w.u8(0);  // end of foo's children
+  if (version >= 3) {
+    // Ranges relative to the unit's base, then a base address selection.
+    w.uleb(definitionWithRanges).u32(declarationOffset);
+    w.fixed(version >= 4 ? offsetSize : 4, s.ranges.size());
+    s.ranges.u64(0x20).u64(0x30).u64(~0ull).u64(kText + 0x30).u64(0).u64(0x20).u64(0).u64(0);
+  } else {
+    // DWARF 2 has no range lists: two definitions of one declaration.
+    w.uleb(definition).u32(declarationOffset).u64(kText + 0x20).u64(kText + 0x30);
+    w.uleb(definition).u32(declarationOffset).u64(kText + 0x30).u64(kText + 0x50);
+  }
+  w.u8(0);
+  unit.finish();
+  return buildMachO(s.spec({{"_helper", 0x0e, 1, kText + 0x80}}));
+}
+
+// The same program in DWARF 5: indexed strings and addresses, line_strp
+// paths, a range list by index, files numbered from 0.
+std::vector<std::uint8_t> smallProgramV5(unsigned offsetSize, Sections& s) {
+  auto cu = s.abbrev.add(dw::TAG_compile_unit, true,
+                         {{dw::AT_name, dw::FORM_strx1}, {dw::AT_comp_dir, dw::FORM_line_strp},
+                          {dw::AT_stmt_list, dw::FORM_sec_offset}, {dw::AT_low_pc, dw::FORM_addrx},
+                          // The bases come after the attributes that need them.
+                          {dw::AT_str_offsets_base, dw::FORM_sec_offset}, {dw::AT_addr_base, dw::FORM_sec_offset},
+                          {dw::AT_rnglists_base, dw::FORM_sec_offset}});
+  auto function = s.abbrev.add(dw::TAG_subprogram, false,
+                               {{dw::AT_low_pc, dw::FORM_addrx1}, {dw::AT_high_pc, dw::FORM_data4},
+                                {dw::AT_name, dw::FORM_strx2}});
+  auto declaration = s.abbrev.add(dw::TAG_subprogram, false,
+                                  {{dw::AT_name, dw::FORM_strx3}, {dw::AT_linkage_name, dw::FORM_strx},
+                                   {dw::AT_declaration, dw::FORM_flag_present}});
+  auto definition = s.abbrev.add(dw::TAG_subprogram, false,
+                                 {{dw::AT_specification, dw::FORM_ref_udata}, {dw::AT_ranges, dw::FORM_rnglistx}});
+
+  LineProgram lines(5, offsetSize);
+  lines.lineStrings = &s.lineStr;
+  lines.directories = {"/src", "include"};
+  lines.files = {{"a.c", 0}, {"inc.h", 1}, {"/abs/x.h", 0}};
+  writeLines(lines, 0);
+  s.line = lines.bytes();
+
+  // .debug_str_offsets and .debug_addr, each with its header.
+  const std::uint64_t strBase = offsetSize == 8 ? 16 : 8;
+  if (offsetSize == 8) s.strOffsets.u32(0xffffffffu).u64(0);
+  else s.strOffsets.u32(0);
+  s.strOffsets.u16(5).u16(0);
+  for (const char* text : {"a.c", "main", "bar", "_ZN3foo3barEv"}) s.strOffsets.fixed(offsetSize, s.str.add(text));
+  const std::uint64_t addrBase = 8;
+  s.addr.u32(0).u16(5).u8(8).u8(0).u64(kText).u64(kText + 0x20).u64(kText + 0x30);
+  // .debug_rnglists: header, offset table, one list.
+  const std::uint64_t rnglistsBase = offsetSize == 8 ? 20 : 12;
+  if (offsetSize == 8) s.rnglists.u32(0xffffffffu).u64(0);
+  else s.rnglists.u32(0);
+  s.rnglists.u16(5).u8(8).u8(0).u32(1).fixed(offsetSize, offsetSize);
+  s.rnglists.u8(3).uleb(1).uleb(0x10);              // startx_length
+  s.rnglists.u8(1).uleb(2).u8(4).uleb(0).uleb(0x20);  // base_addressx, offset_pair
+  s.rnglists.u8(0);
+  // Unit lengths of the three headers.
+  for (Writer* section : {&s.strOffsets, &s.rnglists}) {
+    if (offsetSize == 8) section->patch(4, 8, section->size() - 12);
+    else section->patch(0, 4, section->size() - 4);
+  }
+  s.addr.patch(0, 4, s.addr.size() - 4);
+
+  UnitWriter unit(s.info, 5, offsetSize, 8);
+  Writer& w = unit.info();
+  w.uleb(cu).u8(0);
+  unit.offset(s.lineStr.add("/src"));
+  unit.offset(0);
+  w.uleb(0);
+  unit.offset(strBase);
+  unit.offset(addrBase);
+  unit.offset(rnglistsBase);
+  w.uleb(function).u8(0).u32(0x20).u16(1);
+  std::uint64_t declarationOffset = unit.here();
+  w.uleb(declaration).fixed(3, 2).uleb(3);
+  w.uleb(definition).uleb(declarationOffset).uleb(0);
+  w.u8(0);
+  unit.finish();
+  return buildMachO(s.spec({{"_helper", 0x0e, 1, kText + 0x80}}));
+}
+
+TEST(ImageSymbolsTest, ReadsTheSameProgramInEveryDwarfVersionAndFormat) {
+  for (std::uint16_t version : {2, 3, 4, 5}) {
+    for (unsigned offsetSize : {4u, 8u}) {
+      SCOPED_TRACE("DWARF " + std::to_string(version) + (offsetSize == 8 ? " 64-bit" : " 32-bit"));
+      Sections sections;
+      auto bytes = version == 5 ? smallProgramV5(offsetSize, sections)
+                                : smallProgramV2to4(version, offsetSize, sections);
+      EXPECT_EQ(render(symbolsOf(bytes)), kSmallProgram);
+    }
+  }
+}
+
+TEST(ImageSymbolsTest, SkipsEveryAttributeFormToReachTheName) {
+  // A subprogram whose name comes after one attribute of every form; a
+  // form read with the wrong size would misplace the name.
+  for (unsigned offsetSize : {4u, 8u}) {
+    Sections s;
+    std::vector<AttributeForm> attributes;
+    for (std::uint32_t form :
+         {dw::FORM_block2, dw::FORM_block4, dw::FORM_data2, dw::FORM_data8, dw::FORM_string, dw::FORM_block,
+          dw::FORM_block1, dw::FORM_data1, dw::FORM_flag, dw::FORM_sdata, dw::FORM_strp, dw::FORM_udata,
+          dw::FORM_ref_addr, dw::FORM_ref1, dw::FORM_ref2, dw::FORM_ref4, dw::FORM_ref8, dw::FORM_ref_udata,
+          dw::FORM_sec_offset, dw::FORM_exprloc, dw::FORM_flag_present, dw::FORM_strx, dw::FORM_addrx,
+          dw::FORM_data16, dw::FORM_line_strp, dw::FORM_ref_sig8, dw::FORM_implicit_const, dw::FORM_loclistx,
+          dw::FORM_rnglistx, dw::FORM_strx1, dw::FORM_strx2, dw::FORM_strx3, dw::FORM_strx4, dw::FORM_addrx1,
+          dw::FORM_addrx2, dw::FORM_addrx3, dw::FORM_addrx4, dw::FORM_indirect})
+      attributes.push_back({0x3000 + form, form, -7});
+    attributes.push_back({dw::AT_low_pc, dw::FORM_addr});
+    attributes.push_back({dw::AT_high_pc, dw::FORM_udata});
+    attributes.push_back({dw::AT_name, dw::FORM_string});
+    auto cu = s.abbrev.add(dw::TAG_compile_unit, true, {});
+    auto function = s.abbrev.add(dw::TAG_subprogram, false, attributes);
+    UnitWriter unit(s.info, 5, offsetSize, 8);
+    Writer& w = unit.info();
+    w.uleb(cu).uleb(function);
+    w.u16(2).u16(0xaaaa).u32(1).u8(0xbb).u16(1).u64(2).str("skip me");  // block2 .. string
+    w.uleb(3).zeros(3).u8(1).u8(9).u8(1).u8(1).sleb(-300);            // block, block1, data1, flag, sdata
+    unit.offset(0);                                                    // strp
+    w.uleb(1234567);                                  // udata
+    unit.offset(0);                                   // ref_addr
+    w.u8(1).u16(2).u32(3).u64(4).uleb(5);             // ref1 .. ref_udata
+    unit.offset(0);                                   // sec_offset
+    w.uleb(2).u8(0x9c).u8(0x9c);                      // exprloc
+    w.uleb(1).uleb(2).zeros(16);                      // strx, addrx, data16
+    unit.offset(0);                                   // line_strp
+    w.u64(0x1122334455667788);                        // ref_sig8
+    w.uleb(4).uleb(5);                                // loclistx, rnglistx
+    w.u8(1).u16(2).fixed(3, 3).u32(4);                // strx1-4
+    w.u8(1).u16(2).fixed(3, 3).u32(4);                // addrx1-4
+    w.uleb(dw::FORM_indirect).uleb(dw::FORM_data2).u16(7);  // indirect, twice
+    w.u64(kText).uleb(0x40).str("everything");
+    w.u8(0);
+    unit.finish();
+    auto bytes = buildMachO(s.spec());
+    EXPECT_EQ(render(symbolsOf(bytes)), "0+40 everything | everything\n") << offsetSize;
+  }
+}
+
+TEST(ImageSymbolsTest, NamesFollowAbstractOriginsAndSurviveReferenceCycles) {
+  Sections s;
+  auto cu = s.abbrev.add(dw::TAG_compile_unit, true, {});
+  auto abstract = s.abbrev.add(dw::TAG_subprogram, false, {{dw::AT_linkage_name, dw::FORM_string}});
+  auto concrete = s.abbrev.add(dw::TAG_subprogram, true,
+                               {{dw::AT_abstract_origin, dw::FORM_ref4}, {dw::AT_low_pc, dw::FORM_addr},
+                                {dw::AT_high_pc, dw::FORM_data1}});
+  auto inlined = s.abbrev.add(dw::TAG_inlined_subroutine, false,
+                              {{dw::AT_abstract_origin, dw::FORM_ref4}, {dw::AT_low_pc, dw::FORM_addr},
+                               {dw::AT_high_pc, dw::FORM_data1}});
+  auto looping = s.abbrev.add(dw::TAG_subprogram, false,
+                              {{dw::AT_specification, dw::FORM_ref4}, {dw::AT_low_pc, dw::FORM_addr},
+                               {dw::AT_high_pc, dw::FORM_data1}});
+  UnitWriter unit(s.info, 4, 4, 8);
+  Writer& w = unit.info();
+  w.uleb(cu);
+  std::uint64_t abstractOffset = unit.here();
+  w.uleb(abstract).str("_Z6squarei");
+  w.uleb(concrete).u32(abstractOffset).u64(kText).u8(0x10);
+  w.uleb(inlined).u32(abstractOffset).u64(kText + 4).u8(4);  // not a symbol of its own
+  w.u8(0);
+  // Two definitions that name each other: no name, and no hang.
+  std::uint64_t first = unit.here();
+  std::uint64_t second = first + 1 + 4 + 8 + 1;
+  w.uleb(looping).u32(second).u64(kText + 0x10).u8(8);
+  w.uleb(looping).u32(first).u64(kText + 0x18).u8(8);
+  w.u8(0);
+  unit.finish();
+  auto bytes = buildMachO(s.spec());
+  EXPECT_EQ(render(symbolsOf(bytes)),
+            "0+10 __Z6squarei | square(int)\n"
+            "10+8 - | -\n"
+            "18+8 - | -\n");
+}
+
+TEST(ImageSymbolsTest, SymbolTableGivesNamesAndExtentsWithoutDwarf) {
+  MachOSpec spec;
+  spec.symbols = {
+      {"_c_function", 0x0f, 1, kText},
+      {"__ZN2ns5thingEv", 0x0e, 1, kText + 0x10},
+      {"-[Widget spin:]", 0x0e, 1, kText + 0x20},
+      {"_alias_first", 0x0f, 1, kText + 0x30},
+      {"_alias_last", 0x0e, 1, kText + 0x30},  // the last name at an address wins
+      {"_$s4main3fooyyF", 0x0f, 1, kText + 0x40},
+      {"__Znot_mangled", 0x0f, 1, kText + 0x50},
+      {"_stab", 0x24, 1, kText + 0x60},           // N_FUN stab
+      {"_undefined", 0x01, 0, 0},                 // N_UNDF | N_EXT
+      {"_other_section", 0x0e, 2, kText + 0x70},  // not __text
+      {"_past_the_end", 0x0e, 1, kText + 0x1000},
+  };
+  auto bytes = buildMachO(spec);
+  EXPECT_EQ(render(symbolsOf(bytes)),
+            "0+10 _c_function | c_function\n"
+            "10+10 __ZN2ns5thingEv | ns::thing()\n"
+            "20+10 -[Widget spin:] | -[Widget spin:]\n"
+            "30+10 _alias_last | alias_last\n"
+            "40+10 _$s4main3fooyyF | $s4main3fooyyF\n"
+            "50+fb0 __Znot_mangled | _Znot_mangled\n");
+}
+
+TEST(ImageSymbolsTest, SymbolTableNamesWinOverDwarfWhileDwarfGivesTheExtent) {
+  Sections s;
+  auto cu = s.abbrev.add(dw::TAG_compile_unit, true, {});
+  auto function = s.abbrev.add(dw::TAG_subprogram, false,
+                               {{dw::AT_name, dw::FORM_string}, {dw::AT_low_pc, dw::FORM_addr},
+                                {dw::AT_high_pc, dw::FORM_data2}});
+  UnitWriter unit(s.info, 4, 4, 8);
+  unit.info().uleb(cu).uleb(function).str("dwarf_name").u64(kText).u16(0x0c).u8(0);
+  unit.finish();
+  auto bytes = buildMachO(s.spec({{"_table_name", 0x0f, 1, kText}, {"_next", 0x0f, 1, kText + 0x20}}));
+  EXPECT_EQ(render(symbolsOf(bytes)),
+            "0+c _table_name | table_name\n"
+            "20+fe0 _next | next\n");
+}
+
+TEST(ImageSymbolsTest, LineProgramsWithUnusualHeadersAndUnterminatedSequences) {
+  Sections s;
+  auto cu = s.abbrev.add(dw::TAG_compile_unit, true,
+                         {{dw::AT_stmt_list, dw::FORM_sec_offset}, {dw::AT_comp_dir, dw::FORM_string}});
+  auto function = s.abbrev.add(dw::TAG_subprogram, false,
+                               {{dw::AT_name, dw::FORM_string}, {dw::AT_low_pc, dw::FORM_addr},
+                                {dw::AT_high_pc, dw::FORM_data2}});
+  // Instructions of 4 bytes, a larger opcode base with an unknown standard
+  // opcode taking two operands, and a final sequence without end_sequence.
+  LineProgram lines(3);
+  lines.minInstructionLength = 4;
+  lines.opcodeBase = 15;
+  lines.files = {{"m.c", 0}};
+  lines.setAddress(kText).advanceLine(9).copy();  // 0x00 m.c:10
+  lines.op(13).ops.uleb(99).uleb(98);             // unknown: skipped with its operands
+  lines.special(2, 1);                            // 0x08 m.c:11
+  lines.negateStmt().advancePc(2).copy();         // 0x10 m.c:11, merges
+  lines.setFile(7).special(1, 1);                 // 0x14 unknown file
+  lines.advancePc(3).endSequence();               // 0x20
+  lines.setAddress(kText + 0x20).copy().advancePc(4);  // never ended: dropped
+  s.line = lines.bytes();
+  UnitWriter unit(s.info, 3, 4, 8);
+  unit.info().uleb(cu).u32(0).str("/m");
+  unit.info().uleb(function).str("f").u64(kText).u16(0x30).u8(0);
+  unit.finish();
+  auto bytes = buildMachO(s.spec());
+  EXPECT_EQ(render(symbolsOf(bytes)),
+            "0+30 f | f\n"
+            "  0+8 /m/m.c:10\n"
+            "  8+c /m/m.c:11\n"
+            "  14+c :12\n");
+}
+
+TEST(ImageSymbolsTest, DamagedDwarfGivesFewerRecordsNeverACrash) {
+  Sections sections;
+  auto good = smallProgramV5(4, sections);
+  const std::string complete = render(symbolsOf(good));
+  // Every truncation of the image, and every single-byte change in the
+  // DWARF part of it, must be read without a fault (run under ASan/UBSan
+  // in the sanitizer build) and without inventing symbols.
+  for (std::size_t size = 0; size < good.size(); ++size) {
+    std::vector<std::uint8_t> cut(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(size));
+    symbolsOf(cut);
+  }
+  // Byte changes stay inside the DWARF sections, so that the text
+  // section's bounds hold.
+  auto image = readMachOImage(Bytes(good));
+  ASSERT_TRUE(image);
+  const std::size_t dwarfStart = image->sections.at(1).fileOffset;
+  const std::size_t dwarfEnd = image->symbolOffset;
+  std::size_t changed = 0;
+  for (std::size_t at = dwarfStart; at < dwarfEnd; ++at) {
+    for (std::uint8_t value : {0x00, 0x7f, 0xff}) {
+      auto damaged = good;
+      if (damaged[at] == value) continue;
+      damaged[at] = value;
+      ImageSymbols symbols = symbolsOf(damaged);
+      if (render(symbols) != complete) ++changed;
+      for (const ImageSymbol& symbol : symbols.symbols) {
+        EXPECT_GE(symbol.address, kText);
+        EXPECT_LE(symbol.address + symbol.length, kText + 0x1000);
+        for (std::size_t i = 0; i < symbol.sourceCount; ++i) {
+          const SourceInfo& source = symbols.sources[symbol.firstSource + i];
+          EXPECT_GE(source.address, symbol.address);
+          EXPECT_LE(source.address + source.length, symbol.address + symbol.length);
+        }
+      }
+    }
+  }
+  EXPECT_GT(changed, 0u);
+}
+
+}  // namespace
+}  // namespace symlift::symbols::dwarf
