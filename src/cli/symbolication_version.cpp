@@ -1,9 +1,13 @@
 #include "cli/symbolication_version.h"
 
+#include "symbols/symbolication_proxy.h"
+
 #include <cctype>
 #include <cstdlib>
 
 namespace symlift::cli {
+
+float defaultMaxSymbolicationVersion() { return symbols::defaultMaxCoreSymbolicationVersion(); }
 
 namespace {
 bool isDigit(char c) { return c >= '0' && c <= '9'; }

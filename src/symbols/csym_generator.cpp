@@ -7,7 +7,8 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "symbols/platform_fallbacks.h"
+#include "support/system_log.h"
+#include "support/temporary_directory.h"
 #include "symbols/symbol_processor.h"
 #include "symbols/symbolication_proxy.h"
 
@@ -35,7 +36,7 @@ bool writeAll(int fd, const std::string& bytes) {
 std::string SUPCSYMGeneratorUtilities::csymPathForArchitecture(const std::string& architecture,
                                                                const std::string& uuid,
                                                                const std::string& /*dsymPath*/) {
-  return detail::temporaryDirectory() + "/" + architecture + "-" + uuid + ".csym";
+  return support::temporaryDirectory() + "/" + architecture + "-" + uuid + ".csym";
 }
 
 bool CSYMGenerator::writeFileAtomically(const std::string& path, const std::string& bytes) {

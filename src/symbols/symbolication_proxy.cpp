@@ -14,7 +14,8 @@
 #include <system_error>
 
 #include "support/property_list.h"
-#include "symbols/platform_fallbacks.h"
+#include "support/system_log.h"
+#include "support/temporary_directory.h"
 
 namespace symlift::symbols {
 
@@ -180,11 +181,11 @@ void SUPSymbolicationProxy::dynamicallyLoadLatestCoreSymbolication(float maxVers
   std::string symbolicationPath = xcode ? appendingPathComponent(*xcode, kCoreSymbolicationLibrary) : std::string();
   std::string debugSymbolsPath = xcode ? appendingPathComponent(*xcode, kDebugSymbolsLibrary) : std::string();
   if (symbolicationPath.empty()) {
-    detail::systemLog("Path to CoreSymbolication is invalid, aborting");
+    support::systemLog("Path to CoreSymbolication is invalid, aborting");
     return;
   }
   void* debugSymbols = dlopen(debugSymbolsPath.c_str(), RTLD_LAZY);
-  if (!debugSymbols) detail::systemLog("Unable to load DebugSymbols, continuing anyways");
+  if (!debugSymbols) support::systemLog("Unable to load DebugSymbols, continuing anyways");
   void* symbolication = dlopen(symbolicationPath.c_str(), RTLD_LAZY);
   {
     std::lock_guard lock(state().mutex);
@@ -192,7 +193,7 @@ void SUPSymbolicationProxy::dynamicallyLoadLatestCoreSymbolication(float maxVers
     state().coreSymbolicationHandle = symbolication;
   }
   if (!symbolication) {
-    detail::systemLog("Unable to load CoreSymbolication, aborting");
+    support::systemLog("Unable to load CoreSymbolication, aborting");
     return;
   }
   dynamicallyLoadCoreSymbolicationFunctionsFromHandle(symbolication);

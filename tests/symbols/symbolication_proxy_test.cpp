@@ -166,7 +166,7 @@ TEST_F(SymbolicationProxyTest, LoadsBothLibrariesFromTheChosenXcode) {
 }
 
 TEST_F(SymbolicationProxyTest, ReportsEachLoadingFailureToTheSystemLog) {
-  const std::string prefix = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d symlift\[)" + std::to_string(getpid()) + R"(\]: )";
+  const std::string prefix = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \S+\[)" + std::to_string(getpid()) + R"(\] )";
   std::string xcode = addApplication("System/Xcode.app", "64000.1");
 
   // No Xcode within the cap.
