@@ -1,5 +1,6 @@
 #include "symbols/dwarf/macho_image.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace symlift::symbols::dwarf {
@@ -59,6 +60,8 @@ void readSegment(ByteReader& reader, std::size_t commandEnd, bool is64, MachOIma
     section.fileOffset = reader.u32();
     reader.skip(is64 ? 4 * 7 : 4 * 6);  // align, reloff, nreloc, flags, reserved
     if (!reader.ok()) return;
+    // A section that would wrap around the address space ends at its top.
+    section.size = std::min(section.size, UINT64_MAX - section.address);
     if (section.segmentName == "__TEXT" && section.sectionName == "__text" && !image.textSection)
       image.textSection = section;
     image.sections.push_back(section);

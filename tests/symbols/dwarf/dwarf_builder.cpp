@@ -16,17 +16,17 @@ void bigEndian32(Writer& writer, std::uint32_t value) {
 
 }  // namespace
 
-std::vector<std::uint8_t> buildMachO(const MachOSpec& spec) {
-  const unsigned word = spec.is64 ? 8 : 4;
-  const std::size_t headerSize = spec.is64 ? 32 : 28;
-  const std::size_t segmentSize = spec.is64 ? 72 : 56;
-  const std::size_t sectionSize = spec.is64 ? 80 : 68;
-  const std::size_t commandsSize = 2 * segmentSize + sectionSize * (1 + spec.dwarf.size()) + 24 * spec.uuids.size() +
-                                   (spec.withSymbolTable ? 24 : 0);
+std::vector<std::uint8_t> buildMachO(const MachOLayout& layout) {
+  const unsigned word = layout.is64 ? 8 : 4;
+  const std::size_t headerSize = layout.is64 ? 32 : 28;
+  const std::size_t segmentSize = layout.is64 ? 72 : 56;
+  const std::size_t sectionSize = layout.is64 ? 80 : 68;
+  const std::size_t commandsSize = 2 * segmentSize + sectionSize * (1 + layout.dwarf.size()) + 24 * layout.uuids.size() +
+                                   (layout.withSymbolTable ? 24 : 0);
   // File layout: header, load commands, DWARF section contents, symbols, strings.
   std::size_t cursor = headerSize + commandsSize;
   std::vector<std::size_t> dwarfOffsets;
-  for (const auto& section : spec.dwarf) {
+  for (const auto& section : layout.dwarf) {
     dwarfOffsets.push_back(cursor);
     cursor += section.second.size();
   }
@@ -34,48 +34,48 @@ std::vector<std::uint8_t> buildMachO(const MachOSpec& spec) {
   Writer strings;
   strings.u8(0);
   std::vector<std::uint32_t> nameOffsets;
-  for (const TableEntry& entry : spec.symbols) {
+  for (const TableEntry& entry : layout.symbols) {
     nameOffsets.push_back(static_cast<std::uint32_t>(strings.size()));
     strings.str(entry.name);
   }
-  const std::size_t stringOffset = symbolOffset + spec.symbols.size() * (spec.is64 ? 16 : 12);
+  const std::size_t stringOffset = symbolOffset + layout.symbols.size() * (layout.is64 ? 16 : 12);
 
   Writer out;
-  out.u32(spec.is64 ? 0xfeedfacf : 0xfeedface).u32(spec.cputype).u32(spec.cpusubtype).u32(spec.fileType);
-  out.u32(2 + spec.uuids.size() + (spec.withSymbolTable ? 1 : 0)).u32(commandsSize).u32(0);
-  if (spec.is64) out.u32(0);
+  out.u32(layout.is64 ? 0xfeedfacf : 0xfeedface).u32(layout.cputype).u32(layout.cpusubtype).u32(layout.fileType);
+  out.u32(2 + layout.uuids.size() + (layout.withSymbolTable ? 1 : 0)).u32(commandsSize).u32(0);
+  if (layout.is64) out.u32(0);
 
   auto section = [&](std::string_view sectionName, std::string_view segmentName, std::uint64_t address,
                      std::uint64_t size, std::uint32_t offset) {
     name16(out, sectionName);
     name16(out, segmentName);
     out.fixed(word, address).fixed(word, size).u32(offset).u32(0).u32(0).u32(0).u32(0).u32(0).u32(0);
-    if (spec.is64) out.u32(0);
+    if (layout.is64) out.u32(0);
   };
   // __TEXT with __text: addresses only, no file contents (as in a dSYM).
-  out.u32(spec.is64 ? 0x19 : 0x1).u32(segmentSize + sectionSize);
+  out.u32(layout.is64 ? 0x19 : 0x1).u32(segmentSize + sectionSize);
   name16(out, "__TEXT");
-  out.fixed(word, spec.textSegmentAddress).fixed(word, 0x10000).fixed(word, 0).fixed(word, 0);
+  out.fixed(word, layout.textSegmentAddress).fixed(word, 0x10000).fixed(word, 0).fixed(word, 0);
   out.u32(5).u32(5).u32(1).u32(0);
-  section("__text", "__TEXT", spec.textAddress, spec.textSize, 0);
+  section("__text", "__TEXT", layout.textAddress, layout.textSize, 0);
   // __DWARF
-  out.u32(spec.is64 ? 0x19 : 0x1).u32(segmentSize + sectionSize * spec.dwarf.size());
+  out.u32(layout.is64 ? 0x19 : 0x1).u32(segmentSize + sectionSize * layout.dwarf.size());
   name16(out, "__DWARF");
   out.fixed(word, 0x200000000).fixed(word, 0x10000).fixed(word, 0).fixed(word, 0);
-  out.u32(3).u32(3).u32(spec.dwarf.size()).u32(0);
-  for (std::size_t i = 0; i < spec.dwarf.size(); ++i)
-    section(spec.dwarf[i].first, "__DWARF", 0x200000000 + dwarfOffsets[i], spec.dwarf[i].second.size(),
+  out.u32(3).u32(3).u32(layout.dwarf.size()).u32(0);
+  for (std::size_t i = 0; i < layout.dwarf.size(); ++i)
+    section(layout.dwarf[i].first, "__DWARF", 0x200000000 + dwarfOffsets[i], layout.dwarf[i].second.size(),
             static_cast<std::uint32_t>(dwarfOffsets[i]));
-  for (const auto& uuid : spec.uuids) {
+  for (const auto& uuid : layout.uuids) {
     out.u32(0x1b).u32(24);
     out.bytes.insert(out.bytes.end(), uuid.begin(), uuid.end());
   }
-  if (spec.withSymbolTable)
-    out.u32(0x2).u32(24).u32(symbolOffset).u32(spec.symbols.size()).u32(stringOffset).u32(strings.size());
+  if (layout.withSymbolTable)
+    out.u32(0x2).u32(24).u32(symbolOffset).u32(layout.symbols.size()).u32(stringOffset).u32(strings.size());
 
-  for (const auto& dwarfSection : spec.dwarf) out.raw(dwarfSection.second);
-  for (std::size_t i = 0; i < spec.symbols.size(); ++i) {
-    const TableEntry& entry = spec.symbols[i];
+  for (const auto& dwarfSection : layout.dwarf) out.raw(dwarfSection.second);
+  for (std::size_t i = 0; i < layout.symbols.size(); ++i) {
+    const TableEntry& entry = layout.symbols[i];
     out.u32(nameOffsets[i]).u8(entry.type).u8(entry.section).u16(0).fixed(word, entry.value);
   }
   out.raw(strings.bytes);

@@ -110,9 +110,9 @@ class AbbreviationWriter {
   std::uint64_t add(std::uint32_t tag, bool children, const std::vector<AttributeForm>& attributes) {
     ++code_;
     writer_.uleb(code_).uleb(tag).u8(children ? 1 : 0);
-    for (const AttributeForm& spec : attributes) {
-      writer_.uleb(spec.attribute).uleb(spec.form);
-      if (spec.form == dw::FORM_implicit_const) writer_.sleb(spec.implicitConst);
+    for (const AttributeForm& attribute : attributes) {
+      writer_.uleb(attribute.attribute).uleb(attribute.form);
+      if (attribute.form == dw::FORM_implicit_const) writer_.sleb(attribute.implicitConst);
     }
     writer_.uleb(0).uleb(0);
     return code_;
@@ -265,7 +265,7 @@ struct TableEntry {
   std::uint64_t value = 0;
 };
 
-struct MachOSpec {
+struct MachOLayout {
   bool is64 = true;
   std::int32_t cputype = 0x0100000c;  // arm64
   std::int32_t cpusubtype = 0;
@@ -280,7 +280,7 @@ struct MachOSpec {
   std::vector<TableEntry> symbols;
 };
 
-std::vector<std::uint8_t> buildMachO(const MachOSpec& spec);
+std::vector<std::uint8_t> buildMachO(const MachOLayout& layout);
 
 struct FatSlice {
   std::int32_t cputype;

@@ -75,24 +75,24 @@ std::vector<std::uint8_t> armv7Object() {
   UnitWriter unit(info, 2, 4, 4);
   info.uleb(cu).uleb(function).str("thumb_function").u32(0x40).u32(0x58).u8(0);
   unit.finish();
-  MachOSpec spec;
-  spec.is64 = false;
-  spec.cputype = 12;
-  spec.cpusubtype = 9;  // armv7
-  spec.fileType = 0x1;  // MH_OBJECT
-  spec.textSegmentAddress = 0;
-  spec.textAddress = 0x40;
-  spec.textSize = 0x40;
-  spec.dwarf = {{"__debug_abbrev", abbrev.bytes()}, {"__debug_info", info.bytes}};
-  spec.symbols = {{"_thumb_function", 0x0f, 1, 0x40}, {"_tail", 0x0f, 1, 0x70}};
-  return buildMachO(spec);
+  MachOLayout layout;
+  layout.is64 = false;
+  layout.cputype = 12;
+  layout.cpusubtype = 9;  // armv7
+  layout.fileType = 0x1;  // MH_OBJECT
+  layout.textSegmentAddress = 0;
+  layout.textAddress = 0x40;
+  layout.textSize = 0x40;
+  layout.dwarf = {{"__debug_abbrev", abbrev.bytes()}, {"__debug_info", info.bytes}};
+  layout.symbols = {{"_thumb_function", 0x0f, 1, 0x40}, {"_tail", 0x0f, 1, 0x70}};
+  return buildMachO(layout);
 }
 
 TEST(DwarfProviderTest, ReportsEverySliceOfAFatFileInOrder) {
-  MachOSpec dsym;
+  MachOLayout dsym;
   dsym.uuids = {uuid(1, 2), uuid(3, 4)};  // the last one counts
   dsym.symbols = {{"_main", 0x0f, 1, 0x100001000}};
-  MachOSpec dylib = dsym;
+  MachOLayout dylib = dsym;
   dylib.cputype = 0x01000007;  // x86_64
   dylib.cpusubtype = 3;
   dylib.fileType = 0x6;
@@ -100,7 +100,7 @@ TEST(DwarfProviderTest, ReportsEverySliceOfAFatFileInOrder) {
   dylib.textSegmentAddress = 0;
   dylib.textAddress = 0x2000;
   dylib.symbols = {{"_entry", 0x0f, 1, 0x2010}};
-  MachOSpec executable = dsym;
+  MachOLayout executable = dsym;
   executable.cpusubtype = 2;  // arm64e
   executable.fileType = 0x2;
   executable.uuids = {};
@@ -133,9 +133,9 @@ TEST(DwarfProviderTest, ReportsEverySliceOfAFatFileInOrder) {
 
 TEST(DwarfProviderTest, FilesThatAreNotWholeMachOImages) {
   TempDir dir;
-  MachOSpec spec;
-  spec.symbols = {{"_main", 0x0f, 1, 0x100001000}};
-  auto thin = buildMachO(spec);
+  MachOLayout layout;
+  layout.symbols = {{"_main", 0x0f, 1, 0x100001000}};
+  auto thin = buildMachO(layout);
 
   // A thin file is one slice.
   EXPECT_EQ(report(write(dir, "thin", thin)).size(), 1u);
@@ -161,9 +161,9 @@ TEST(DwarfProviderTest, FilesThatAreNotWholeMachOImages) {
 }
 
 TEST(DwarfProviderTest, ByteSwappedImagesHaveAnArchitectureButNoSymbols) {
-  MachOSpec spec;
-  spec.symbols = {{"_main", 0x0f, 1, 0x100001000}};
-  auto bytes = buildMachO(spec);
+  MachOLayout layout;
+  layout.symbols = {{"_main", 0x0f, 1, 0x100001000}};
+  auto bytes = buildMachO(layout);
   // Swap the header's words to big-endian.
   for (std::size_t word = 0; word < 8; ++word)
     std::reverse(bytes.begin() + static_cast<std::ptrdiff_t>(word * 4),

@@ -57,15 +57,15 @@ struct Sections {
   Writer rnglists;
   std::vector<std::uint8_t> line;
 
-  MachOSpec spec(std::vector<TableEntry> symbols = {}) const {
-    MachOSpec spec;
-    spec.dwarf = {{"__debug_abbrev", abbrev.bytes()}, {"__debug_info", info.bytes},
-                  {"__debug_str", str.bytes()},       {"__debug_line", line},
-                  {"__debug_line_str", lineStr.bytes()}, {"__debug_str_offs", strOffsets.bytes},
-                  {"__debug_addr", addr.bytes},        {"__debug_ranges", ranges.bytes},
-                  {"__debug_rnglists", rnglists.bytes}};
-    spec.symbols = std::move(symbols);
-    return spec;
+  MachOLayout layout(std::vector<TableEntry> symbols = {}) const {
+    MachOLayout result;
+    result.dwarf = {{"__debug_abbrev", abbrev.bytes()},    {"__debug_info", info.bytes},
+                    {"__debug_str", str.bytes()},          {"__debug_line", line},
+                    {"__debug_line_str", lineStr.bytes()}, {"__debug_str_offs", strOffsets.bytes},
+                    {"__debug_addr", addr.bytes},          {"__debug_ranges", ranges.bytes},
+                    {"__debug_rnglists", rnglists.bytes}};
+    result.symbols = std::move(symbols);
+    return result;
   }
 };
 
@@ -161,7 +161,7 @@ std::vector<std::uint8_t> smallProgramV2to4(std::uint16_t version, unsigned offs
   }
   w.u8(0);
   unit.finish();
-  return buildMachO(s.spec({{"_helper", 0x0e, 1, kText + 0x80}}));
+  return buildMachO(s.layout({{"_helper", 0x0e, 1, kText + 0x80}}));
 }
 
 // The same program in DWARF 5: indexed strings and addresses, line_strp
@@ -227,7 +227,7 @@ std::vector<std::uint8_t> smallProgramV5(unsigned offsetSize, Sections& s) {
   w.uleb(definition).uleb(declarationOffset).uleb(0);
   w.u8(0);
   unit.finish();
-  return buildMachO(s.spec({{"_helper", 0x0e, 1, kText + 0x80}}));
+  return buildMachO(s.layout({{"_helper", 0x0e, 1, kText + 0x80}}));
 }
 
 TEST(ImageSymbolsTest, ReadsTheSameProgramInEveryDwarfVersionAndFormat) {
@@ -283,7 +283,7 @@ TEST(ImageSymbolsTest, SkipsEveryAttributeFormToReachTheName) {
     w.u64(kText).uleb(0x40).str("everything");
     w.u8(0);
     unit.finish();
-    auto bytes = buildMachO(s.spec());
+    auto bytes = buildMachO(s.layout());
     EXPECT_EQ(render(symbolsOf(bytes)), "0+40 everything | everything\n") << offsetSize;
   }
 }
@@ -316,7 +316,7 @@ TEST(ImageSymbolsTest, NamesFollowAbstractOriginsAndSurviveReferenceCycles) {
   w.uleb(looping).u32(first).u64(kText + 0x18).u8(8);
   w.u8(0);
   unit.finish();
-  auto bytes = buildMachO(s.spec());
+  auto bytes = buildMachO(s.layout());
   EXPECT_EQ(render(symbolsOf(bytes)),
             "0+10 __Z6squarei | square(int)\n"
             "10+8 - | -\n"
@@ -324,8 +324,8 @@ TEST(ImageSymbolsTest, NamesFollowAbstractOriginsAndSurviveReferenceCycles) {
 }
 
 TEST(ImageSymbolsTest, SymbolTableGivesNamesAndExtentsWithoutDwarf) {
-  MachOSpec spec;
-  spec.symbols = {
+  MachOLayout layout;
+  layout.symbols = {
       {"_c_function", 0x0f, 1, kText},
       {"__ZN2ns5thingEv", 0x0e, 1, kText + 0x10},
       {"-[Widget spin:]", 0x0e, 1, kText + 0x20},
@@ -338,7 +338,7 @@ TEST(ImageSymbolsTest, SymbolTableGivesNamesAndExtentsWithoutDwarf) {
       {"_other_section", 0x0e, 2, kText + 0x70},  // not __text
       {"_past_the_end", 0x0e, 1, kText + 0x1000},
   };
-  auto bytes = buildMachO(spec);
+  auto bytes = buildMachO(layout);
   EXPECT_EQ(render(symbolsOf(bytes)),
             "0+10 _c_function | c_function\n"
             "10+10 __ZN2ns5thingEv | ns::thing()\n"
@@ -357,7 +357,7 @@ TEST(ImageSymbolsTest, SymbolTableNamesWinOverDwarfWhileDwarfGivesTheExtent) {
   UnitWriter unit(s.info, 4, 4, 8);
   unit.info().uleb(cu).uleb(function).str("dwarf_name").u64(kText).u16(0x0c).u8(0);
   unit.finish();
-  auto bytes = buildMachO(s.spec({{"_table_name", 0x0f, 1, kText}, {"_next", 0x0f, 1, kText + 0x20}}));
+  auto bytes = buildMachO(s.layout({{"_table_name", 0x0f, 1, kText}, {"_next", 0x0f, 1, kText + 0x20}}));
   EXPECT_EQ(render(symbolsOf(bytes)),
             "0+c _table_name | table_name\n"
             "20+fe0 _next | next\n");
@@ -388,7 +388,7 @@ TEST(ImageSymbolsTest, LineProgramsWithUnusualHeadersAndUnterminatedSequences) {
   unit.info().uleb(cu).u32(0).str("/m");
   unit.info().uleb(function).str("f").u64(kText).u16(0x30).u8(0);
   unit.finish();
-  auto bytes = buildMachO(s.spec());
+  auto bytes = buildMachO(s.layout());
   EXPECT_EQ(render(symbolsOf(bytes)),
             "0+30 f | f\n"
             "  0+8 /m/m.c:10\n"
