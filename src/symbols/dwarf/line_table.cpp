@@ -6,6 +6,12 @@ namespace symlift::symbols::dwarf {
 
 namespace {
 
+// Damaged line programs can push the line register anywhere; it wraps like
+// the unsigned register it is instead of overflowing.
+std::int64_t wrappingAdd(std::int64_t a, std::int64_t b) {
+  return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
+}
+
 constexpr std::uint8_t kCopy = 1, kAdvancePc = 2, kAdvanceLine = 3, kSetFile = 4, kSetColumn = 5,
                        kNegateStmt = 6, kSetBasicBlock = 7, kConstAddPc = 8, kFixedAdvancePc = 9,
                        kSetPrologueEnd = 10, kSetEpilogueBegin = 11, kSetIsa = 12;
@@ -231,7 +237,7 @@ std::optional<std::uint64_t> readLineTable(const DwarfSections& sections, const 
       switch (opcode) {
         case kCopy: emitRow(); break;
         case kAdvancePc: advance(program.uleb()); break;
-        case kAdvanceLine: line += program.sleb(); break;
+        case kAdvanceLine: line = wrappingAdd(line, program.sleb()); break;
         case kSetFile: file = program.uleb(); break;
         case kConstAddPc:
           if (prologue.lineRange != 0) advance((255u - prologue.opcodeBase) / prologue.lineRange);
@@ -248,7 +254,7 @@ std::optional<std::uint64_t> readLineTable(const DwarfSections& sections, const 
       std::uint8_t adjusted = static_cast<std::uint8_t>(opcode - prologue.opcodeBase);
       if (prologue.lineRange != 0) {
         advance(adjusted / prologue.lineRange);
-        line += prologue.lineBase + static_cast<std::int64_t>(adjusted % prologue.lineRange);
+        line = wrappingAdd(line, prologue.lineBase + static_cast<std::int64_t>(adjusted % prologue.lineRange));
       }
       emitRow();
     }
