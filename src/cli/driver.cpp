@@ -73,8 +73,9 @@ int runManualMode(const ArgumentList& arguments, SYLUploadSettings settings) {
     return kExitSuccess;
   }
 
-  // The dSYM validator runs after the upload here, unless skipped.
+  // Returns once every dSYM found went through; a failure ends the run.
   if (int status = processPaths(paths, /*recursive=*/false, settings); status != kExitSuccess) return status;
+  // The dSYM validator runs here, after the upload, unless skipped (-sdv).
   SYLLogSuccess("Successfully uploaded Vantrel symbols");
   return kExitSuccess;
 }
@@ -111,9 +112,10 @@ int runBuildPhaseMode(const ArgumentList& arguments, const buildenv::Environment
   SYLLogInfo("Processing dSYMs...");
   for (const auto& path : paths) buildenv::waitForDSYM(environment, path);
 
-  // The dSYM validator and the already-uploaded check of the built
-  // executable come before the upload here.
+  // The dSYM validator (unless -sdv) and the already-uploaded check of the
+  // built executable come here, before the upload.
   if (int status = processPaths(paths, /*recursive=*/false, settings); status != kExitSuccess) return status;
+  // The upload is recorded here (outside CI) once the recorder is in.
   SYLLogSuccess("Successfully uploaded Vantrel build event and symbols");
   return kExitSuccess;
 }

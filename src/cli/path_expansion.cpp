@@ -1,0 +1,234 @@
+#include "cli/path_expansion.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <functional>
+#include <optional>
+#include <cctype>
+#include <filesystem>
+#include <system_error>
+
+#include "buildenv/task.h"
+#include "cli/console_log.h"
+#include "cli/exit_status.h"
+#include "cli/processing.h"
+#include "dsym/bundle.h"
+#include "dsym/code_mapping.h"
+#include "dsym/code_mapping_info_container.h"
+#include "operations/delete_file_operation.h"
+#include "operations/operation_queue.h"
+#include "operations/process_dsym_operation.h"
+#include "support/temporary_directory.h"
+
+namespace symlift::cli {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* kDWARFFolder = "Contents/Resources/DWARF";
+constexpr const char* kSystemLibraryBundlePrefix = "libswift";
+
+bool hasSuffixIgnoringCase(std::string name, std::string_view suffix) {
+  while (name.size() > 1 && name.back() == '/') name.pop_back();
+  if (name.size() < suffix.size()) return false;
+  return std::equal(suffix.begin(), suffix.end(), name.end() - static_cast<std::ptrdiff_t>(suffix.size()),
+                    [](char a, char b) { return std::tolower(static_cast<unsigned char>(a)) ==
+                                                std::tolower(static_cast<unsigned char>(b)); });
+}
+
+// Every entry below the folder, relative to it, parents before their
+// contents and each folder's entries in name order (so runs repeat). Links
+// to folders are listed but not entered. Nothing when the folder itself
+// cannot be read.
+std::optional<std::vector<std::string>> deepEntries(const fs::path& folder) {
+  std::error_code error;
+  fs::directory_iterator top(folder, error);
+  if (error) return std::nullopt;
+  std::vector<std::string> entries;
+  std::function<void(const fs::path&, const std::string&)> walk = [&](const fs::path& dir, const std::string& prefix) {
+    std::error_code walkError;
+    std::vector<fs::directory_entry> children;
+    for (fs::directory_iterator it(dir, walkError), end; !walkError && it != end; it.increment(walkError))
+      children.push_back(*it);
+    std::sort(children.begin(), children.end(),
+              [](const auto& a, const auto& b) { return a.path().filename() < b.path().filename(); });
+    for (const auto& child : children) {
+      const std::string relative = prefix + child.path().filename().string();
+      entries.push_back(relative);
+      std::error_code typeError;
+      if (child.is_directory(typeError) && !child.is_symlink(typeError)) walk(child.path(), relative + "/");
+    }
+  };
+  walk(folder, "");
+  return entries;
+}
+
+// Makes the folder and its missing parents, each readable by the user only.
+bool createPrivateDirectories(const fs::path& path) {
+  fs::path partial;
+  for (const auto& part : path) {
+    partial /= part;
+    if (::mkdir(partial.c_str(), 0700) != 0 && errno != EEXIST) return false;
+  }
+  std::error_code error;
+  return fs::is_directory(path, error);
+}
+
+bool isSystemLibraryDSYM(const dsym::SUPDSYMFile& file) {
+  if (!file.dsym()) return false;
+  auto identifier = file.dsym()->bundleIdentifier();
+  return identifier && identifier->starts_with(kSystemLibraryBundlePrefix);
+}
+
+bool hasArchitectureSlices(const dsym::SUPDSYMFile& file) {
+  return file.dsym() && file.dsym()->binary() && !file.dsym()->binary()->slices().empty();
+}
+
+}  // namespace
+
+bool isPathOfType(const std::string& path, PathType type) {
+  std::error_code error;
+  const fs::file_status status = fs::status(path, error);
+  if (!fs::exists(status)) {
+    SYLLogWarning("Path does not exist: {}", path);
+    return false;
+  }
+  const bool isDSYMName = hasSuffixIgnoringCase(path, ".dSYM");
+  switch (type) {
+    case PathType::DSYMBundle:
+      return fs::is_directory(status) && isDSYMName;
+    case PathType::Folder:
+      return fs::is_directory(status) && !isDSYMName;
+    case PathType::ZipArchive:
+      return fs::is_regular_file(status) && hasSuffixIgnoringCase(path, ".zip");
+  }
+  return false;
+}
+
+bool expandDirectory(const std::string& path, const SYLUploadSettings& settings) {
+  auto entries = deepEntries(path);
+  if (!entries) {
+    SYLLogWarning("Unable to enumerate contents of directory: {}", path);
+    return false;
+  }
+  std::vector<std::string> paths;
+  paths.reserve(entries->size());
+  for (const auto& entry : *entries) paths.push_back(path + "/" + entry);
+  processPaths(paths, /*recursive=*/true, settings);
+  return !paths.empty();
+}
+
+bool isValidDSYMBundle(const std::string& path) {
+  std::error_code error;
+  if (!fs::exists(path, error)) return false;
+  if (!dsym::SUPBundle::bundleWithURL(path)) {
+    SYLLogWarning("{} is not a dSYM bundle.", path);
+    return false;
+  }
+  const fs::path dwarf = fs::path(path) / kDWARFFolder;
+  if (!fs::is_directory(dwarf, error)) {
+    SYLLogWarning("{} does not contain DWARF content.", path);
+    return false;
+  }
+  auto entries = deepEntries(dwarf);
+  if (!entries || entries->empty()) {
+    SYLLogWarning("Found a DWARF dir with no content: {}", path);
+    return false;
+  }
+  return true;
+}
+
+void processDSYMBundle(const std::string& path, const SYLUploadSettings& settings) {
+  if (!isValidDSYMBundle(path)) return;
+  const fs::path dwarfFolder = fs::path(path) / kDWARFFolder;
+  for (const auto& entry : deepEntries(dwarfFolder).value_or(std::vector<std::string>{})) {
+    const fs::path dwarfPath = (dwarfFolder / entry).lexically_normal();
+    auto dSYMFile = dsym::SUPDSYMFile::initWithDWARFURL(dwarfPath, path);
+    if (dSYMFile && isSystemLibraryDSYM(*dSYMFile)) {
+      SYLLogWarning("Skipping Apple dSYM: {}", path);
+      return;
+    }
+    // A dSYM operation over no slices would wait forever for a compound
+    // operation with nothing in it; such a file has nothing to upload.
+    if (dSYMFile && !hasArchitectureSlices(*dSYMFile)) {
+      SYLLogWarning("No architecture slices in dSYM at {}", dwarfPath.string());
+      continue;
+    }
+
+    auto container = std::make_shared<dsym::SUPCodeMappingInfoContainer>();
+    container->setDSYMFile(dSYMFile);
+    container->setMaxCoreSymbolicationVersion(settings.maxSymbolicationVersion);
+    container->setPlatform(settings.platform);
+    container->setOmvaraAppId(settings.appID);
+    container->setConvertOnly(settings.convertOnly);
+
+    auto client = sharedNetworkClient();
+    auto operation = std::make_shared<operations::SUPProcessDSYMOperation>();
+    operation->setNetworkClient(client);
+    operation->setCodeMappingInfo(container);
+    operation->setAsyncCompletion([path](const support::ErrorPtr& error) {
+      if (!error) return;
+      SYLLogError("Could not complete submission of dSYM at {}: {}", path, error->description());
+      exitRun(kExitProcessingFailed);
+    });
+    // container and client stay alive here for the whole wait.
+    sharedOperationQueue()->addOperationAndWait(operation);
+  }
+}
+
+std::string unpackFolderForArchive(const std::string& archivePath) {
+  std::string archive = archivePath;
+  const fs::path given(archivePath);
+  if (std::any_of(given.begin(), given.end(), [](const fs::path& part) { return part == ".."; })) {
+    std::error_code error;
+    archive = fs::absolute(given, error).lexically_normal().string();
+  }
+  return support::temporaryDirectory() + "/" + archive + ".unzipped";
+}
+
+void processArchive(const std::string& path, const SYLUploadSettings& settings) {
+  const std::string folder = unpackFolderForArchive(path);
+  if (!createPrivateDirectories(folder)) {
+    SYLLogError("Failed to create directory {}", folder);
+    exitRun(kExitUnpackFolderNotCreatable);
+  }
+
+  std::string unzip = buildenv::SUPTask::stdoutWithLaunchPath("/usr/bin/which", {"unzip"}).value_or("");
+  const auto notSpace = [](unsigned char c) { return !std::isspace(c); };
+  unzip.erase(unzip.begin(), std::find_if(unzip.begin(), unzip.end(), notSpace));
+  unzip.erase(std::find_if(unzip.rbegin(), unzip.rend(), notSpace).base(), unzip.end());
+  if (unzip.empty()) {
+    SYLLogError("Could not find \u2018unzip\u2018 command");
+    exitRun(kExitNoUnzip);
+  }
+
+  // unzip makes the folder again; what matters above is that its parents exist.
+  std::error_code error;
+  if (fs::exists(folder, error)) {
+    fs::remove_all(folder, error);
+    if (error) SYLLogWarning("Failed to remove {}", folder);
+  }
+  if (!settings.convertOnly) registerTemporaryFolder(folder);
+
+  std::int32_t status = -1;
+  std::string standardError;
+  const bool launched = buildenv::SUPTask::launchWithPath(
+      unzip, std::nullopt, buildenv::SUPTask::Arguments{"-qq", "-o", path, "-d", folder},
+      [&](const std::string& err, const std::string&, std::int32_t exitStatus) {
+        standardError = err;
+        status = exitStatus;
+      });
+  if (!launched || status != 0) {
+    const std::string detail = buildenv::SUPTask::isValidUTF8(standardError) ? ": " + standardError : "";
+    SYLLogError("Failed to unzip archive at {}{}", path, detail);
+    exitRun(kExitUnzipFailed);
+  }
+
+  if (!expandDirectory(folder, settings)) SYLLogWarning("No dSYMs found in {}", path);
+  if (!settings.convertOnly) sharedOperationQueue()->addOperation(operations::SUPDeleteFileOperation::initWithPath(folder));
+}
+
+}  // namespace symlift::cli

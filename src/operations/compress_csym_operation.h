@@ -1,0 +1,51 @@
+#pragma once
+// Gzips one slice's cSYM file into a temporary file, keeps the compressed
+// bytes in memory and queues the removal of both files (unless the run only
+// converts, when they stay for the user).
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "dsym/code_mapping_info_container.h"
+#include "network/network_client.h"
+#include "operations/async_operation.h"
+#include "operations/operation_queue.h"
+
+namespace symlift::operations {
+
+class SUPCompressCSYMOperation : public SUPKITAsyncOperation {
+ public:
+  SUPCompressCSYMOperation(std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
+                           std::weak_ptr<network::SUPKITNetworkClient> networkClient);
+  static std::shared_ptr<SUPCompressCSYMOperation> initWithCodeMappingInfo(
+      std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
+      std::weak_ptr<network::SUPKITNetworkClient> networkClient);
+
+  void main() override;
+
+  // Compresses the slice's cSYM file; on failure returns false and sets error.
+  bool zipCSYMWithUUID(const std::string& uuid, const std::string& architecture, const std::string& dSYMPath,
+                       support::ErrorPtr& error);
+  // False only when a write came up short. A source that cannot be read
+  // counts as empty: the destination then holds an empty gzip stream.
+  bool gzipCSYMAtPath(const std::string& path, const std::string& location);
+
+  const std::optional<std::vector<std::uint8_t>>& compressedData() const { return compressedData_; }
+  std::shared_ptr<OperationQueue> operationQueue() const { return operationQueue_.lock(); }
+  void setOperationQueue(const std::shared_ptr<OperationQueue>& queue) { operationQueue_ = queue; }
+  const std::shared_ptr<dsym::SUPCodeMappingInfoContainer>& codeMappingInfo() const { return codeMappingInfo_; }
+  std::shared_ptr<network::SUPKITNetworkClient> networkClient() const { return networkClient_.lock(); }
+
+ private:
+  void scheduleDeletionOfFileAtPath(const std::string& path);
+
+  std::weak_ptr<OperationQueue> operationQueue_;
+  std::optional<std::vector<std::uint8_t>> compressedData_;
+  std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo_;
+  std::weak_ptr<network::SUPKITNetworkClient> networkClient_;
+};
+
+}  // namespace symlift::operations

@@ -1,0 +1,29 @@
+#include "operations/delete_file_operation.h"
+
+#include <filesystem>
+#include <system_error>
+
+#include "cli/console_log.h"
+
+namespace symlift::operations {
+
+using cli::SYLLogDebug;
+using cli::SYLLogWarning;
+
+void SUPDeleteFileOperation::deleteFile() {
+  SYLLogDebug("Deleting file at path: {}", path_);
+  std::error_code error;
+  // A dangling symbolic link is still something to remove.
+  if (!std::filesystem::exists(std::filesystem::symlink_status(path_, error))) {
+    SYLLogWarning("File to delete does not exist at path: {}", path_);
+    return;
+  }
+  std::filesystem::remove_all(path_, error);
+  if (!error) {
+    SYLLogDebug("Deleted file at path {}", path_);
+  } else {
+    SYLLogWarning("Unable to remove file at {} due to error {}", path_, error.message());
+  }
+}
+
+}  // namespace symlift::operations

@@ -1,0 +1,85 @@
+#include "operations/generate_csym_operation.h"
+
+#include <fmt/format.h>
+
+#include "operations/pipeline_errors.h"
+#include "symbols/csym_generator.h"
+
+namespace symlift::operations {
+
+namespace {
+constexpr const char* kNoUUID = "(null)";
+
+void enumerateSlices(const dsym::SUPCodeMappingInfoContainer& info,
+                     const std::function<void(const std::string& uuid, const std::string& architecture)>& visit) {
+  const auto& file = info.dSYMFile();
+  if (!file || !file->dsym()) return;
+  file->dsym()->enumerateUUIDs([&](const std::optional<std::string>& uuid, const std::string& architecture) {
+    visit(uuid.value_or(kNoUUID), architecture);
+  });
+}
+}  // namespace
+
+SUPGenerateCSYMOperation::SUPGenerateCSYMOperation(std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
+                                                   std::weak_ptr<network::SUPKITNetworkClient> networkClient)
+    : SUPKITAsyncOperation("SUPGenerateCSYMOperation"),
+      codeMappingInfo_(std::move(codeMappingInfo)),
+      xpcReplyQueue_(SerialDispatchQueue::create("csymgenerator reply queue")),
+      networkClient_(std::move(networkClient)) {}
+
+std::shared_ptr<SUPGenerateCSYMOperation> SUPGenerateCSYMOperation::initWithCodeMappingInfo(
+    std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
+    std::weak_ptr<network::SUPKITNetworkClient> networkClient) {
+  return std::make_shared<SUPGenerateCSYMOperation>(std::move(codeMappingInfo), std::move(networkClient));
+}
+
+void SUPGenerateCSYMOperation::main() { generateCSYMs(codeMappingInfo_->maxCoreSymbolicationVersion()); }
+
+void SUPGenerateCSYMOperation::generateCSYMs(float maxCoreSymbolicationVersion) {
+  const auto& file = codeMappingInfo_->dSYMFile();
+  const std::string path = file ? file->URL().string() : std::string();
+  // The long part of the run: every slice is read and written here.
+  ArchitecturesByUUID result = symbols::CSYMGenerator::generateCSYMsFromDSYMAtPath(path, maxCoreSymbolicationVersion);
+  ArchitecturesByUUID missing = checkForMissingCSYMsInResult(result);
+  if (!missing.empty()) {
+    finishWithMissingCSYMs(missing);
+    return;
+  }
+  collectCSYMInfoContainers();
+  finishWithError(nullptr);
+}
+
+SUPGenerateCSYMOperation::ArchitecturesByUUID SUPGenerateCSYMOperation::checkForMissingCSYMsInResult(
+    const ArchitecturesByUUID& result) const {
+  ArchitecturesByUUID missing;
+  enumerateSlices(*codeMappingInfo_, [&](const std::string& uuid, const std::string& architecture) {
+    if (uuid == kNoUUID || !result.contains(uuid)) missing[uuid] = architecture;
+  });
+  return missing;
+}
+
+void SUPGenerateCSYMOperation::collectCSYMInfoContainers() {
+  std::vector<std::shared_ptr<dsym::SUPCodeMappingInfoContainer>> containers;
+  enumerateSlices(*codeMappingInfo_, [&](const std::string& uuid, const std::string& architecture) {
+    auto copy = codeMappingInfo_->copyWithZone();
+    copy->setUUID(uuid);
+    copy->setArchitecture(architecture);
+    containers.push_back(std::move(copy));
+  });
+  cSYMInfoContainers_ = std::move(containers);
+}
+
+void SUPGenerateCSYMOperation::finishWithMissingCSYMs(const ArchitecturesByUUID& missing) {
+  finishWithError(support::makeError(
+      kGenerateCSYMErrorDomain, kGenerateCSYMErrorCodeMissingCSYMs,
+      {{support::kLocalizedFailureReasonKey,
+        fmt::format("Failed to generate cSYMs for architectures: {}", describeArchitectures(missing))}}));
+}
+
+std::string SUPGenerateCSYMOperation::describeArchitectures(const ArchitecturesByUUID& architectures) {
+  std::string text = "{\n";
+  for (const auto& [uuid, architecture] : architectures) text += fmt::format("    {} = {};\n", uuid, architecture);
+  return text + "}";
+}
+
+}  // namespace symlift::operations

@@ -1,0 +1,63 @@
+#include "operations/submit_all_csyms_operation.h"
+
+#include "operations/compound_operation.h"
+#include "operations/generate_csym_operation.h"
+#include "operations/submit_csym_operation.h"
+
+namespace symlift::operations {
+
+SUPSubmitAllCSYMsOperation::SUPSubmitAllCSYMsOperation(
+    std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
+    std::weak_ptr<network::SUPKITNetworkClient> networkClient)
+    : SUPKITAsyncOperation("SUPSubmitAllCSYMsOperation"),
+      privateQueue_(OperationQueue::create("SUPSubmitAllCSYMsOperation")),
+      networkClient_(std::move(networkClient)),
+      codeMappingInfo_(std::move(codeMappingInfo)) {
+  privateQueue_->setMaxConcurrentOperationCount(1);
+}
+
+std::shared_ptr<SUPSubmitAllCSYMsOperation> SUPSubmitAllCSYMsOperation::initWithCodeMappingInfo(
+    std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
+    std::weak_ptr<network::SUPKITNetworkClient> networkClient) {
+  return std::make_shared<SUPSubmitAllCSYMsOperation>(std::move(codeMappingInfo), std::move(networkClient));
+}
+
+std::shared_ptr<SUPSubmitAllCSYMsOperation> SUPSubmitAllCSYMsOperation::self() {
+  return std::static_pointer_cast<SUPSubmitAllCSYMsOperation>(shared_from_this());
+}
+
+void SUPSubmitAllCSYMsOperation::main() { enqueueGenerateCSYMsOperation(); }
+
+void SUPSubmitAllCSYMsOperation::enqueueGenerateCSYMsOperation() {
+  auto generate = SUPGenerateCSYMOperation::initWithCodeMappingInfo(codeMappingInfo_, networkClient_);
+  std::weak_ptr<SUPGenerateCSYMOperation> weakGenerate = generate;
+  std::weak_ptr<SUPSubmitAllCSYMsOperation> weakSelf = self();
+  generate->setAsyncCompletion([weakSelf, weakGenerate](const support::ErrorPtr& error) {
+    auto submitAll = weakSelf.lock();
+    if (!submitAll) return;
+    if (error) {
+      submitAll->finishWithError(error);
+      return;
+    }
+    auto generateOperation = weakGenerate.lock();
+    submitAll->enqueueSubmitCSYMOperations(generateOperation ? generateOperation->cSYMInfoContainers()
+                                                             : decltype(generateOperation->cSYMInfoContainers()){});
+  });
+  privateQueue_->addOperation(generate);
+}
+
+void SUPSubmitAllCSYMsOperation::enqueueSubmitCSYMOperations(
+    const std::vector<std::shared_ptr<dsym::SUPCodeMappingInfoContainer>>& containers) {
+  auto compound = std::make_shared<SUPCompoundOperation>();
+  std::vector<std::shared_ptr<SUPKITAsyncOperation>> submissions;
+  for (const auto& container : containers)
+    submissions.push_back(SUPSubmitCSYMOperation::initWithCSYMInfo(container, networkClient_));
+  compound->setOperations(std::move(submissions));
+  std::weak_ptr<SUPSubmitAllCSYMsOperation> weakSelf = self();
+  compound->setAsyncCompletion([weakSelf](const support::ErrorPtr& error) {
+    if (auto submitAll = weakSelf.lock()) submitAll->finishWithError(error);
+  });
+  privateQueue_->addOperation(compound);
+}
+
+}  // namespace symlift::operations

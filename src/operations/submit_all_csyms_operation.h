@@ -1,0 +1,39 @@
+#pragma once
+// Generates the cSYMs of one dSYM, then submits every slice side by side
+// under a compound operation. Its steps run one at a time on its own queue.
+
+#include <memory>
+#include <vector>
+
+#include "dsym/code_mapping_info_container.h"
+#include "network/network_client.h"
+#include "operations/async_operation.h"
+#include "operations/operation_queue.h"
+
+namespace symlift::operations {
+
+class SUPSubmitAllCSYMsOperation : public SUPKITAsyncOperation {
+ public:
+  SUPSubmitAllCSYMsOperation(std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
+                             std::weak_ptr<network::SUPKITNetworkClient> networkClient);
+  static std::shared_ptr<SUPSubmitAllCSYMsOperation> initWithCodeMappingInfo(
+      std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
+      std::weak_ptr<network::SUPKITNetworkClient> networkClient);
+
+  void main() override;
+  void enqueueGenerateCSYMsOperation();
+  void enqueueSubmitCSYMOperations(const std::vector<std::shared_ptr<dsym::SUPCodeMappingInfoContainer>>& containers);
+
+  const std::shared_ptr<OperationQueue>& privateQueue() const { return privateQueue_; }
+  std::shared_ptr<network::SUPKITNetworkClient> networkClient() const { return networkClient_.lock(); }
+  const std::shared_ptr<dsym::SUPCodeMappingInfoContainer>& codeMappingInfo() const { return codeMappingInfo_; }
+
+ private:
+  std::shared_ptr<SUPSubmitAllCSYMsOperation> self();
+
+  std::shared_ptr<OperationQueue> privateQueue_;
+  std::weak_ptr<network::SUPKITNetworkClient> networkClient_;
+  std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo_;
+};
+
+}  // namespace symlift::operations
