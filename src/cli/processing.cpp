@@ -31,6 +31,15 @@ SharedObjects& shared() {
   return objects;
 }
 
+// Lets a client go from this thread. Its session thread may still be inside
+// the completion that just woke us, holding the client for a moment; waiting
+// for that thread to end first makes this the last reference, so the session
+// is taken down here rather than on its own thread as the process exits.
+void retireClient(std::shared_ptr<network::SUPKITNetworkClient> client) {
+  if (client && client->session()) client->session()->finishTasksAndInvalidate();
+  client.reset();
+}
+
 void replaceSharedObjects() {
   auto queue = operations::OperationQueue::create("symlift.processing");
   auto client = network::SUPKITNetworkClient::create();
@@ -43,7 +52,7 @@ void replaceSharedObjects() {
     previous = std::exchange(s.client, client);
   }
   // Every earlier dSYM was waited for, so the old client has no transfers.
-  previous.reset();
+  retireClient(std::move(previous));
 }
 
 // The outermost call: let queued clean-up finish, then let go of the queues
@@ -65,6 +74,7 @@ void drainAndRelease() {
     client = std::exchange(s.client, nullptr);
     s.temporaryFolders.clear();
   }
+  retireClient(std::move(client));
 }
 
 void processPath(const std::string& path, bool recursive, const SYLUploadSettings& settings) {

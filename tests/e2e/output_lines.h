@@ -83,7 +83,13 @@ struct Lines {
         "https://omvara.example/docs/vantrel/tesmer-migration");
   }
 
-  std::string processingUnavailable() const { return error("processing is not available in this build"); }
+  // A path that is not there: one warning per type test, then the verdict.
+  std::string missingPath(const std::string& path) const {
+    const std::string missing = warning("Path does not exist: " + path);
+    return missing + missing + missing + warning("Path is not a .dSYM, directory, or archive: " + path);
+  }
+
+  std::string uploaded() const { return success("Successfully uploaded Vantrel symbols"); }
 };
 
 }  // namespace symlift::testing::e2e
