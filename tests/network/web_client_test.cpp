@@ -63,6 +63,15 @@ std::unique_ptr<httplib::Server> routes(std::unique_ptr<httplib::Server> server,
   server->Get("/broken-plist", [](const httplib::Request&, httplib::Response& response) {
     response.set_content("this is not a property list", "application/x-plist");
   });
+  server->Get("/moved", [](const httplib::Request&, httplib::Response& response) { response.set_redirect("/search"); });
+  // Promises 100 bytes, sends 10, then drops the connection.
+  server->Get("/cut", [](const httplib::Request&, httplib::Response& response) {
+    response.set_content_provider(100, "application/octet-stream",
+                                  [](std::size_t, std::size_t, httplib::DataSink& sink) {
+                                    sink.write("0123456789", 10);
+                                    return false;
+                                  });
+  });
   return server;
 }
 
@@ -185,6 +194,23 @@ TEST_F(WebClientTest, UnexpectedStatusBecomesAnErrorOnlyWhenAStatusIsExpected) {
   EXPECT_EQ(expecting->error->domain, "SUPWebClientErrorDomain");
   EXPECT_EQ(expecting->error->code, -1);
   EXPECT_THAT(expecting->description(), HasSubstr("status: 404"));
+}
+
+TEST_F(WebClientTest, OnlyTheFinalResponseIsReportedAndAFailureKeepsWhatArrived) {
+  auto moved = send(SUPWebRequest::requestWithMethod("GET", "moved"));
+  ASSERT_TRUE(moved);
+  EXPECT_EQ(moved->statusCode, 200u);
+  EXPECT_TRUE(std::holds_alternative<nlohmann::json>(moved->body)) << moved->description();
+  EXPECT_EQ(moved->responseHeaders.valueForField("Location"), std::nullopt);
+
+  auto cut = send(SUPWebRequest::requestWithMethod("GET", "cut"));
+  ASSERT_TRUE(cut);
+  EXPECT_EQ(cut->statusCode, 200u);
+  EXPECT_EQ(cut->responseHeaders.valueForField("Content-Length"), "100");
+  EXPECT_EQ(textOf(cut->responseData), "0123456789");
+  ASSERT_TRUE(cut->error);
+  EXPECT_EQ(cut->error->domain, kURLErrorDomain);
+  EXPECT_EQ(cut->error->code, URLErrorNetworkConnectionLost);
 }
 
 TEST_F(WebClientTest, BlockingRequestCompletesBeforeReturningAndLeavesNoTransaction) {
