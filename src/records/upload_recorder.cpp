@@ -70,7 +70,9 @@ std::string SUPDSYMUploadRecorder::dataStoreDirectory() const {
                     "builds";
   std::error_code ec;
   fs::create_directories(builds, ec);
-  if (ec) SYLLogError("Unable to write directory for cache: {}", ec.message());
+  std::error_code ignored;
+  if (ec || !fs::is_directory(builds, ignored))
+    SYLLogError("Unable to write directory for cache: {}", ec ? ec.message() : std::string("<no error reported>"));
   // The records live beside the (deliberately empty) "builds" folder.
   return (builds.parent_path() / "uploaded").string();
 }
