@@ -1,0 +1,200 @@
+#include "records/keyed_archiver.h"
+
+#include <cstdlib>
+#include <utility>
+
+namespace symlift::records {
+
+namespace {
+
+constexpr const char* kArchiverKey = "$archiver";
+constexpr const char* kArchiverName = "NSKeyedArchiver";
+constexpr const char* kVersionKey = "$version";
+constexpr std::uint64_t kArchiveVersion = 100000;
+constexpr const char* kTopKey = "$top";
+constexpr const char* kRootKey = "root";
+constexpr const char* kObjectsKey = "$objects";
+constexpr const char* kNullObject = "$null";
+constexpr const char* kClassKey = "$class";
+constexpr const char* kClassNameKey = "$classname";
+constexpr const char* kClassesKey = "$classes";
+constexpr const char* kMembersKey = "NS.objects";
+constexpr const char* kTimeKey = "NS.time";
+constexpr const char* kMutableStringKey = "NS.string";
+
+std::optional<std::string> stringOfNode(plist_t node) {
+  if (!node || plist_get_node_type(node) != PLIST_STRING) return std::nullopt;
+  char* value = nullptr;
+  plist_get_string_val(node, &value);
+  if (!value) return std::nullopt;
+  std::string text(value);
+  std::free(value);
+  return text;
+}
+
+std::optional<ArchiveUID> uidOfNode(plist_t node) {
+  if (!node || plist_get_node_type(node) != PLIST_UID) return std::nullopt;
+  std::uint64_t value = 0;
+  plist_get_uid_val(node, &value);
+  return value;
+}
+
+plist_t dictItem(plist_t dict, const char* key) {
+  if (!dict || plist_get_node_type(dict) != PLIST_DICT) return nullptr;
+  return plist_dict_get_item(dict, key);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Writing
+
+KeyedArchiver::KeyedArchiver() : objects_(plist_new_array()) {
+  plist_array_append_item(objects_.node(), plist_new_string(kNullObject));
+}
+
+ArchiveUID KeyedArchiver::reserveObject() {
+  ArchiveUID uid = plist_array_get_size(objects_.node());
+  // A placeholder until the object's contents are known.
+  plist_array_append_item(objects_.node(), plist_new_string(kNullObject));
+  return uid;
+}
+
+ArchiveUID KeyedArchiver::classReference(const std::vector<std::string>& classes) {
+  const std::string& name = classes.front();
+  if (auto found = classes_.find(name); found != classes_.end()) return found->second;
+  plist_t description = plist_new_dict();
+  plist_t chain = plist_new_array();
+  for (const std::string& entry : classes) plist_array_append_item(chain, plist_new_string(entry.c_str()));
+  plist_dict_set_item(description, kClassesKey, chain);
+  plist_dict_set_item(description, kClassNameKey, plist_new_string(name.c_str()));
+  ArchiveUID uid = plist_array_get_size(objects_.node());
+  plist_array_append_item(objects_.node(), description);
+  classes_.emplace(name, uid);
+  return uid;
+}
+
+void KeyedArchiver::finishObject(ArchiveUID uid, const std::vector<std::string>& classes,
+                                 const std::map<std::string, ArchiveUID>& fields) {
+  plist_t object = plist_new_dict();
+  for (const auto& [key, reference] : fields) plist_dict_set_item(object, key.c_str(), plist_new_uid(reference));
+  plist_dict_set_item(object, kClassKey, plist_new_uid(classReference(classes)));
+  plist_array_set_item(objects_.node(), object, static_cast<std::uint32_t>(uid));
+}
+
+void KeyedArchiver::finishCollection(ArchiveUID uid, const std::vector<std::string>& classes,
+                                     const std::vector<ArchiveUID>& members) {
+  plist_t object = plist_new_dict();
+  plist_t references = plist_new_array();
+  for (ArchiveUID member : members) plist_array_append_item(references, plist_new_uid(member));
+  plist_dict_set_item(object, kMembersKey, references);
+  plist_dict_set_item(object, kClassKey, plist_new_uid(classReference(classes)));
+  plist_array_set_item(objects_.node(), object, static_cast<std::uint32_t>(uid));
+}
+
+ArchiveUID KeyedArchiver::encodeString(const std::string& string) {
+  if (auto found = strings_.find(string); found != strings_.end()) return found->second;
+  ArchiveUID uid = plist_array_get_size(objects_.node());
+  plist_array_append_item(objects_.node(), plist_new_string(string.c_str()));
+  strings_.emplace(string, uid);
+  return uid;
+}
+
+ArchiveUID KeyedArchiver::encodeDate(double timeIntervalSinceReferenceDate) {
+  ArchiveUID uid = reserveObject();
+  plist_t object = plist_new_dict();
+  plist_dict_set_item(object, kTimeKey, plist_new_real(timeIntervalSinceReferenceDate));
+  plist_dict_set_item(object, kClassKey, plist_new_uid(classReference({"NSDate", "NSObject"})));
+  plist_array_set_item(objects_.node(), object, static_cast<std::uint32_t>(uid));
+  return uid;
+}
+
+std::string KeyedArchiver::finishEncodingWithRoot(ArchiveUID root) {
+  support::PropertyList archive(plist_new_dict());
+  plist_t top = plist_new_dict();
+  plist_dict_set_item(top, kRootKey, plist_new_uid(root));
+  plist_dict_set_item(archive.node(), kVersionKey, plist_new_uint(kArchiveVersion));
+  plist_dict_set_item(archive.node(), kArchiverKey, plist_new_string(kArchiverName));
+  plist_dict_set_item(archive.node(), kTopKey, top);
+  plist_dict_set_item(archive.node(), kObjectsKey, plist_copy(objects_.node()));
+
+  char* bytes = nullptr;
+  std::uint32_t length = 0;
+  plist_to_bin(archive.node(), &bytes, &length);
+  if (!bytes) return {};
+  std::string result(bytes, length);
+  plist_to_bin_free(bytes);
+  return result;
+}
+
+// ---------------------------------------------------------------------------
+// Reading
+
+std::optional<KeyedUnarchiver> KeyedUnarchiver::fromBytes(std::string_view bytes) {
+  support::PropertyList plist = support::PropertyList::fromBytes(bytes);
+  if (!plist.isDictionary()) return std::nullopt;
+  if (stringOfNode(plist.itemForKey(kArchiverKey)) != kArchiverName) return std::nullopt;
+  plist_t objects = plist.itemForKey(kObjectsKey);
+  if (!objects || plist_get_node_type(objects) != PLIST_ARRAY) return std::nullopt;
+  auto root = uidOfNode(dictItem(plist.itemForKey(kTopKey), kRootKey));
+  if (!root) return std::nullopt;
+  return KeyedUnarchiver(std::move(plist), objects, *root);
+}
+
+plist_t KeyedUnarchiver::objectAt(ArchiveUID uid) const {
+  if (uid == kArchiveNullUID || uid >= plist_array_get_size(objects_)) return nullptr;
+  return plist_array_get_item(objects_, static_cast<std::uint32_t>(uid));
+}
+
+std::optional<std::string> KeyedUnarchiver::classNameOf(ArchiveUID uid) const {
+  auto classUID = uidOfNode(dictItem(objectAt(uid), kClassKey));
+  if (!classUID) return std::nullopt;
+  return stringOfNode(dictItem(objectAt(*classUID), kClassNameKey));
+}
+
+std::optional<std::string> KeyedUnarchiver::stringAt(ArchiveUID uid) const {
+  plist_t object = objectAt(uid);
+  if (auto plain = stringOfNode(object)) return plain;
+  // A mutable string is archived as an object holding its text.
+  return stringOfNode(dictItem(object, kMutableStringKey));
+}
+
+std::optional<std::vector<ArchiveUID>> KeyedUnarchiver::membersOf(ArchiveUID uid) const {
+  plist_t references = dictItem(objectAt(uid), kMembersKey);
+  if (!references || plist_get_node_type(references) != PLIST_ARRAY) return std::nullopt;
+  std::vector<ArchiveUID> members;
+  std::uint32_t count = plist_array_get_size(references);
+  members.reserve(count);
+  for (std::uint32_t i = 0; i < count; ++i) {
+    auto member = uidOfNode(plist_array_get_item(references, i));
+    if (!member) return std::nullopt;
+    members.push_back(*member);
+  }
+  return members;
+}
+
+std::optional<double> KeyedUnarchiver::dateAt(ArchiveUID uid) const {
+  plist_t time = dictItem(objectAt(uid), kTimeKey);
+  if (!time) return std::nullopt;
+  switch (plist_get_node_type(time)) {
+    case PLIST_REAL: {
+      double value = 0;
+      plist_get_real_val(time, &value);
+      return value;
+    }
+    case PLIST_UINT: {
+      std::uint64_t value = 0;
+      plist_get_uint_val(time, &value);
+      // libplist keeps negative integers as their two's-complement bits.
+      return static_cast<double>(static_cast<std::int64_t>(value));
+    }
+    default:
+      return std::nullopt;
+  }
+}
+
+std::optional<ArchiveUID> KeyedUnarchiver::referenceFor(ArchiveUID uid, const char* key) const {
+  return uidOfNode(dictItem(objectAt(uid), key));
+}
+
+}  // namespace symlift::records
