@@ -117,7 +117,7 @@ TEST_F(UploadTest, FatDSYMUploadsExactlyWhatAConvertOnlyRunWrites) {
 TEST_F(UploadTest, FoldersAreSearchedDeeply) {
   FakeServiceProcess service;
   ASSERT_TRUE(service.started());
-  copyFixture("Hello.dSYM", work_.path() / "products/Hello.dSYM");
+  copyFixture("Hello.dSYM", work_.path() / "products/HELLO.DSYM");  // any case
   copyFixture("FatApp.dSYM", work_.path() / "products/nested/deeper/FatApp.dSYM");
   work_.write("products/README.txt", "not a dSYM");
   work_.write("readme-only/README.txt", "not a dSYM");
@@ -165,6 +165,11 @@ TEST_F(UploadTest, ZipArchivesAreUnpackedSearchedAndRemoved) {
   EXPECT_EQ(broken.status, 11) << broken.out;
   EXPECT_TRUE(broken.out.starts_with("\x1b[31merror: Failed to unzip archive at Broken.zip")) << broken.out;
   EXPECT_EQ(count(broken.out, "error: "), 1u) << broken.out;
+
+  // Without unzip on the PATH nothing can be unpacked.
+  RunResult noUnzip = run({"-ai", kApp, "-p", "ios", "--", "Symbols.zip"}, service.baseURL(), {{"PATH", "/nonexistent"}});
+  EXPECT_EQ(noUnzip.status, 10) << noUnzip.out;
+  EXPECT_EQ(noUnzip.out, kColour.error("Could not find \u2018unzip\u2018 command"));
 }
 
 TEST_F(UploadTest, ServiceUnavailableTwiceThenAccepted) {
