@@ -4,6 +4,7 @@
 
 #include "cli/console_log.h"
 #include "network/network_constants.h"
+#include "network/network_response_handler.h"
 #include "network/web_api_client_endpoints.h"
 
 namespace symlift::operations {
@@ -84,7 +85,7 @@ void SUPUploadCSYMOperation::main() {
   auto client = networkClient_.lock();
   if (!client) {
     // Without a client no callback would ever come; fail instead of waiting.
-    finishWithError(support::makeError(network::kNetworkErrorDomain, -3,
+    finishWithError(support::makeError(network::kNetworkErrorDomain, network::SUPNetworkErrorFailedToStartOperation,
                                        {{support::kLocalizedDescriptionKey, "No network session to upload with"}}));
     return;
   }
