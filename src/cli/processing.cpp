@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <mutex>
+#include <utility>
 
 #include "cli/console_log.h"
 #include "cli/exit_status.h"
