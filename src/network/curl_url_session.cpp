@@ -378,8 +378,21 @@ void CurlURLSession::stopThread() {
   if (thread_.get_id() == std::this_thread::get_id()) {
     // Released from one of its own completions: the thread cannot join
     // itself, so a background worker joins it once its loop has ended.
-    auto thread = std::make_shared<std::thread>(std::move(thread_));
-    operations::backgroundQueue().async([thread] { thread->join(); });
+    // The holder joins whether the worker runs it or the pool drops it at
+    // exit, so the thread is never left joinable.
+    struct JoinOnRelease {
+      std::thread thread;
+      ~JoinOnRelease() {
+        if (!thread.joinable()) return;
+        if (thread.get_id() == std::this_thread::get_id())
+          thread.detach();  // the process is ending on this very thread
+        else
+          thread.join();
+      }
+    };
+    auto holder = std::make_shared<JoinOnRelease>();
+    holder->thread = std::move(thread_);
+    operations::backgroundQueue().async([holder]() mutable { holder.reset(); });
     return;
   }
   thread_.join();

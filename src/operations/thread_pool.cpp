@@ -11,13 +11,17 @@ ThreadPool::ThreadPool(std::size_t maxThreads) : maxThreads_(maxThreads == 0 ? 1
 
 ThreadPool::~ThreadPool() {
   std::vector<std::thread> threads;
+  std::deque<std::function<void()>> dropped;
   {
     std::lock_guard<std::mutex> guard(mutex_);
     stopping_ = true;
-    tasks_.clear();
+    dropped.swap(tasks_);
     threads.swap(threads_);
   }
   wake_.notify_all();
+  // Work that never ran is released outside the lock: releasing it may run
+  // destructors that hand more work to the pool.
+  dropped.clear();
   for (auto& thread : threads) {
     // A task that ends the process runs on a worker; that worker cannot join
     // itself and simply goes away with the process.
