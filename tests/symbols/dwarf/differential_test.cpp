@@ -133,7 +133,7 @@ std::string symbolizerArch(const SymbolicationArchitecture& architecture) {
 }
 
 // Why our answer differs from the symbolizer's, as one of the documented
-// classes (KNOWN_DIFFERENCES.md), or "unexplained".
+// classes (listed in the README), or "unexplained".
 std::string differenceClass(const Answer& ours, const Answer& theirs, std::uint64_t address, const MachOImage& image) {
   const bool sameFunction = ours.function == theirs.function;
   const bool sameLocation = ours.file == theirs.file && ours.line == theirs.line;
