@@ -1,5 +1,6 @@
 #include "cli/driver.h"
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -15,6 +16,9 @@
 #include "cli/service_pages.h"
 #include "cli/symbolication_version.h"
 #include "cli/upload_settings.h"
+#include "dsym/dsym_validator.h"
+#include "records/record_upload.h"
+#include "records/upload_recorder.h"
 
 namespace symlift::cli {
 
@@ -75,7 +79,8 @@ int runManualMode(const ArgumentList& arguments, SYLUploadSettings settings) {
 
   // Returns once every dSYM found went through; a failure ends the run.
   if (int status = processPaths(paths, /*recursive=*/false, settings); status != kExitSuccess) return status;
-  // The dSYM validator runs here, after the upload, unless skipped (-sdv).
+  // By hand the validator's warnings follow the upload; they never stop it.
+  if (!arguments.hasFlag(kSkipDSYMValidationOption)) dsym::DSYMValidator::validateDSYMs(paths);
   SYLLogSuccess("Successfully uploaded Vantrel symbols");
   return kExitSuccess;
 }
@@ -112,10 +117,26 @@ int runBuildPhaseMode(const ArgumentList& arguments, const buildenv::Environment
   SYLLogInfo("Processing dSYMs...");
   for (const auto& path : paths) buildenv::waitForDSYM(environment, path);
 
-  // The dSYM validator (unless -sdv) and the already-uploaded check of the
-  // built executable come here, before the upload.
+  // In a build the validator's warnings come before the upload, so they are
+  // shown even when the upload is skipped as already done.
+  if (!arguments.hasFlag(kSkipDSYMValidationOption)) dsym::DSYMValidator::validateDSYMs(paths);
+
+  // The built executable's slice UUIDs identify this build's symbols. An
+  // executable that cannot be opened is still asked about (as an empty set).
+  const std::shared_ptr<macho::SUPMachOBinary> executable = buildenv::builtExecutable(environment);
+  const std::shared_ptr<records::SUPDSYMUploadRecorder> recorder = records::SUPDSYMUploadRecorder::init();
+  if (!recorder) {
+    SYLLogError("Could not construct DSYM upload recorder");
+    return kExitInvalidBuildEnvironment;
+  }
+  // On CI machines every run uploads: their caches are not the user's.
+  if (!settings.isCI && recorder->isAlreadyUploadedBinary(executable)) {
+    SYLLogInfo("Already uploaded this dSYM, not doing it again");
+    return kExitSuccess;
+  }
+
   if (int status = processPaths(paths, /*recursive=*/false, settings); status != kExitSuccess) return status;
-  // The upload is recorded here (outside CI) once the recorder is in.
+  buildenv::recordUpload(recorder, executable, settings.isCI);
   SYLLogSuccess("Successfully uploaded Vantrel build event and symbols");
   return kExitSuccess;
 }

@@ -119,8 +119,10 @@ TEST(ManualModeTest, DebugVersionLineThenProcessing) {
   for (const char* spelling : {"-d", "--d", "-debug", "--debug"})
     expectRun({"-ai", "X", "-p", "ios", "a.dSYM", spelling}, 0,
               kColour.version() + kColour.debugBlock("X", "ios", "[\"a.dSYM\"]") +
-                  kColour.info("Inspecting next path: a.dSYM") + kColour.missingPath("a.dSYM") + kColour.uploaded());
-  // Convert-only, skip-validation and version options have nothing to show before processing.
+                  kColour.info("Inspecting next path: a.dSYM") + kColour.missingPath("a.dSYM") +
+                  kColour.emptyDSYM("a.dSYM") + kColour.uploaded());
+  // Convert-only and version options have nothing to show before processing; -sdv
+  // leaves out the validator's warning about the missing dSYM.
   expectRun({"-ai", "X", "-p", "ios", "a.dSYM", "-c", "-sdv", "--max-symbolication-version", "64", "b.dSYM"}, 0,
             kColour.missingPath("a.dSYM") + kColour.missingPath("b.dSYM") + kColour.uploaded());
 }

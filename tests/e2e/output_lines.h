@@ -89,6 +89,26 @@ struct Lines {
     return missing + missing + missing + warning("Path is not a .dSYM, directory, or archive: " + path);
   }
 
+  // The dSYM validator's two findings.
+  std::string emptyDSYM(const std::string& path) const {
+    return warning("Vantrel found an invalid dSYM without any symbols at path: " + path +
+                   ". This will result in missing stack frames for that library in Vantrel. This can happen in some "
+                   "cases when a code obfuscator is used, or when symbols are stripped from the library / app. For "
+                   "more information, please visit the Vantrel docs. To silence this warning, pass the "
+                   "--skip-dsym-validation flag to symlift / run.");
+  }
+  std::string hiddenDSYM(const std::string& path) const {
+    return warning("Vantrel found a dSYM with hidden symbols at path: " + path +
+                   ". This will result in hidden stack frames for that library in Vantrel. This can occur if you "
+                   "have  bitcode enabled in your app. If you have chosen to upload the symbols for your app to "
+                   "Apple, make sure to download the symbolicated dSYMs from Apple through Xcode or iTunes Connect. "
+                   "If you have chosen NOT to upload symbols to Apple, you can deobfuscate your dSYMs manually with "
+                   "the BCSymbolMaps found within the archive of your application using the following command: "
+                   "dsymutil --symbol-map <BCSymbolFile> <dSYMFileWithHiddenSymbols>.This will perform an in-place "
+                   "deobfuscation of the provided dSYM.To silence this warning, pass the --skip-dsym-validation flag "
+                   "to symlift / run.");
+  }
+
   std::string uploaded() const { return success("Successfully uploaded Vantrel symbols"); }
 };
 

@@ -1,0 +1,325 @@
+// The real symlift binary as an Xcode build phase that uploads to the local
+// stand-in service: the store of uploaded executables keeps a repeated build
+// from uploading again (but not on CI machines), a Lumo release build adds
+// its framework's dSYM, and the dSYM validator's warnings come before the
+// upload in a build and after it by hand.
+//
+// A run counts as inside Xcode when an ancestor process is named "Xcode":
+// such runs go through a symbolic link named Xcode to /bin/sh, which the
+// kernel names after the link. Runs started directly have no such ancestor
+// and, with no desktop app, count as CI.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <optional>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "e2e/output_lines.h"
+#include "macho/macho_binary.h"
+#include "macho/macho_slice.h"
+#include "network/fake_service_process.h"
+#include "records/upload_record_archive.h"
+#include "support/test_support.h"
+
+namespace symlift::testing::e2e {
+namespace {
+
+namespace fs = std::filesystem;
+const Lines kPlain{false};
+const Lines kColour{true};
+constexpr const char* kApp = "1:42:ios:bp";
+
+std::set<std::string> uuidsOf(const fs::path& machO) {
+  std::set<std::string> uuids;
+  if (auto binary = macho::SUPMachOBinary::MachOBinaryWithPath(machO.string()))
+    for (const auto& slice : binary->slices())
+      if (slice->uuid()) uuids.insert(*slice->uuid());
+  return uuids;
+}
+
+std::string bytesOfUUID(const std::string& hex) {
+  std::string bytes;
+  for (std::size_t i = 0; i + 1 < hex.size(); i += 2)
+    bytes.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+  return bytes;
+}
+
+// Rewrites every occurrence of each UUID's bytes in a file with the UUID's
+// last byte inverted: the same program, rebuilt with new UUIDs.
+void giveNewUUIDs(const fs::path& file, const std::set<std::string>& uuids) {
+  std::string contents = readFile(file);
+  for (const std::string& uuid : uuids) {
+    const std::string from = bytesOfUUID(uuid);
+    std::string to = from;
+    to.back() = static_cast<char>(~to.back());
+    for (auto at = contents.find(from); at != std::string::npos; at = contents.find(from, at + to.size()))
+      contents.replace(at, to.size(), to);
+  }
+  std::ofstream(file, std::ios::binary | std::ios::trunc) << contents;
+}
+
+std::size_t count(const std::string& text, const std::string& part) {
+  std::size_t n = 0;
+  for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+  return n;
+}
+
+class BuildPhaseUploadTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(service_.started());
+    fs::create_directories(products() / "FatApp.app");
+    fs::copy_file(fixturesDir() / "FatApp", executable());
+    fs::copy(fixturesDir() / "FatApp.dSYM", dSYM(), fs::copy_options::recursive);
+    dir_.write("Build/Products/Release-iphoneos/FatApp.app/OmvaraService-Info.plist",
+               std::string("<plist version=\"1.0\"><dict><key>OMVARA_APP_ID</key><string>") + kApp +
+                   "</string></dict></plist>");
+    for (const char* folder : {"Project", "cache", "tmp", "home", "bin"}) fs::create_directories(dir_.path() / folder);
+    fs::create_symlink("/bin/sh", xcode());
+    environment_ = {
+        {"PATH", "/usr/bin:/bin"},
+        {"HOME", (dir_.path() / "home").string()},
+        {"XDG_CACHE_HOME", cache().string()},
+        {"TMPDIR", (dir_.path() / "tmp").string()},
+        {"VantrelUploadEndpoint", service_.baseURL()},
+        {"BUILT_PRODUCTS_DIR", products().string()},
+        {"EXECUTABLE_PATH", "FatApp.app/FatApp"},
+        {"UNLOCALIZED_RESOURCES_FOLDER_PATH", "FatApp.app"},
+        {"DWARF_DSYM_FOLDER_PATH", products().string()},
+        {"DWARF_DSYM_FILE_NAME", "FatApp.app.dSYM"},
+        {"PROJECT_DIR", (dir_.path() / "Project").string()},
+        {"PLATFORM_NAME", "iphoneos"},
+        {"CONFIGURATION", "Release"},
+    };
+  }
+
+  fs::path products() const { return dir_.path() / "Build/Products/Release-iphoneos"; }
+  fs::path executable() const { return products() / "FatApp.app/FatApp"; }
+  fs::path dSYM() const { return products() / "FatApp.app.dSYM"; }
+  fs::path dSYMDWARF() const { return dSYM() / "Contents/Resources/DWARF/FatApp"; }
+  fs::path cache() const { return dir_.path() / "cache"; }
+  fs::path xcode() const { return dir_.path() / "bin/Xcode"; }
+
+  // symlift started from a process named Xcode (a shell that waits for it).
+  RunResult runInXcode(const std::vector<std::string>& arguments) const {
+    std::vector<std::string> argv{xcode().string(), "-c", "\"$0\" \"$@\"; exit $?", symliftBinary()};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    return runProgram(argv, options());
+  }
+  RunResult runOnCI(const std::vector<std::string>& arguments) const { return runSymlift(arguments, options()); }
+
+  RunOptions options() const {
+    RunOptions options;
+    options.environment = environment_;
+    options.timeoutSeconds = 60;
+    return options;
+  }
+
+  // The store file, when exactly one endpoint's store folder exists.
+  std::optional<fs::path> storeFile() const {
+    const fs::path root = cache() / "com.vantrel.mac";
+    if (!fs::is_directory(root)) return std::nullopt;
+    std::vector<fs::path> endpoints;
+    for (const auto& entry : fs::directory_iterator(root)) endpoints.push_back(entry.path());
+    if (endpoints.size() != 1) return std::nullopt;
+    fs::path file = endpoints[0] / "uploaded/records.dat";
+    if (!fs::exists(file)) return std::nullopt;
+    return file;
+  }
+
+  // The UUID sets of the stored records.
+  std::set<std::set<std::string>> storedUUIDSets() const {
+    std::set<std::set<std::string>> sets;
+    auto file = storeFile();
+    if (!file) return sets;
+    auto records = records::unarchiveUploadRecords(readFile(*file));
+    EXPECT_TRUE(records) << "the store does not decode";
+    if (records)
+      for (const auto& record : *records) sets.insert(record.uuids());
+    return sets;
+  }
+
+  // The UUIDs named by the service's PUT requests, in arrival order.
+  std::vector<std::string> uploadedUUIDs() const {
+    std::vector<std::string> uuids;
+    std::istringstream log(service_.requestLog());
+    const std::string prefix = std::string(" PUT /v1/project/-/app/") + kApp + "/upload/native/";
+    for (std::string line; std::getline(log, line);) {
+      auto at = line.find(prefix);
+      if (line.starts_with("#") && at != std::string::npos) uuids.push_back(line.substr(at + prefix.size()));
+    }
+    return uuids;
+  }
+
+  static std::string header(const Lines& lines) {
+    return lines.info("Running symlift in Build Phase mode") + lines.info("Validating build environment for Vantrel...") +
+           lines.info("Processing dSYMs...");
+  }
+
+  FakeServiceProcess service_;
+  TempDir dir_;
+  std::map<std::string, std::string> environment_;
+};
+
+TEST_F(BuildPhaseUploadTest, InXcodeAnExecutableIsUploadedOnceUntilItIsRebuilt) {
+  const std::set<std::string> builtUUIDs = uuidsOf(executable());
+  ASSERT_EQ(builtUUIDs.size(), 2u);
+  ASSERT_EQ(uuidsOf(dSYMDWARF()), builtUUIDs);
+
+  // First build: both slices go up, then the executable is recorded.
+  RunResult first = runInXcode({"-bp"});
+  EXPECT_EQ(first.status, 0) << first.out;
+  EXPECT_EQ(count(first.out, "Successfully submitted symbols for architecture "), 2u) << first.out;
+  EXPECT_TRUE(first.out.ends_with(kPlain.success("Successfully uploaded Vantrel build event and symbols"))) << first.out;
+  std::vector<std::string> uploaded = uploadedUUIDs();
+  EXPECT_EQ(std::set<std::string>(uploaded.begin(), uploaded.end()), builtUUIDs);
+  EXPECT_EQ(storedUUIDSets(), std::set<std::set<std::string>>{builtUUIDs});
+
+  // The same build again: stopped before anything is opened or sent.
+  RunResult again = runInXcode({"-bp"});
+  EXPECT_EQ(again.status, 0);
+  EXPECT_EQ(again.out, header(kPlain) + kPlain.info("Already uploaded this dSYM, not doing it again"));
+  EXPECT_EQ(again.err, "");
+  EXPECT_EQ(service_.loggedRequestCount(), 2u);
+
+  // A rebuild with new UUIDs is not in the store: uploaded, and recorded
+  // beside the first build.
+  giveNewUUIDs(executable(), builtUUIDs);
+  giveNewUUIDs(dSYMDWARF(), builtUUIDs);
+  const std::set<std::string> rebuiltUUIDs = uuidsOf(executable());
+  ASSERT_EQ(rebuiltUUIDs.size(), 2u);
+  ASSERT_NE(rebuiltUUIDs, builtUUIDs);
+  ASSERT_EQ(uuidsOf(dSYMDWARF()), rebuiltUUIDs);
+  RunResult rebuilt = runInXcode({"-bp"});
+  EXPECT_EQ(rebuilt.status, 0) << rebuilt.out;
+  uploaded = uploadedUUIDs();
+  ASSERT_EQ(uploaded.size(), 4u);
+  EXPECT_EQ(std::set<std::string>(uploaded.begin() + 2, uploaded.end()), rebuiltUUIDs);
+  EXPECT_EQ(storedUUIDSets(), (std::set<std::set<std::string>>{builtUUIDs, rebuiltUUIDs}));
+}
+
+TEST_F(BuildPhaseUploadTest, OnCIEveryRunUploadsAndNothingIsRecorded) {
+  for (int run = 1; run <= 2; ++run) {
+    RunResult result = runOnCI({"-bp"});
+    EXPECT_EQ(result.status, 0) << result.out;
+    EXPECT_EQ(service_.loggedRequestCount(), 2u * run);
+  }
+  // Not even the store's folders were made.
+  EXPECT_TRUE(fs::is_empty(cache())) << "the store was touched on CI";
+
+  // A store written by a build in Xcode is neither consulted nor changed.
+  ASSERT_EQ(runInXcode({"-bp"}).status, 0);
+  ASSERT_TRUE(storeFile());
+  const std::string store = readFile(*storeFile());
+  RunResult onCI = runOnCI({"-bp", "-d"});
+  EXPECT_EQ(onCI.status, 0) << onCI.out;
+  EXPECT_NE(onCI.out.find(kPlain.info("Running in a CI Environment")), std::string::npos) << onCI.out;
+  EXPECT_EQ(service_.loggedRequestCount(), 8u);
+  EXPECT_EQ(readFile(*storeFile()), store);
+}
+
+TEST_F(BuildPhaseUploadTest, LumoReleaseBuildAlsoUploadsTheFrameworkDSYM) {
+  // The Lumo toolkit leaves its framework's dSYM beside the app's.
+  fs::copy(fixturesDir() / "Hello.dSYM", products() / "App.framework.dSYM", fs::copy_options::recursive);
+  const std::set<std::string> frameworkUUIDs = uuidsOf(fixturesDir() / "Hello.dSYM/Contents/Resources/DWARF/Hello");
+  ASSERT_EQ(frameworkUUIDs.size(), 1u);
+  const std::string lumo = dir_.write("Project/LumoAppIDFile.vexa", "{\"OMVARA_APP_ID\": \"1:42:ios:bp\"}").string();
+
+  RunResult release = runOnCI({"-lp", lumo, "-d"});
+  EXPECT_EQ(release.status, 0) << release.out;
+  EXPECT_NE(release.out.find(kColour.info("DSYM Paths: [\"" + dSYM().string() + "\", \"" + products().string() +
+                                          "/App.framework.dSYM\"]\n")),
+            std::string::npos)
+      << release.out;
+  std::vector<std::string> uploaded = uploadedUUIDs();
+  ASSERT_EQ(uploaded.size(), 3u);
+  EXPECT_EQ(uploaded.back(), *frameworkUUIDs.begin());  // after the app's own dSYM
+
+  // Debug configurations (any name containing "Debug") leave it out.
+  environment_["CONFIGURATION"] = "Debug-Staging";
+  RunResult debug = runOnCI({"-lp", lumo});
+  EXPECT_EQ(debug.status, 0) << debug.out << debug.err;
+  EXPECT_EQ(service_.loggedRequestCount(), 5u);
+}
+
+// The validator looks into folders of dSYMs, so the dSYMs it is to judge
+// are handed over in a folder after "--". In a build every path is first
+// waited for as a bundle, so that folder has a DWARF folder of its own.
+class ValidatorOrderTest : public BuildPhaseUploadTest {
+ protected:
+  fs::path symbolsFolder() {
+    const fs::path folder = dir_.path() / "Symbols";
+    fs::create_directories(folder / "Contents/Resources/DWARF");
+    return folder;
+  }
+
+  // warning is printed once; in a build before anything in processed (all
+  // present), by hand after all of them and before the closing line.
+  void expectOrder(const fs::path& folder, const std::string& bundleName, const std::vector<std::string>& processed) {
+    const std::string bundle = (folder / bundleName).string();
+
+    RunResult build = runOnCI({"-bp", "--", folder.string()});
+    EXPECT_EQ(build.status, 0) << build.out;
+    EXPECT_EQ(count(build.out, warning(kPlain, bundle)), 1u) << build.out;
+    const auto warnedInBuild = build.out.find(warning(kPlain, bundle));
+    EXPECT_GT(warnedInBuild, build.out.find("Processing dSYMs...")) << build.out;
+    for (const std::string& line : processed) {
+      ASSERT_NE(build.out.find(line), std::string::npos) << line << " missing in " << build.out;
+      EXPECT_LT(warnedInBuild, build.out.find(line)) << build.out;
+    }
+
+    RunResult byHand = runOnCI({"-ai", kApp, "-p", "ios", "--", folder.string()});
+    EXPECT_EQ(byHand.status, 0) << byHand.out;
+    EXPECT_EQ(count(byHand.out, warning(kColour, bundle)), 1u) << byHand.out;
+    const auto warnedByHand = byHand.out.find(warning(kColour, bundle));
+    for (const std::string& line : processed) {
+      ASSERT_NE(byHand.out.find(line), std::string::npos) << line << " missing in " << byHand.out;
+      EXPECT_GT(warnedByHand, byHand.out.find(line)) << byHand.out;
+    }
+    EXPECT_TRUE(byHand.out.ends_with(kColour.uploaded())) << byHand.out;
+
+    // -sdv leaves the validator out in either mode.
+    RunResult skipped = runOnCI({"-bp", "-sdv", "--", folder.string()});
+    EXPECT_EQ(skipped.status, 0);
+    EXPECT_EQ(skipped.out.find("warning: Vantrel found"), std::string::npos) << skipped.out;
+    skipped = runOnCI({"-ai", kApp, "-p", "ios", "-sdv", "--", folder.string()});
+    EXPECT_EQ(skipped.out.find("warning: Vantrel found"), std::string::npos) << skipped.out;
+  }
+
+  std::function<std::string(const Lines&, const std::string&)> warning;
+};
+
+TEST_F(ValidatorOrderTest, StrippedDSYM) {
+  const fs::path folder = symbolsFolder();
+  // A well-formed Mach-O file with a UUID but no symbol table.
+  fs::create_directories(folder / "Stripped.dSYM/Contents/Resources/DWARF");
+  fs::copy_file(fixturesDir() / "edge/thin-arm64", folder / "Stripped.dSYM/Contents/Resources/DWARF/Stripped");
+  const std::string strippedUUID = *uuidsOf(fixturesDir() / "edge/thin-arm64").begin();
+  warning = [](const Lines& lines, const std::string& path) { return lines.emptyDSYM(path); };
+  expectOrder(folder, "Stripped.dSYM",
+              {"Successfully submitted symbols for architecture arm64 with UUID " + strippedUUID});
+}
+
+TEST_F(ValidatorOrderTest, DSYMWithHiddenSymbols) {
+  auto corpus = corpusDir();
+  if (!corpus) GTEST_SKIP() << "the shared corpus is not beside the repository";
+  // An App Store build of libswiftObjectiveC, its names "__hidden#NNN_".
+  const fs::path hidden = *corpus / "symbolic/py/tests/res/ext/1.4.1/release/dSYMs/1E4219C0-A535-3789-B1DC-79264975EA6F.dSYM";
+  if (!fs::is_directory(hidden)) GTEST_SKIP() << "corpus dSYM missing: " << hidden;
+  const fs::path folder = symbolsFolder();
+  fs::create_directory_symlink(hidden, folder / "Hidden.dSYM");
+  warning = [](const Lines& lines, const std::string& path) { return lines.hiddenDSYM(path); };
+  // Apple's own library is not uploaded, only reported as skipped.
+  expectOrder(folder, "Hidden.dSYM", {"warning: Skipping Apple dSYM: " + (folder / "Hidden.dSYM").string()});
+}
+
+}  // namespace
+}  // namespace symlift::testing::e2e
