@@ -65,10 +65,11 @@ def main():
 
     runs = {}
     labels = []
-    for label, cmd, _run, wall_us, rss_kb in read_tsv(args.raw):
+    for label, cmd, _run, wall_us, rss_kb, user_s, sys_s in read_tsv(args.raw):
         if label not in labels:
             labels.append(label)
-        runs.setdefault((label, cmd), []).append((int(wall_us), int(rss_kb)))
+        cpu_us = round((float(user_s) + float(sys_s)) * 1e6)
+        runs.setdefault((label, cmd), []).append((int(wall_us), int(rss_kb), cpu_us))
     sizes = dict(read_tsv(args.sizes))
 
     out = ["# Benchmark results", "", "Written by `scripts/bench` (`make bench`); tables regenerated on every run.", ""]
@@ -80,7 +81,10 @@ def main():
         + (" (generator + gzip in one process, the calls a convert-only run makes)" if args.mode == "bench-convert" else ""),
         f"- per input one warm-up round, then {args.runs} timed rounds; each round runs every command once, in the"
         " same order, so the series is interleaved; figures are medians of the timed rounds",
-        "- wall time: nanosecond clock around the command; peak RSS: `/usr/bin/time -f %M` (largest process)",
+        "- wall time: nanosecond clock around the command; CPU time and peak RSS: `/usr/bin/time -f '%M %U %S'`"
+        " (RSS of the largest process; CPU of all its threads, so CPU above wall means several cores were used)",
+        "- llvm-gsymutil-14 converts every slice of a fat file (one `.gsym.<arch>` file each) with as many threads"
+        " as cores; our conversion reads slices one after the other on one thread and gzips them in parallel",
         "- inputs are served from the page cache (the warm-up reads them), so `cat` is a memory-bandwidth floor",
         "",
         "## Inputs",
@@ -104,25 +108,31 @@ def main():
         out += [
             f"### {label}",
             "",
-            "| command | median wall (s) | median peak RSS (MB) | ours / it, wall | ours / it, RSS | runs |",
-            "|---|---|---|---|---|---|",
+            "| command | wall (s) | CPU user+sys (s) | peak RSS (MB) | ours / it: wall | CPU | RSS | runs |",
+            "|---|---|---|---|---|---|---|---|",
         ]
-        ow = statistics.median(w for w, _ in ours)
-        orss = statistics.median(r for _, r in ours)
+
+        def med(values, i):
+            return statistics.median(v[i] for v in values)
+
+        def ratio(a, b):
+            return f"{a / b:.2f}×" if b > 0 else "∞"
+
+        ow, orss, ocpu = med(ours, 0), med(ours, 1), med(ours, 2)
         for cmd in ORDER:
             values = runs.get((label, cmd))
             if not values:
                 continue
-            w = statistics.median(v for v, _ in values)
-            r = statistics.median(v for _, v in values)
-            ratio_w = "—" if cmd == "ours" else (f"{ow / w:.2f}×" if w > 0 else "∞")
-            ratio_r = "—" if cmd == "ours" else f"{orss / r:.2f}×"
+            w, r, c = med(values, 0), med(values, 1), med(values, 2)
+            ratios = ["—"] * 3 if cmd == "ours" else [ratio(ow, w), ratio(ocpu, c), ratio(orss, r)]
             out.append(
-                f"| {DESCRIPTION[cmd]} | {fmt_seconds(w)} | {r / 1024:.1f} | {ratio_w} | {ratio_r} | {len(values)} |"
+                f"| {DESCRIPTION[cmd]} | {fmt_seconds(w)} | {fmt_seconds(c)} | {r / 1024:.1f} | "
+                + " | ".join(ratios)
+                + f" | {len(values)} |"
             )
         out.append("")
         # The spread of our own runs, so a noisy series is visible.
-        walls = sorted(w for w, _ in ours)
+        walls = sorted(v[0] for v in ours)
         out += [f"Our runs, wall (s): {', '.join(fmt_seconds(w) for w in walls)}", ""]
 
     if args.micro and os.path.exists(args.micro):
