@@ -141,7 +141,7 @@ def main():
     if args.micro and os.path.exists(args.micro):
         with open(args.micro) as f:
             text = f.read().strip()
-        out += ["## Micro-benchmarks (first slice of the first input)", "", "```", text, "```", ""]
+        out += ["## Micro-benchmarks (first slice in the fat header of the first input)", "", "```", text, "```", ""]
 
     kept = ""
     if os.path.exists(args.out):

@@ -4,7 +4,7 @@
 //
 // The DWARF file comes from $SYMLIFT_BENCH_DWARF (scripts/bench sets it to
 // the 5 MB benchmark input); without it the reader benchmarks are skipped.
-// The first slice of a fat file is used.
+// The first slice in the fat header is used (its architecture is the label).
 
 #include <benchmark/benchmark.h>
 
@@ -44,9 +44,15 @@ const Input* input() {
 }
 
 bool skipWithoutInput(benchmark::State& state) {
-  if (input()) return false;
-  state.SkipWithError("set SYMLIFT_BENCH_DWARF to a DWARF file (scripts/bench does)");
-  return true;
+  if (!input()) {
+    state.SkipWithError("set SYMLIFT_BENCH_DWARF to a DWARF file (scripts/bench does)");
+    return true;
+  }
+  // Which slice of the fat file was read.
+  constexpr std::int32_t kCPUTypeX86_64 = 0x01000007, kCPUTypeARM64 = 0x0100000c;
+  std::int32_t cputype = input()->images.front().cputype;
+  state.SetLabel(cputype == kCPUTypeX86_64 ? "x86_64" : cputype == kCPUTypeARM64 ? "arm64" : "other");
+  return false;
 }
 
 void BM_DieWalk(benchmark::State& state) {
