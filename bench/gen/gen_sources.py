@@ -7,8 +7,10 @@ share of plain C and Objective-C files.
 
     gen_sources.py OUT_DIR MODULES
 
-The output depends only on MODULES (a fixed random seed per module), so the
-same count always gives the same program. Prints the list of source files.
+Every C++ module also includes four of MODULES shared headers whose inline
+helpers it calls, so line tables name header files too. The output depends
+only on MODULES (a fixed random seed per module), so the same count always
+gives the same program. Prints the list of source files (not the headers).
 """
 
 import os
@@ -33,15 +35,58 @@ VERBS = [
 TYPES = ["int", "long", "double", "float", "unsigned", "short"]
 
 
+def header_count(modules):
+    return max(1, modules)
+
+
+def header_path(h):
+    rng = random.Random(h * 31337 + 11)
+    return f"include/{rng.choice(WORDS)}/{rng.choice(NOUNS)}{h}.h"
+
+
+def header(h):
+    rng = random.Random(h * 31337 + 11)
+    out = [f"// Generated shared header {h}.", "#pragma once", "", f"namespace app {{ namespace core {{ namespace h{h} {{", ""]
+    out += [
+        "inline int hashCombine(int seed, int value) {",
+        f"  seed ^= value + {rng.randint(1, 0x7fff)} + (seed << 6) + (seed >> 2);",
+        "  return seed;",
+        "}",
+        "",
+        "template <typename T>",
+        "inline T clampAdd(T a, T b, T limit) {",
+        "  T sum = a + b;",
+        "  if (sum > limit) return limit;",
+        "  if (sum < -limit) return -limit;",
+        "  return sum;",
+        "}",
+        "",
+        "template <typename T>",
+        "struct Accumulator {",
+        "  T total{};",
+        "  int count = 0;",
+        "  void add(T value) { total += value; ++count; }",
+        "  T mean() const { return count ? total / count : T{}; }",
+        "};",
+        "",
+        f"}} }} }}  // namespace app::core::h{h}",
+        "",
+    ]
+    return "\n".join(out)
+
+
 def module_namespace(rng, index):
     parts = [rng.choice(WORDS) for _ in range(rng.randint(2, 4))]
     return ["app"] + parts + [f"m{index}"]
 
 
-def cpp_module(index):
+def cpp_module(index, headers):
     rng = random.Random(index * 7919 + 1)
     ns = module_namespace(rng, index)
-    out = [f"// Generated module {index}.", "typedef unsigned long size_t;", ""]
+    used = sorted(random.Random(index * 65537 + 7).sample(range(headers), min(4, headers)))
+    out = [f"// Generated module {index}.", "typedef unsigned long size_t;"]
+    out += [f'#include "{header_path(h)}"' for h in used]
+    out.append("")
     out += [f"namespace {n} {{" for n in ns]
     out.append("")
 
@@ -208,6 +253,10 @@ def cpp_module(index):
                 f"  int hits = buffer_.countIf([request](const {t}& x) {{ return x > ({t})request; }});",
                 "  long acc = generation_;",
                 f"  buffer_.forEach([&acc, scale](const {t}& x) {{ acc = fold(acc, (int)(x * scale)); }});",
+                f"  acc = ::app::core::h{used[vi % len(used)]}::hashCombine((int)acc, hits);",
+                f"  ::app::core::h{used[(vi + 1) % len(used)]}::Accumulator<{t}> stats;",
+                f"  stats.add(({t})hits);",
+                f"  acc += (long)::app::core::h{used[0]}::clampAdd<{t}>(stats.mean(), scale, ({t})1000);",
             ]
             if vi % 2 == 0:
                 st = statics[vi % len(statics)]
@@ -340,6 +389,12 @@ def main():
     os.makedirs(out_dir, exist_ok=True)
     files = []
     entries = []
+    headers = header_count(modules)
+    for h in range(headers):
+        path = os.path.join(out_dir, header_path(h))
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        with open(path, "w") as f:
+            f.write(header(h))
     for i in range(modules):
         if i % 8 == 7:
             name = f"objc{i}.m"
@@ -349,7 +404,7 @@ def main():
             text = c_module(i)
         else:
             name = f"mod{i}.cpp"
-            text, ns = cpp_module(i)
+            text, ns = cpp_module(i, headers)
             entries.append(f"{ns}::entry{i}")
         with open(os.path.join(out_dir, name), "w") as f:
             f.write(text)
