@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <map>
 #include <optional>
 #include <set>
@@ -109,8 +108,10 @@ class BuildPhaseUploadTest : public ::testing::Test {
   fs::path xcode() const { return dir_.path() / "bin/Xcode"; }
 
   // symlift started from a process named Xcode (a shell that waits for it).
+  // Killing the shell on time-out would leave symlift running, so its own
+  // time limit comes from timeout(1), which ends it first.
   RunResult runInXcode(const std::vector<std::string>& arguments) const {
-    std::vector<std::string> argv{xcode().string(), "-c", "\"$0\" \"$@\"; exit $?", symliftBinary()};
+    std::vector<std::string> argv{xcode().string(), "-c", "timeout 50 \"$0\" \"$@\"; exit $?", symliftBinary()};
     argv.insert(argv.end(), arguments.begin(), arguments.end());
     return runProgram(argv, options());
   }
@@ -160,7 +161,8 @@ class BuildPhaseUploadTest : public ::testing::Test {
   }
 
   static std::string header(const Lines& lines) {
-    return lines.info("Running symlift in Build Phase mode") + lines.info("Validating build environment for Vantrel...") +
+    return lines.info("Running symlift in Build Phase mode") +
+           lines.info("Validating build environment for Vantrel...") +
            lines.info("Processing dSYMs...");
   }
 
@@ -178,7 +180,8 @@ TEST_F(BuildPhaseUploadTest, InXcodeAnExecutableIsUploadedOnceUntilItIsRebuilt) 
   RunResult first = runInXcode({"-bp"});
   EXPECT_EQ(first.status, 0) << first.out;
   EXPECT_EQ(count(first.out, "Successfully submitted symbols for architecture "), 2u) << first.out;
-  EXPECT_TRUE(first.out.ends_with(kPlain.success("Successfully uploaded Vantrel build event and symbols"))) << first.out;
+  EXPECT_TRUE(first.out.ends_with(kPlain.success("Successfully uploaded Vantrel build event and symbols")))
+      << first.out;
   std::vector<std::string> uploaded = uploadedUUIDs();
   EXPECT_EQ(std::set<std::string>(uploaded.begin(), uploaded.end()), builtUUIDs);
   EXPECT_EQ(storedUUIDSets(), std::set<std::set<std::string>>{builtUUIDs});
@@ -261,9 +264,13 @@ class ValidatorOrderTest : public BuildPhaseUploadTest {
     return folder;
   }
 
-  // warning is printed once; in a build before anything in processed (all
-  // present), by hand after all of them and before the closing line.
-  void expectOrder(const fs::path& folder, const std::string& bundleName, const std::vector<std::string>& processed) {
+  using Warning = std::string (*)(const Lines&, const std::string&);
+
+  // The validator's warning about the bundle is printed once: in a build
+  // before every line of processed (which must all be there), by hand after
+  // them all and before the closing line.
+  void expectOrder(const fs::path& folder, const std::string& bundleName, Warning warning,
+                   const std::vector<std::string>& processed) {
     const std::string bundle = (folder / bundleName).string();
 
     RunResult build = runOnCI({"-bp", "--", folder.string()});
@@ -293,8 +300,6 @@ class ValidatorOrderTest : public BuildPhaseUploadTest {
     skipped = runOnCI({"-ai", kApp, "-p", "ios", "-sdv", "--", folder.string()});
     EXPECT_EQ(skipped.out.find("warning: Vantrel found"), std::string::npos) << skipped.out;
   }
-
-  std::function<std::string(const Lines&, const std::string&)> warning;
 };
 
 TEST_F(ValidatorOrderTest, StrippedDSYM) {
@@ -303,8 +308,8 @@ TEST_F(ValidatorOrderTest, StrippedDSYM) {
   fs::create_directories(folder / "Stripped.dSYM/Contents/Resources/DWARF");
   fs::copy_file(fixturesDir() / "edge/thin-arm64", folder / "Stripped.dSYM/Contents/Resources/DWARF/Stripped");
   const std::string strippedUUID = *uuidsOf(fixturesDir() / "edge/thin-arm64").begin();
-  warning = [](const Lines& lines, const std::string& path) { return lines.emptyDSYM(path); };
-  expectOrder(folder, "Stripped.dSYM",
+  auto emptyDSYM = [](const Lines& lines, const std::string& path) { return lines.emptyDSYM(path); };
+  expectOrder(folder, "Stripped.dSYM", emptyDSYM,
               {"Successfully submitted symbols for architecture arm64 with UUID " + strippedUUID});
 }
 
@@ -312,13 +317,15 @@ TEST_F(ValidatorOrderTest, DSYMWithHiddenSymbols) {
   auto corpus = corpusDir();
   if (!corpus) GTEST_SKIP() << "the shared corpus is not beside the repository";
   // An App Store build of libswiftObjectiveC, its names "__hidden#NNN_".
-  const fs::path hidden = *corpus / "symbolic/py/tests/res/ext/1.4.1/release/dSYMs/1E4219C0-A535-3789-B1DC-79264975EA6F.dSYM";
+  const fs::path hidden =
+      *corpus / "symbolic/py/tests/res/ext/1.4.1/release/dSYMs/1E4219C0-A535-3789-B1DC-79264975EA6F.dSYM";
   if (!fs::is_directory(hidden)) GTEST_SKIP() << "corpus dSYM missing: " << hidden;
   const fs::path folder = symbolsFolder();
   fs::create_directory_symlink(hidden, folder / "Hidden.dSYM");
-  warning = [](const Lines& lines, const std::string& path) { return lines.hiddenDSYM(path); };
   // Apple's own library is not uploaded, only reported as skipped.
-  expectOrder(folder, "Hidden.dSYM", {"warning: Skipping Apple dSYM: " + (folder / "Hidden.dSYM").string()});
+  auto hiddenDSYM = [](const Lines& lines, const std::string& path) { return lines.hiddenDSYM(path); };
+  expectOrder(folder, "Hidden.dSYM", hiddenDSYM,
+              {"warning: Skipping Apple dSYM: " + (folder / "Hidden.dSYM").string()});
 }
 
 }  // namespace
