@@ -1,5 +1,7 @@
 #include "records/upload_record.h"
 
+#include <cmath>
+
 #include <functional>
 #include <utility>
 #include <vector>
@@ -79,7 +81,10 @@ std::optional<SUPUploadRecord> SUPUploadRecord::initWithCoder(const KeyedUnarchi
 
   auto dateUID = coder.referenceFor(uid, kUploadDateKey);
   auto seconds = dateUID ? coder.dateAt(*dateUID) : std::nullopt;
-  if (!seconds) return std::nullopt;
+  // A date the clock cannot hold (not finite, or centuries away) marks a
+  // damaged store rather than a real upload.
+  constexpr double kLimitSeconds = 1.0e10;  // about 317 years either way
+  if (!seconds || !std::isfinite(*seconds) || std::fabs(*seconds) > kLimitSeconds) return std::nullopt;
   return SUPUploadRecord(std::move(uuids), dateWithTimeIntervalSinceReferenceDate(*seconds));
 }
 

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include <chrono>
 #include <cstdlib>
 #include <string>
@@ -101,7 +103,7 @@ class HandArchive {
 // The store a platform build wrote under the older class name: an immutable
 // root set, the first record's UUIDs including a mutable string, and a date
 // stored as whole seconds (an integer), as some writers do.
-std::string legacyStore(const char* recordClass = "SYLUploadRecord") {
+std::string legacyStore(const char* recordClass = "SYLUploadRecord", double secondDate = 631152000.5) {
   HandArchive archive;
   std::uint64_t root = archive.add(plist_new_string("placeholder"));
   std::uint64_t record1 = archive.add(plist_new_string("placeholder"));
@@ -122,7 +124,7 @@ std::string legacyStore(const char* recordClass = "SYLUploadRecord") {
   std::uint64_t record2 = archive.add(plist_new_string("placeholder"));
   std::uint64_t uuid3 = archive.add(plist_new_string(kUUID3.c_str()));
   std::uint64_t uuids2 = archive.add(HandArchive::keyed(setClass, {{"NS.objects", HandArchive::uids({uuid3})}}));
-  std::uint64_t date2 = archive.add(HandArchive::keyed(dateClass, {{"NS.time", plist_new_real(631152000.5)}}));
+  std::uint64_t date2 = archive.add(HandArchive::keyed(dateClass, {{"NS.time", plist_new_real(secondDate)}}));
   archive.replace(record2, HandArchive::keyed(recordClassUID, {{"uuids", plist_new_uid(uuids2)},
                                                                {"uploadDate", plist_new_uid(date2)}}));
   archive.replace(root, HandArchive::keyed(setClass, {{"NS.objects", HandArchive::uids({record1, record2})}}));
@@ -237,6 +239,10 @@ TEST(UploadRecordArchive, AnythingButAWholeRecordSetIsNoStore) {
 
   // Records of a class nobody registered.
   EXPECT_FALSE(unarchiveUploadRecords(legacyStore("SomeOtherRecord")));
+
+  // Dates no clock can hold.
+  for (double date : {double(INFINITY), -double(INFINITY), double(NAN), 1e300, -1e300})
+    EXPECT_FALSE(unarchiveUploadRecords(legacyStore("SYLUploadRecord", date))) << date;
 
   // A well-formed plist that is not a keyed archive, and archives whose graph
   // does not fit: another archiver, a root that is a record rather than a
