@@ -42,12 +42,12 @@ bool AbbreviationTable::parseFrom(ByteReader& reader) {
       std::uint64_t formCode = reader.uleb();
       if (!reader.ok()) return false;
       if (attribute == 0 && formCode == 0) break;
-      AttributeSpec spec;
-      spec.attribute = static_cast<std::uint32_t>(std::min<std::uint64_t>(attribute, 0xffffffffu));
-      spec.form = static_cast<std::uint32_t>(std::min<std::uint64_t>(formCode, 0xffffffffu));
-      if (formCode == form::kImplicitConst) spec.implicitConst = reader.sleb();
+      AttributeSpec attr;
+      attr.attribute = static_cast<std::uint32_t>(std::min<std::uint64_t>(attribute, 0xffffffffu));
+      attr.form = static_cast<std::uint32_t>(std::min<std::uint64_t>(formCode, 0xffffffffu));
+      if (formCode == form::kImplicitConst) attr.implicitConst = reader.sleb();
       if (++abbreviation.attributeCount > kMaxAttributesPerAbbreviation) return false;
-      attributes_.push_back(spec);
+      attributes_.push_back(attr);
     }
     if (abbreviation.code != abbreviations_.size() + 1) sequential_ = false;
     abbreviations_.push_back(abbreviation);

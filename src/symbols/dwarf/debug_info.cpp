@@ -35,7 +35,7 @@ constexpr std::uint8_t kUnitSkeleton = 4;
 constexpr std::uint8_t kUnitSplitCompile = 5;
 constexpr std::uint8_t kUnitSplitType = 6;
 
-// DIEs visited when following specification / abstract-origin references;
+// DIEs visited when following DW_AT_specification / DW_AT_abstract_origin references;
 // real chains are two or three long, so this only stops cycles.
 constexpr std::size_t kMaxNameHops = 16;
 
@@ -126,10 +126,10 @@ void DebugInfo::readUnitDie(UnitInfo& unit) {
   // Strings and addresses may be indexed through bases that come later in
   // the same DIE, so they are resolved after the whole DIE is read.
   std::optional<FormValue> compDir, lowPc;
-  for (const AttributeSpec& spec : unit.abbreviations->attributes(*abbreviation)) {
+  for (const AttributeSpec& attr : unit.abbreviations->attributes(*abbreviation)) {
     FormValue value;
-    if (!readFormValue(reader, spec.form, spec.implicitConst, unit.context, value)) return;
-    switch (spec.attribute) {
+    if (!readFormValue(reader, attr.form, attr.implicitConst, unit.context, value)) return;
+    switch (attr.attribute) {
       case kAtCompDir: compDir = value; break;
       case kAtLowPc: lowPc = value; break;
       case kAtStmtList:
@@ -170,16 +170,16 @@ std::vector<FunctionRange> DebugInfo::functionRanges() const {
       const bool subprogram = abbreviation->tag == kTagSubprogram;
       std::optional<FormValue> low, high, rangesValue;
       bool readable = true;
-      for (const AttributeSpec& spec : unit.abbreviations->attributes(*abbreviation)) {
+      for (const AttributeSpec& attr : unit.abbreviations->attributes(*abbreviation)) {
         FormValue value;
-        if (!readFormValue(reader, spec.form, spec.implicitConst, unit.context, value)) {
+        if (!readFormValue(reader, attr.form, attr.implicitConst, unit.context, value)) {
           readable = false;
           break;
         }
         if (!subprogram) continue;
-        if (spec.attribute == kAtLowPc) low = value;
-        else if (spec.attribute == kAtHighPc) high = value;
-        else if (spec.attribute == kAtRanges) rangesValue = value;
+        if (attr.attribute == kAtLowPc) low = value;
+        else if (attr.attribute == kAtHighPc) high = value;
+        else if (attr.attribute == kAtRanges) rangesValue = value;
       }
       if (!readable) break;
       if (!subprogram) continue;
@@ -225,11 +225,11 @@ FunctionNames DebugInfo::namesOf(std::uint64_t dieOffset) const {
     const Abbreviation* abbreviation = unit->abbreviations->find(reader.uleb());
     if (!reader.ok() || !abbreviation) continue;
     std::optional<std::string_view> linkage, mipsLinkage, name;
-    for (const AttributeSpec& spec : unit->abbreviations->attributes(*abbreviation)) {
+    for (const AttributeSpec& attr : unit->abbreviations->attributes(*abbreviation)) {
       FormValue value;
-      if (!readFormValue(reader, spec.form, spec.implicitConst, unit->context, value)) break;
+      if (!readFormValue(reader, attr.form, attr.implicitConst, unit->context, value)) break;
       std::string_view text;
-      switch (spec.attribute) {
+      switch (attr.attribute) {
         case kAtLinkageName:
           if (resolveString(value, sections_, unit->context, unit->bases, text)) linkage = text;
           break;

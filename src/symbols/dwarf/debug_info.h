@@ -54,8 +54,8 @@ class DebugInfo {
   std::vector<FunctionRange> functionRanges() const;
 
   // The linkage name and the name of the subprogram at dieOffset, each
-  // looked up on the DIE first and then along its specification and
-  // abstract-origin references (a bounded number of hops).
+  // looked up on the DIE first and then along its DW_AT_specification and
+  // DW_AT_abstract_origin references (a bounded number of hops).
   FunctionNames namesOf(std::uint64_t dieOffset) const;
 
  private:
