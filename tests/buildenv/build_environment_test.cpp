@@ -5,31 +5,16 @@
 #include <filesystem>
 #include <regex>
 
-#include "captured_output.h"
+#include "support/captured_output.h"
 #include "cli/console_log.h"
 
 namespace symlift::buildenv {
 namespace {
 
 using symlift::testing::CapturedOutput;
+using symlift::testing::consoleOutput;
 using symlift::testing::TempDir;
 using Paths = std::vector<std::string>;
-
-// Standard output of body, with the console at level and colour off.
-template <typename Body>
-std::string consoleOutput(std::uint64_t level, Body&& body) {
-  auto& log = cli::SYLLogging::sharedInstance();
-  auto savedLevel = log.logLevel();
-  auto savedColors = log.colorsEnabled();
-  log.setLogLevel(level);
-  log.setColorsEnabled(false);
-  CapturedOutput out(STDOUT_FILENO);
-  body();
-  std::string text = out.take();
-  log.setLogLevel(savedLevel);
-  log.setColorsEnabled(savedColors);
-  return text;
-}
 
 TEST(BuildPlatformName, TableIgnoringCase) {
   const std::pair<const char*, const char*> table[] = {

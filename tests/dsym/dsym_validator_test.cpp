@@ -4,14 +4,12 @@
 
 #include <gtest/gtest.h>
 
-#include <unistd.h>
 
 #include <filesystem>
 #include <string>
 #include <vector>
 
-#include "buildenv/captured_output.h"
-#include "cli/console_log.h"
+#include "support/captured_output.h"
 #include "dsym/dsym_validator.h"
 #include "support/test_support.h"
 #include "symbols/fake_symbolication_provider.h"
@@ -21,7 +19,7 @@ namespace symlift::dsym {
 namespace {
 
 namespace fs = std::filesystem;
-using symlift::testing::CapturedOutput;
+using symlift::testing::consoleOutput;
 using symlift::testing::corpusDir;
 using symlift::testing::fixturesDir;
 using symlift::testing::TempDir;
@@ -47,12 +45,7 @@ std::string hiddenWarning(const std::string& path) {
 
 // The console output of validating paths, without colours.
 std::string validated(const std::vector<std::string>& paths) {
-  cli::SYLLogging::sharedInstance().setColorsEnabled(false);
-  CapturedOutput out(STDOUT_FILENO);
-  DSYMValidator::validateDSYMs(paths);
-  std::string text = out.take();
-  cli::SYLLogging::sharedInstance().setColorsEnabled(true);
-  return text;
+  return consoleOutput(cli::SYLLogging::sharedInstance().logLevel(), [&] { DSYMValidator::validateDSYMs(paths); });
 }
 
 // A bundle named name in folder whose DWARF file is a copy of source; with no

@@ -65,12 +65,6 @@ void giveNewUUIDs(const fs::path& file, const std::set<std::string>& uuids) {
   std::ofstream(file, std::ios::binary | std::ios::trunc) << contents;
 }
 
-std::size_t count(const std::string& text, const std::string& part) {
-  std::size_t n = 0;
-  for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
-  return n;
-}
-
 class BuildPhaseUploadTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -179,7 +173,7 @@ TEST_F(BuildPhaseUploadTest, InXcodeAnExecutableIsUploadedOnceUntilItIsRebuilt) 
   // First build: both slices go up, then the executable is recorded.
   RunResult first = runInXcode({"-bp"});
   EXPECT_EQ(first.status, 0) << first.out;
-  EXPECT_EQ(count(first.out, "Successfully submitted symbols for architecture "), 2u) << first.out;
+  EXPECT_EQ(countOccurrences(first.out, "Successfully submitted symbols for architecture "), 2u) << first.out;
   EXPECT_TRUE(first.out.ends_with(kPlain.success("Successfully uploaded Vantrel build event and symbols")))
       << first.out;
   std::vector<std::string> uploaded = uploadedUUIDs();
@@ -275,7 +269,7 @@ class ValidatorOrderTest : public BuildPhaseUploadTest {
 
     RunResult build = runOnCI({"-bp", "--", folder.string()});
     EXPECT_EQ(build.status, 0) << build.out;
-    EXPECT_EQ(count(build.out, warning(kPlain, bundle)), 1u) << build.out;
+    EXPECT_EQ(countOccurrences(build.out, warning(kPlain, bundle)), 1u) << build.out;
     const auto warnedInBuild = build.out.find(warning(kPlain, bundle));
     EXPECT_GT(warnedInBuild, build.out.find("Processing dSYMs...")) << build.out;
     for (const std::string& line : processed) {
@@ -285,7 +279,7 @@ class ValidatorOrderTest : public BuildPhaseUploadTest {
 
     RunResult byHand = runOnCI({"-ai", kApp, "-p", "ios", "--", folder.string()});
     EXPECT_EQ(byHand.status, 0) << byHand.out;
-    EXPECT_EQ(count(byHand.out, warning(kColour, bundle)), 1u) << byHand.out;
+    EXPECT_EQ(countOccurrences(byHand.out, warning(kColour, bundle)), 1u) << byHand.out;
     const auto warnedByHand = byHand.out.find(warning(kColour, bundle));
     for (const std::string& line : processed) {
       ASSERT_NE(byHand.out.find(line), std::string::npos) << line << " missing in " << byHand.out;

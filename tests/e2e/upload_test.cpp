@@ -28,12 +28,6 @@ std::vector<std::string> filesIn(const fs::path& dir) {
   return names;
 }
 
-std::size_t count(const std::string& text, const std::string& part) {
-  std::size_t n = 0;
-  for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
-  return n;
-}
-
 class UploadTest : public ::testing::Test {
  protected:
   // symlift with only PATH, its own TMPDIR and the endpoint of the service.
@@ -109,7 +103,7 @@ TEST_F(UploadTest, FatDSYMUploadsExactlyWhatAConvertOnlyRunWrites) {
     EXPECT_NE(upload.out.find(" with UUID " + uuid + " in dSYM: " + dsym + "/Contents/Resources/DWARF/FatApp\n"),
               std::string::npos)
         << upload.out;
-  EXPECT_EQ(count(upload.out, "Successfully submitted symbols for architecture "), 2u) << upload.out;
+  EXPECT_EQ(countOccurrences(upload.out, "Successfully submitted symbols for architecture "), 2u) << upload.out;
   EXPECT_TRUE(upload.out.ends_with(kColour.uploaded())) << upload.out;
   EXPECT_EQ(service.loggedHeaderValues("X-Vantrel-Retries"), (std::vector<std::string>{"0/10", "0/10"}));
   EXPECT_EQ(filesIn(tmp_.path()), std::vector<std::string>{});
@@ -128,9 +122,9 @@ TEST_F(UploadTest, FoldersAreSearchedDeeply) {
   RunResult result = run({"-ai", kApp, "-p", "ios", "products", "readme-only", "empty"}, service.baseURL());
   EXPECT_EQ(result.status, 0) << result.out;
   EXPECT_EQ(storedCSYMs(service).size(), 3u);  // one thin and one fat dSYM
-  EXPECT_EQ(count(result.out, "Successfully submitted symbols"), 3u) << result.out;
+  EXPECT_EQ(countOccurrences(result.out, "Successfully submitted symbols"), 3u) << result.out;
   // Neither readme is mentioned; only the empty folder is reported.
-  EXPECT_EQ(count(result.out, "warning: "), 1u) << result.out;
+  EXPECT_EQ(countOccurrences(result.out, "warning: "), 1u) << result.out;
   EXPECT_NE(result.out.find(kColour.warning("No dSYMs found in empty")), std::string::npos) << result.out;
 }
 
@@ -166,7 +160,7 @@ TEST_F(UploadTest, ZipArchivesAreUnpackedSearchedAndRemoved) {
   RunResult broken = run({"-ai", kApp, "-p", "ios", "--", "Broken.zip"}, service.baseURL());
   EXPECT_EQ(broken.status, 11) << broken.out;
   EXPECT_TRUE(broken.out.starts_with("\x1b[31merror: Failed to unzip archive at Broken.zip")) << broken.out;
-  EXPECT_EQ(count(broken.out, "error: "), 1u) << broken.out;
+  EXPECT_EQ(countOccurrences(broken.out, "error: "), 1u) << broken.out;
 
   // Without unzip on the PATH nothing can be unpacked.
   RunResult noUnzip = run({"-ai", kApp, "-p", "ios", "--", "Symbols.zip"}, service.baseURL(), {{"PATH", "/nonexistent"}});

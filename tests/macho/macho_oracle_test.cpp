@@ -27,31 +27,12 @@ namespace fs = std::filesystem;
 using symlift::testing::corpusDir;
 using symlift::testing::fixturesDir;
 using symlift::testing::haveProgram;
+using symlift::testing::machOFilesUnder;
 using symlift::testing::runProgram;
 
 constexpr const char* kDwarfdump = "llvm-dwarfdump-14";
 
 using Slices = std::vector<std::pair<std::string, std::string>>;  // (architecture, uuid)
-
-bool looksLikeMachO(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  unsigned char magic[4] = {};
-  if (!in.read(reinterpret_cast<char*>(magic), 4)) return false;
-  std::uint32_t be = (magic[0] << 24) | (magic[1] << 16) | (magic[2] << 8) | magic[3];
-  return be == 0xCAFEBABE || be == 0xFEEDFACE || be == 0xFEEDFACF || be == 0xCEFAEDFE || be == 0xCFFAEDFE;
-}
-
-std::vector<fs::path> machOFilesUnder(const fs::path& root) {
-  std::vector<fs::path> files;
-  std::error_code ec;
-  for (auto it = fs::recursive_directory_iterator(root, ec); it != fs::recursive_directory_iterator();
-       it.increment(ec)) {
-    if (ec) break;
-    if (it->is_regular_file(ec) && !it->is_symlink(ec) && looksLikeMachO(it->path())) files.push_back(it->path());
-  }
-  std::sort(files.begin(), files.end());
-  return files;
-}
 
 // llvm-dwarfdump prints "UUID: 8-4-4-4-12 upper case (arch) path" per slice.
 std::string programPath(const std::string& name) {

@@ -5,7 +5,7 @@
 
 #include <regex>
 
-#include "buildenv/captured_output.h"
+#include "support/captured_output.h"
 #include "support/test_support.h"
 
 namespace symlift::network {

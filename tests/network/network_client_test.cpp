@@ -8,7 +8,7 @@
 #include <deque>
 #include <mutex>
 
-#include "cli/console_log.h"
+#include "support/captured_output.h"
 #include "network/network_response_handler.h"
 #include "network/url_error.h"
 
@@ -146,16 +146,7 @@ TEST(NetworkClientTest, RecoversAfterRetryableFailures) {
   URLRequest request("https://symbols.vantrel.example/v1/up");
   request.setValueForHTTPHeaderField("7/7", "x-vantrel-retries");  // replaced, whatever its spelling
   request.addValueForHTTPHeaderField("symlift/1", "User-Agent");
-  auto& log = cli::SYLLogging::sharedInstance();
-  auto level = log.logLevel();
-  bool colors = log.colorsEnabled();
-  log.setLogLevel(cli::kLogLevelDebug);
-  log.setColorsEnabled(false);
-  ::testing::internal::CaptureStdout();
-  f.send(10, request);
-  std::string output = ::testing::internal::GetCapturedStdout();
-  log.setLogLevel(level);
-  log.setColorsEnabled(colors);
+  std::string output = symlift::testing::consoleOutput(cli::kLogLevelDebug, [&] { f.send(10, request); });
   EXPECT_NE(output.find("Retrying symbol upload with number of retries: 1/10\n"), std::string::npos) << output;
   EXPECT_NE(output.find("Retrying symbol upload with number of retries: 2/10\n"), std::string::npos) << output;
   EXPECT_EQ(output.find("3/10"), std::string::npos) << output;

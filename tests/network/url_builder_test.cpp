@@ -3,17 +3,12 @@
 #include <gtest/gtest.h>
 
 #include "cli/console_log.h"
+#include "support/test_support.h"
 
 namespace symlift::network {
 namespace {
 
 constexpr const char* kEmptyComponentLine = "URLBuilder parameter component must not be empty";
-
-std::size_t occurrences(const std::string& text, const std::string& what) {
-  std::size_t count = 0;
-  for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++count;
-  return count;
-}
 
 TEST(URLBuilderTest, NumbersParametersAndEscapesValues) {
   auto builder = SUPURLBuilder::URLWithBase("https://api.vantrel.example/v1/apps");
@@ -54,7 +49,7 @@ TEST(URLBuilderTest, EmptyComponentsAreRefusedWithOneErrorLineEach) {
   SUPURLBuilder builder = SUPURLBuilder::URLWithBase("");
   std::string output = ::testing::internal::GetCapturedStdout();
   EXPECT_EQ(builder.URLString(), "");
-  EXPECT_EQ(occurrences(output, kEmptyComponentLine), 1u);
+  EXPECT_EQ(symlift::testing::countOccurrences(output, kEmptyComponentLine), 1u);
   EXPECT_NE(output.find("error: "), std::string::npos);
 
   builder.setURLString("https://x.example/");
@@ -63,13 +58,13 @@ TEST(URLBuilderTest, EmptyComponentsAreRefusedWithOneErrorLineEach) {
   output = ::testing::internal::GetCapturedStdout();
   EXPECT_EQ(builder.URLString(), "https://x.example/?empty=");
   EXPECT_EQ(builder.queryParams(), 1u);
-  EXPECT_EQ(occurrences(output, kEmptyComponentLine), 1u);
+  EXPECT_EQ(symlift::testing::countOccurrences(output, kEmptyComponentLine), 1u);
 
   ::testing::internal::CaptureStdout();
   builder.appendValueForQueryParam("v", "");
   output = ::testing::internal::GetCapturedStdout();
   EXPECT_EQ(builder.URLString(), "https://x.example/?empty=&=v");
-  EXPECT_EQ(occurrences(output, kEmptyComponentLine), 1u);
+  EXPECT_EQ(symlift::testing::countOccurrences(output, kEmptyComponentLine), 1u);
 }
 
 TEST(URLBuilderTest, URLIsNothingForUnparsableText) {

@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "buildenv/captured_output.h"
+#include "support/captured_output.h"
 #include "cli/console_log.h"
 #include "network/fake_service_process.h"
 #include "network/network_client.h"

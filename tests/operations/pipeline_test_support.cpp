@@ -6,18 +6,6 @@
 
 namespace symlift::testing {
 
-ScopedTemporaryDirectory::ScopedTemporaryDirectory() {
-  if (const char* value = std::getenv("TMPDIR")) saved_ = value;
-  ::setenv("TMPDIR", dir_.str().c_str(), 1);
-}
-
-ScopedTemporaryDirectory::~ScopedTemporaryDirectory() {
-  if (saved_)
-    ::setenv("TMPDIR", saved_->c_str(), 1);
-  else
-    ::unsetenv("TMPDIR");
-}
-
 std::vector<std::string> ScopedTemporaryDirectory::fileNames() const {
   std::vector<std::string> names;
   for (const auto& entry : std::filesystem::directory_iterator(dir_.path()))

@@ -12,6 +12,7 @@
 
 #include "dsym/code_mapping.h"
 #include "dsym/code_mapping_info_container.h"
+#include "support/scoped_environment.h"
 #include "support/test_support.h"
 
 namespace symlift::testing {
@@ -19,8 +20,6 @@ namespace symlift::testing {
 // Points TMPDIR at a fresh folder for the object's lifetime.
 class ScopedTemporaryDirectory {
  public:
-  ScopedTemporaryDirectory();
-  ~ScopedTemporaryDirectory();
   const std::filesystem::path& path() const { return dir_.path(); }
   // The names of the regular files in it, sorted (helpers of the test may
   // keep folders there).
@@ -28,7 +27,7 @@ class ScopedTemporaryDirectory {
 
  private:
   TempDir dir_;
-  std::optional<std::string> saved_;
+  ScopedEnvironment tmpdir_{"TMPDIR", dir_.str()};
 };
 
 // A container for the DWARF file of a bundle, as path expansion makes it.

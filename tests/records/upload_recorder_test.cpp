@@ -12,11 +12,11 @@
 #include <fstream>
 #include <string>
 
-#include "buildenv/captured_output.h"
+#include "support/captured_output.h"
 #include "cli/console_log.h"
 #include "macho/macho_binary.h"
 #include "records/record_upload.h"
-#include "records/scoped_environment.h"
+#include "support/scoped_environment.h"
 #include "records/upload_record_archive.h"
 #include "records/upload_recorder.h"
 #include "support/test_support.h"
@@ -27,7 +27,7 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using macho::SUPMachOBinary;
-using symlift::testing::CapturedOutput;
+using symlift::testing::consoleOutput;
 using symlift::testing::fixturesDir;
 using symlift::testing::ScopedEnvironment;
 using symlift::testing::TempDir;
@@ -185,16 +185,12 @@ TEST_F(UploadRecorderTest, StaleTemporaryFilesOfACrashedWriterAreRemoved) {
 }
 
 TEST_F(UploadRecorderTest, UnwritableCachesFolderIsReportedAndNothingIsRecorded) {
-  cli::SYLLogging::sharedInstance().setColorsEnabled(false);
-  cli::SYLLogging::sharedInstance().setLogLevel(cli::kLogLevelDebug);
   std::ofstream(caches_.path() / "file") << "a file where a folder should be";
   ScopedEnvironment blocked("XDG_CACHE_HOME", (caches_.path() / "file").string());
-  CapturedOutput out(STDOUT_FILENO);
-  EXPECT_FALSE(recorder_->recordSuccessfulUploadBinary(fatApp()));
-  EXPECT_FALSE(recorder_->isAlreadyUploadedBinary(fatApp()));
-  std::string text = out.take();
-  cli::SYLLogging::sharedInstance().setLogLevel(cli::kLogLevelInfo);
-  cli::SYLLogging::sharedInstance().setColorsEnabled(true);
+  std::string text = consoleOutput(cli::kLogLevelDebug, [&] {
+    EXPECT_FALSE(recorder_->recordSuccessfulUploadBinary(fatApp()));
+    EXPECT_FALSE(recorder_->isAlreadyUploadedBinary(fatApp()));
+  });
   EXPECT_NE(text.find("error: Unable to write directory for cache: "), std::string::npos) << text;
   EXPECT_NE(text.find("Create directory error: "), std::string::npos) << text;
 }

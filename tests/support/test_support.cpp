@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
@@ -117,6 +118,32 @@ RunResult runSymlift(const std::vector<std::string>& arguments, const RunOptions
   std::vector<std::string> argv{symliftBinary()};
   argv.insert(argv.end(), arguments.begin(), arguments.end());
   return runProgram(argv, options);
+}
+
+std::size_t countOccurrences(const std::string& text, const std::string& part) {
+  std::size_t n = 0;
+  for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+  return n;
+}
+
+static bool isMachO(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  unsigned char magic[4] = {};
+  if (!in.read(reinterpret_cast<char*>(magic), 4)) return false;
+  std::uint32_t be = (std::uint32_t{magic[0]} << 24) | (magic[1] << 16) | (magic[2] << 8) | magic[3];
+  return be == 0xcafebabe || be == 0xcefaedfe || be == 0xcffaedfe || be == 0xfeedface || be == 0xfeedfacf;
+}
+
+std::vector<fs::path> machOFilesUnder(const fs::path& root) {
+  std::vector<fs::path> files;
+  std::error_code error;
+  if (!fs::is_directory(root, error)) return files;
+  for (auto it = fs::recursive_directory_iterator(root, error); !error && it != fs::recursive_directory_iterator();
+       it.increment(error)) {
+    if (it->is_regular_file(error) && !it->is_symlink(error) && isMachO(it->path())) files.push_back(it->path());
+  }
+  std::sort(files.begin(), files.end());
+  return files;
 }
 
 fs::path fixturesDir() { return SYMLIFT_FIXTURES_DIR; }

@@ -59,4 +59,11 @@ bool haveProgram(const std::string& name);
 
 std::string readFile(const std::filesystem::path& path);
 
+// How many times part occurs in text (overlapping occurrences count).
+std::size_t countOccurrences(const std::string& text, const std::string& part);
+
+// The regular files below root (symbolic links not followed) that start with
+// a thin or fat Mach-O magic, sorted; nothing when root is not a folder.
+std::vector<std::filesystem::path> machOFilesUnder(const std::filesystem::path& root);
+
 }  // namespace symlift::testing

@@ -10,6 +10,7 @@
 #include <set>
 #include <sstream>
 
+#include "support/scoped_environment.h"
 #include "support/test_support.h"
 #include "symbols/csym_generator.h"
 #include "symbols/symbol_processor.h"
@@ -96,24 +97,6 @@ std::optional<std::int64_t> number(const std::string& text) {
   return ::testing::AssertionSuccess();
 }
 
-// Sets TMPDIR for one test.
-class ScopedTemporaryDirectory {
- public:
-  explicit ScopedTemporaryDirectory(const std::string& path) {
-    if (const char* old = getenv("TMPDIR")) saved_ = old;
-    setenv("TMPDIR", path.c_str(), 1);
-  }
-  ~ScopedTemporaryDirectory() {
-    if (saved_)
-      setenv("TMPDIR", saved_->c_str(), 1);
-    else
-      unsetenv("TMPDIR");
-  }
-
- private:
-  std::optional<std::string> saved_;
-};
-
 void run(const std::vector<std::string>& argv, const RunOptions& options = {}) {
   RunResult result = runProgram(argv, options);
   ASSERT_EQ(result.status, 0) << argv[0] << " failed: " << result.err;
@@ -191,7 +174,7 @@ TEST(RealDSYMTest, GeneratorOnAFatDSYMBuiltWithTheLLVMToolchain) {
   EXPECT_FALSE(SUPSymbolProcessor::checkForHiddenSymbolsAtPath(dir + "/app.dSYM"));
 
   TempDir output;
-  ScopedTemporaryDirectory tmp(output.str());
+  ScopedEnvironment tmp("TMPDIR", output.str());
   std::map<std::string, std::string> written = CSYMGenerator::generateCSYMsFromDSYMAtPath(dwarfFile, 0.0f);
   ASSERT_EQ(written.size(), 2u);
 

@@ -30,6 +30,7 @@ namespace fs = std::filesystem;
 using symlift::testing::corpusDir;
 using symlift::testing::fixturesDir;
 using symlift::testing::haveProgram;
+using symlift::testing::machOFilesUnder;
 using symlift::testing::runProgram;
 using symlift::testing::TempDir;
 
@@ -55,26 +56,6 @@ struct Symbol {
   std::uint64_t address, length;
   std::vector<Record> records;
 };
-
-bool isMachO(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  unsigned char magic[4] = {};
-  if (!in.read(reinterpret_cast<char*>(magic), 4)) return false;
-  std::uint32_t be = (std::uint32_t{magic[0]} << 24) | (magic[1] << 16) | (magic[2] << 8) | magic[3];
-  return be == 0xcafebabe || be == 0xcefaedfe || be == 0xcffaedfe || be == 0xfeedface || be == 0xfeedfacf;
-}
-
-std::vector<fs::path> machOFilesUnder(const fs::path& root) {
-  std::vector<fs::path> files;
-  std::error_code error;
-  if (!fs::is_directory(root, error)) return files;
-  for (auto it = fs::recursive_directory_iterator(root, error); !error && it != fs::recursive_directory_iterator();
-       it.increment(error)) {
-    if (it->is_regular_file(error) && !it->is_symlink(error) && isMachO(it->path())) files.push_back(it->path());
-  }
-  std::sort(files.begin(), files.end());
-  return files;
-}
 
 Answer ourAnswer(const std::vector<Symbol>& symbols, std::uint64_t address) {
   Answer answer;

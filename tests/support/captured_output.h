@@ -1,12 +1,13 @@
 #pragma once
 // Captures what is written to a file descriptor (standard output or error),
-// whether through stdio or write(2).
+// whether through stdio or write(2), and the console's output at a level.
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
 
+#include "cli/console_log.h"
 #include "support/test_support.h"
 
 namespace symlift::testing {
@@ -39,5 +40,22 @@ class CapturedOutput {
   TempDir dir_;
   std::string path_;
 };
+
+// Standard output of body, with the console at level and colour off; the
+// console's settings are restored afterwards.
+template <typename Body>
+std::string consoleOutput(std::uint64_t level, Body&& body) {
+  auto& log = cli::SYLLogging::sharedInstance();
+  auto savedLevel = log.logLevel();
+  auto savedColors = log.colorsEnabled();
+  log.setLogLevel(level);
+  log.setColorsEnabled(false);
+  CapturedOutput out(STDOUT_FILENO);
+  body();
+  std::string text = out.take();
+  log.setLogLevel(savedLevel);
+  log.setColorsEnabled(savedColors);
+  return text;
+}
 
 }  // namespace symlift::testing
