@@ -1,7 +1,6 @@
 #include "cli/app_id.h"
 
 #include <gtest/gtest.h>
-#include <plist/plist.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -24,17 +23,7 @@ const char* kXMLPlist =
     "<key>OMVARA_APP_ID</key><string> 1:1234:ios:abcd </string>\n"
     "</dict></plist>\n";
 
-std::string binaryPlistWithAppID(const char* appID) {
-  plist_t dict = plist_new_dict();
-  plist_dict_set_item(dict, "OMVARA_APP_ID", plist_new_string(appID));
-  char* bytes = nullptr;
-  uint32_t length = 0;
-  plist_to_bin(dict, &bytes, &length);
-  std::string result(bytes, length);
-  std::free(bytes);
-  plist_free(dict);
-  return result;
-}
+std::string binaryPlistWithAppID(const char* appID) { return symlift::testing::binaryPlist("OMVARA_APP_ID", appID); }
 
 class AppIDTest : public ::testing::Test {
  protected:

@@ -21,18 +21,10 @@ using symlift::testing::TempDir;
 const fs::path kFatBundle = fixturesDir() / "FatApp.dSYM";
 const fs::path kFatDWARF = kFatBundle / "Contents/Resources/DWARF/FatApp";
 
-std::string infoPlist(const std::string& entries) {
-  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-         "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
-         "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
-         "<plist version=\"1.0\"><dict>" +
-         entries + "</dict></plist>\n";
-}
-
 // A bundle in dir with the given Info entries and a copy of an edge file
 // as its DWARF file; returns the DWARF file's path.
 fs::path makeBundle(const TempDir& dir, const std::string& infoEntries, const std::string& edgeFile) {
-  dir.write("App.dSYM/Contents/Info.plist", infoPlist(infoEntries));
+  dir.write("App.dSYM/Contents/Info.plist", symlift::testing::xmlPlist(infoEntries));
   fs::path dwarf = dir.path() / "App.dSYM/Contents/Resources/DWARF/App";
   fs::create_directories(dwarf.parent_path());
   fs::copy_file(fixturesDir() / "edge" / edgeFile, dwarf);

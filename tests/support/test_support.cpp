@@ -1,6 +1,7 @@
 #include "support/test_support.h"
 
 #include <fcntl.h>
+#include <plist/plist.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -118,6 +119,24 @@ RunResult runSymlift(const std::vector<std::string>& arguments, const RunOptions
   std::vector<std::string> argv{symliftBinary()};
   argv.insert(argv.end(), arguments.begin(), arguments.end());
   return runProgram(argv, options);
+}
+
+std::string xmlPlist(const std::string& entries) {
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+         "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+         "<plist version=\"1.0\"><dict>" + entries + "</dict></plist>\n";
+}
+
+std::string binaryPlist(const std::string& key, const std::string& value) {
+  plist_t dict = plist_new_dict();
+  plist_dict_set_item(dict, key.c_str(), plist_new_string(value.c_str()));
+  char* bytes = nullptr;
+  std::uint32_t length = 0;
+  plist_to_bin(dict, &bytes, &length);
+  std::string result(bytes, length);
+  plist_to_bin_free(bytes);
+  plist_free(dict);
+  return result;
 }
 
 std::size_t countOccurrences(const std::string& text, const std::string& part) {

@@ -59,6 +59,12 @@ bool haveProgram(const std::string& name);
 
 std::string readFile(const std::filesystem::path& path);
 
+// An XML property list whose top-level dictionary holds entries (XML text
+// such as "<key>K</key><string>V</string>").
+std::string xmlPlist(const std::string& entries);
+// A binary property list of a dictionary with one string value.
+std::string binaryPlist(const std::string& key, const std::string& value);
+
 // How many times part occurs in text (overlapping occurrences count).
 std::size_t countOccurrences(const std::string& text, const std::string& part);
 

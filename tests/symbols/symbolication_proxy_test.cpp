@@ -2,7 +2,6 @@
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <plist/plist.h>
 #include <unistd.h>
 
 #include <regex>
@@ -16,25 +15,7 @@ namespace fs = std::filesystem;
 using symbols::SUPSymbolicationProxy;
 
 std::string infoPlist(const std::string& identifier) {
-  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
-         "<key>CFBundleIdentifier</key><string>" + identifier + "</string></dict></plist>\n";
-}
-
-std::string versionPlist(const std::string& version) {
-  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
-         "<key>CFBundleVersion</key><string>" + version + "</string></dict></plist>\n";
-}
-
-std::string binaryVersionPlist(const std::string& version) {
-  plist_t dict = plist_new_dict();
-  plist_dict_set_item(dict, "CFBundleVersion", plist_new_string(version.c_str()));
-  char* bytes = nullptr;
-  std::uint32_t length = 0;
-  plist_to_bin(dict, &bytes, &length);
-  std::string binary(bytes, length);
-  free(bytes);
-  plist_free(dict);
-  return binary;
+  return xmlPlist("<key>CFBundleIdentifier</key><string>" + identifier + "</string>");
 }
 
 class SymbolicationProxyTest : public ::testing::Test {
@@ -54,7 +35,9 @@ class SymbolicationProxyTest : public ::testing::Test {
   std::string addApplication(const std::string& relative, const std::string& version,
                              const std::string& identifier = "com.apple.dt.Xcode") {
     apps_.write(relative + "/Contents/Info.plist", infoPlist(identifier));
-    if (!version.empty()) apps_.write(relative + "/" + symbols::kCoreSymbolicationVersionPlist, versionPlist(version));
+    if (!version.empty())
+      apps_.write(relative + "/" + symbols::kCoreSymbolicationVersionPlist,
+                  xmlPlist("<key>CFBundleVersion</key><string>" + version + "</string>"));
     return apps_.str() + "/" + relative;
   }
 
@@ -124,7 +107,7 @@ TEST_F(SymbolicationProxyTest, ChoosesTheNewestFrameworkWithinTheCap) {
 TEST_F(SymbolicationProxyTest, EqualVersionsKeepTheFirstListedAndBinaryPlistsCount) {
   apps_.write("System/Xcode-a.app/Contents/Info.plist", infoPlist("com.apple.dt.Xcode"));
   apps_.write(std::string("System/Xcode-a.app/") + symbols::kCoreSymbolicationVersionPlist,
-              binaryVersionPlist("64570.35.1"));
+              binaryPlist("CFBundleVersion", "64570.35.1"));
   addApplication("System/Xcode-b.app", "64570.35");
   EXPECT_EQ(SUPSymbolicationProxy::xcodePathWithMaxCSVersion(0.0f), apps_.str() + "/System/Xcode-a.app");
 
