@@ -68,22 +68,25 @@ class BuildPhaseTest : public ::testing::Test {
     return lines.info("Running symlift in Build Phase mode") + lines.info("Validating build environment for Vantrel...");
   }
 
+  // The whole output of a successful "-d -val" run.
+  static std::string validatedInDebug(const Lines& lines, const std::string& appID, const std::string& platform,
+                                      const std::string& paths) {
+    return lines.version() + header(lines) + debugBlock(lines, appID, platform, paths) + lines.validated();
+  }
+
   TempDir dir_;
   std::map<std::string, std::string> environment_;
 };
 
 TEST_F(BuildPhaseTest, ValidateWithEverySpellingWithoutColour) {
   for (const char* spelling : {"-bp", "--bp", "-build-phase", "--build-phase"})
-    expectRun({spelling, "-d", "-val"}, 0,
-              kPlain.version() + header(kPlain) + debugBlock(kPlain, "1:77:ios:beef", "ios", "[\"" + dSYM() + "\"]") +
-                  kPlain.validated());
+    expectRun({spelling, "-d", "-val"}, 0, validatedInDebug(kPlain, "1:77:ios:beef", "ios", "[\"" + dSYM() + "\"]"));
 }
 
 TEST_F(BuildPhaseTest, PlatformComesFromTheEnvironmentNotTheOption) {
   environment_["PLATFORM_NAME"] = "appletvsimulator";
   expectRun({"-bp", "-p", "mac", "-d", "-val"}, 0,
-            kPlain.version() + header(kPlain) + debugBlock(kPlain, "1:77:ios:beef", "tvos", "[\"" + dSYM() + "\"]") +
-                kPlain.validated());
+            validatedInDebug(kPlain, "1:77:ios:beef", "tvos", "[\"" + dSYM() + "\"]"));
   // An unknown or missing platform is only a warning.
   for (const char* platform : {"driverkit", ""}) {
     environment_["PLATFORM_NAME"] = platform;
@@ -96,9 +99,7 @@ TEST_F(BuildPhaseTest, PlatformComesFromTheEnvironmentNotTheOption) {
 
 TEST_F(BuildPhaseTest, CommandLinePathsFollowTheDerivedOne) {
   expectRun({"-bp", "-d", "-val", "--", "extra.dSYM", "more.zip"}, 0,
-            kPlain.version() + header(kPlain) +
-                debugBlock(kPlain, "1:77:ios:beef", "ios", "[\"" + dSYM() + "\", \"extra.dSYM\", \"more.zip\"]") +
-                kPlain.validated());
+            validatedInDebug(kPlain, "1:77:ios:beef", "ios", "[\"" + dSYM() + "\", \"extra.dSYM\", \"more.zip\"]"));
 }
 
 TEST_F(BuildPhaseTest, FirstMissingVariableIsReported) {
@@ -132,9 +133,7 @@ TEST_F(BuildPhaseTest, AppIdentifierFromTheBuiltProducts) {
   expectRun({"-bp", "-val"}, 13,
             kPlain.error("Could not get OMVARA_APP_ID in Omvara Services file from build environment"));
   // -ai supersedes the build products.
-  expectRun({"-bp", "-ai", "given", "-d", "-val"}, 0,
-            kPlain.version() + header(kPlain) + debugBlock(kPlain, "given", "ios", "[\"" + dSYM() + "\"]") +
-                kPlain.validated());
+  expectRun({"-bp", "-ai", "given", "-d", "-val"}, 0, validatedInDebug(kPlain, "given", "ios", "[\"" + dSYM() + "\"]"));
 }
 
 TEST_F(BuildPhaseTest, HelpAndAPIKeyWithoutColour) {
@@ -149,9 +148,7 @@ TEST_F(BuildPhaseTest, LumoProjectTakesTheBuildPhaseRouteWithColour) {
   environment_["CONFIGURATION"] = "Release";
   const std::string paths = "[\"" + dSYM() + "\", \"" + products() + "/App.framework.dSYM\"]";
   for (const char* spelling : {"-lp", "--lp", "-lumo-project", "--lumo-project"})
-    expectRun({spelling, lumo, "-d", "-val"}, 0,
-              kColour.version() + header(kColour) + debugBlock(kColour, "1:3:ios:aa", "ios", paths) +
-                  kColour.validated());
+    expectRun({spelling, lumo, "-d", "-val"}, 0, validatedInDebug(kColour, "1:3:ios:aa", "ios", paths));
   // -ai with -lp and without -bp: still the build-phase route.
   expectRun({"-ai", "X", "-lp", lumo, "-val"}, 0, header(kColour) + kColour.validated());
   // The Lumo file's problems, each reported once.
