@@ -96,6 +96,15 @@ void SUPCompoundOperation::cancel() {
   compoundQueue_->cancelAllOperations();
   countingQueue_->sync([this] { attemptCompoundCompletion(); });
   Operation::cancel();
+  // A cancelled sub-operation that had not started finishes at once, and its
+  // check may run before the flag above was set; if that was the last one,
+  // no later check would ever come, so look once more.
+  countingQueue_->sync([this] {
+    if (isFinished()) return;
+    for (const auto& operation : operations_)
+      if (!operation->isFinished()) return;
+    attemptCompoundCompletion();
+  });
 }
 
 }  // namespace symlift::operations
