@@ -69,31 +69,10 @@ std::size_t writeBody(char* data, std::size_t size, std::size_t count, void* con
   return length;
 }
 
-std::string_view trim(std::string_view text) {
-  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-  while (!text.empty() && (text.back() == ' ' || text.back() == '\t' || text.back() == '\r' || text.back() == '\n'))
-    text.remove_suffix(1);
-  return text;
-}
-
 std::size_t writeHeaderLine(char* data, std::size_t size, std::size_t count, void* context) {
   auto* transfer = static_cast<Transfer*>(context);
   std::size_t length = size * count;
-  std::string_view line(data, length);
-  if (line.starts_with("HTTP/")) {
-    // A new response head (after a redirect or an interim response).
-    transfer->responseHeaders = HTTPHeaders();
-    return length;
-  }
-  auto colon = line.find(':');
-  if (colon == std::string_view::npos || colon == 0) return length;
-  std::string_view name = trim(line.substr(0, colon));
-  std::string_view value = trim(line.substr(colon + 1));
-  if (transfer->responseHeaders.valueForField(name))
-    transfer->responseHeaders.setValue(*transfer->responseHeaders.valueForField(name) + ", " + std::string(value),
-                                       name);
-  else
-    transfer->responseHeaders.setValue(std::string(value), name);
+  transfer->responseHeaders.takeResponseHeaderLine(std::string_view(data, length));
   return length;
 }
 

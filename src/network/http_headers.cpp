@@ -39,6 +39,28 @@ void HTTPHeaders::addValue(std::string_view value, std::string_view name) {
   fields_.emplace_back(std::string(name), std::string(value));
 }
 
+namespace {
+std::string_view trimmed(std::string_view text) {
+  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
+  while (!text.empty() && (text.back() == ' ' || text.back() == '\t' || text.back() == '\r' || text.back() == '\n'))
+    text.remove_suffix(1);
+  return text;
+}
+}  // namespace
+
+void HTTPHeaders::takeResponseHeaderLine(std::string_view line) {
+  if (line.starts_with("HTTP/")) {
+    fields_.clear();
+    return;
+  }
+  auto colon = line.find(':');
+  if (colon == std::string_view::npos || colon == 0) return;
+  std::string_view name = trimmed(line.substr(0, colon));
+  std::string value(trimmed(line.substr(colon + 1)));
+  if (auto existing = valueForField(name)) value = *existing + ", " + value;
+  setValue(std::move(value), name);
+}
+
 void HTTPHeaders::removeField(std::string_view name) {
   std::erase_if(fields_, [&](const Field& field) { return namesEqual(field.first, name); });
 }

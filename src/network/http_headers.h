@@ -22,6 +22,12 @@ class HTTPHeaders {
   void addValue(std::string_view value, std::string_view name);
   void removeField(std::string_view name);
 
+  // Takes one raw header line of a response as libcurl delivers it: a
+  // status line starts a new head (after a redirect or an interim
+  // response) and clears the table; "Name: value" is stored, a repeated
+  // field joined to the earlier value with ", "; anything else is ignored.
+  void takeResponseHeaderLine(std::string_view line);
+
   const std::vector<Field>& fields() const { return fields_; }
   bool empty() const { return fields_.empty(); }
 

@@ -20,13 +20,6 @@ void initialiseCurlOnce() {
   std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
 }
 
-std::string_view trim(std::string_view text) {
-  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-  while (!text.empty() && (text.back() == ' ' || text.back() == '\t' || text.back() == '\r' || text.back() == '\n'))
-    text.remove_suffix(1);
-  return text;
-}
-
 std::optional<std::string> hostOfURL(const std::string& url) {
   std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> parsed(curl_url(), &curl_url_cleanup);
   if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK) return std::nullopt;
@@ -94,17 +87,7 @@ struct SUPWebClientTransaction::Transfer {
   static std::size_t writeHeaderLine(char* data, std::size_t size, std::size_t count, void* context) {
     auto* transfer = static_cast<Transfer*>(context);
     std::size_t length = size * count;
-    std::string_view line(data, length);
-    if (line.starts_with("HTTP/")) {
-      transfer->headers = HTTPHeaders();
-      return length;
-    }
-    auto colon = line.find(':');
-    if (colon == std::string_view::npos || colon == 0) return length;
-    std::string_view name = trim(line.substr(0, colon));
-    std::string value(trim(line.substr(colon + 1)));
-    if (auto existing = transfer->headers.valueForField(name)) value = *existing + ", " + value;
-    transfer->headers.setValue(std::move(value), name);
+    transfer->headers.takeResponseHeaderLine(std::string_view(data, length));
     return length;
   }
 
