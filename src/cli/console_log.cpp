@@ -35,6 +35,15 @@ void SYLLogging::logWithLogLevel(std::uint64_t level, std::string_view message, 
   std::fwrite(line.data(), 1, line.size(), stdout);
 }
 
+void SYLLogging::logLastLineAndClose(std::uint64_t level, std::string_view message, std::string_view color) {
+  classLock().lock();  // deliberately never released
+  SYLLogging& shared = sharedInstance();
+  if (level < shared.logLevel()) return;
+  std::string line = formatLine(level, message, color, shared.colorsEnabled());
+  std::fwrite(line.data(), 1, line.size(), stdout);
+  std::fflush(stdout);
+}
+
 void SYLLogging::logWithLogLevel(std::uint64_t level, std::string_view message) {
   logWithLogLevel(level, message, "");
 }

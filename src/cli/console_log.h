@@ -35,6 +35,10 @@ class SYLLogging {
   // The only operation that prints.
   static void logWithLogLevel(std::uint64_t level, std::string_view message, std::string_view color);
   static void logWithLogLevel(std::uint64_t level, std::string_view message);
+  // Prints one more line and closes the log for good: any later line waits
+  // forever. For a process about to end, so that nothing said by threads
+  // still running can follow its last word.
+  static void logLastLineAndClose(std::uint64_t level, std::string_view message, std::string_view color);
 
   // Logs the formatted message as an uncoloured error and, when an underlying
   // error is given, "Underlying error: <description>" through SYLLogError.

@@ -9,6 +9,7 @@
 #include "cli/app_id.h"
 #include "cli/console_log.h"
 #include "cli/exit_status.h"
+#include "cli/interruption.h"
 #include "cli/platform_names.h"
 #include "cli/process_environment.h"
 #include "cli/processing.h"
@@ -186,6 +187,10 @@ int run(const ArgumentList& arguments) {
   return runBuildPhaseMode(arguments, *environment, std::move(settings));
 }
 
-int runMain(int argc, char** argv) { return run(ArgumentList(argc, argv)); }
+int runMain(int argc, char** argv) {
+  // Before any thread starts, so that every thread leaves the signals to one.
+  installInterruptionHandling();
+  return run(ArgumentList(argc, argv));
+}
 
 }  // namespace symlift::cli

@@ -7,6 +7,7 @@
 #include <functional>
 #include <optional>
 #include <cctype>
+#include <cstring>
 #include <filesystem>
 #include <system_error>
 
@@ -20,6 +21,7 @@
 #include "operations/delete_file_operation.h"
 #include "operations/operation_queue.h"
 #include "operations/process_dsym_operation.h"
+#include "support/cleanup_registry.h"
 #include "support/temporary_directory.h"
 
 namespace symlift::cli {
@@ -66,15 +68,57 @@ std::optional<std::vector<std::string>> deepEntries(const fs::path& folder) {
   return entries;
 }
 
-// Makes the folder and its missing parents, each readable by the user only.
-bool createPrivateDirectories(const fs::path& path) {
+// Makes the folder's missing parents and then the folder itself, each
+// readable by the user only. The folder must not exist: whatever was at its
+// name has been removed, so one that appears meanwhile is not ours to use.
+// Folders made are registered for removal should the run be interrupted.
+// On failure, failedPath and the returned errno say where and why.
+int createPrivateFolder(const fs::path& path, std::string& failedPath) {
   fs::path partial;
-  for (const auto& part : path) {
+  const fs::path parent = path.parent_path();
+  for (const auto& part : parent) {
     partial /= part;
-    if (::mkdir(partial.c_str(), 0700) != 0 && errno != EEXIST) return false;
+    support::CleanupRegistry::add(partial.string());
+    const bool made = ::mkdir(partial.c_str(), 0700) == 0;
+    const int mkdirErrno = errno;
+    if (!made) support::CleanupRegistry::remove(partial.string());
+    if (!made && mkdirErrno != EEXIST) {
+      failedPath = partial.string();
+      return mkdirErrno;
+    }
   }
+  support::CleanupRegistry::add(path.string());
+  if (::mkdir(path.c_str(), 0700) != 0) {
+    const int mkdirErrno = errno;
+    support::CleanupRegistry::remove(path.string());
+    failedPath = path.string();
+    return mkdirErrno;
+  }
+  return 0;
+}
+
+// An archive may hold symbolic links; unzip restores them as they are. A
+// link leading out of the unpack folder would let the search read, and a
+// later step write, where the archive has no business, so it is removed.
+void removeLinksLeadingOutOf(const fs::path& folder) {
   std::error_code error;
-  return fs::is_directory(path, error);
+  const fs::path root = fs::canonical(folder, error);
+  if (error) return;
+  std::vector<fs::path> links;
+  for (fs::recursive_directory_iterator it(folder, fs::directory_options::none, error), end; !error && it != end;
+       it.increment(error)) {
+    if (it->is_symlink(error)) links.push_back(it->path());
+  }
+  for (const auto& link : links) {
+    std::error_code resolveError;
+    const fs::path target = fs::weakly_canonical(link, resolveError);
+    const auto [rootEnd, targetAt] = std::mismatch(root.begin(), root.end(), target.begin(), target.end());
+    const bool inside = !resolveError && rootEnd == root.end() && targetAt != target.end();
+    if (inside) continue;
+    std::error_code removeError;
+    fs::remove(link, removeError);
+    SYLLogWarning("Removed symbolic link leading out of the archive: {}", link.string());
+  }
 }
 
 bool isSystemLibraryDSYM(const dsym::SUPDSYMFile& file) {
@@ -191,8 +235,17 @@ std::string unpackFolderForArchive(const std::string& archivePath) {
 
 void processArchive(const std::string& path, const SYLUploadSettings& settings) {
   const std::string folder = unpackFolderForArchive(path);
-  if (!createPrivateDirectories(folder)) {
+  // An unpack folder left by an earlier run (or anything else at its name,
+  // a link included: remove_all does not follow it) makes way for a new one.
+  std::error_code error;
+  if (fs::exists(fs::symlink_status(folder, error))) {
+    fs::remove_all(folder, error);
+    if (error) SYLLogWarning("Failed to remove {}", folder);
+  }
+  std::string failedPath;
+  if (const int reason = createPrivateFolder(folder, failedPath); reason != 0) {
     SYLLogError("Failed to create directory {}", folder);
+    SYLLogError("Could not create {}: {}", failedPath, std::strerror(reason));
     exitRun(kExitUnpackFolderNotCreatable);
   }
 
@@ -205,12 +258,8 @@ void processArchive(const std::string& path, const SYLUploadSettings& settings) 
     exitRun(kExitNoUnzip);
   }
 
-  // unzip makes the folder again; what matters above is that its parents exist.
-  std::error_code error;
-  if (fs::exists(folder, error)) {
-    fs::remove_all(folder, error);
-    if (error) SYLLogWarning("Failed to remove {}", folder);
-  }
+  // unzip fills the fresh private folder made above (it would make a folder
+  // of its own with the default mode, readable by everyone).
   if (!settings.convertOnly) registerTemporaryFolder(folder);
 
   std::int32_t status = -1;
@@ -221,6 +270,7 @@ void processArchive(const std::string& path, const SYLUploadSettings& settings) 
         standardError = err;
         status = exitStatus;
       });
+  removeLinksLeadingOutOf(folder);
   if (!launched || status != 0) {
     const std::string detail = buildenv::SUPTask::isValidUTF8(standardError) ? ": " + standardError : "";
     SYLLogError("Failed to unzip archive at {}{}", path, detail);

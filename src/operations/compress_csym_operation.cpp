@@ -5,6 +5,8 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 
@@ -12,11 +14,13 @@
 #include "cli/console_log.h"
 #include "operations/delete_file_operation.h"
 #include "operations/pipeline_errors.h"
+#include "support/cleanup_registry.h"
 #include "symbols/csym_generator.h"
 
 namespace symlift::operations {
 
 using cli::SYLLogDebug;
+using cli::SYLLogError;
 
 namespace {
 
@@ -31,8 +35,14 @@ std::optional<std::vector<std::uint8_t>> readWholeFile(const std::string& path) 
 // The temporary directory is shared with other users on many systems: never
 // follow a link someone placed at our name, never reuse an existing file.
 gzFile openNewGzipFile(const std::string& path) {
+  support::CleanupRegistry::add(path);  // before it exists: an interrupted run removes it
   int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-  if (fd < 0) return nullptr;
+  if (fd < 0) {
+    const int savedErrno = errno;
+    support::CleanupRegistry::remove(path);
+    errno = savedErrno;
+    return nullptr;
+  }
   gzFile file = gzdopen(fd, "w");
   if (!file) ::close(fd);
   return file;
@@ -90,9 +100,11 @@ bool SUPCompressCSYMOperation::gzipCSYMAtPath(const std::string& path, const std
   bool writeFailed = false;
   // An unreadable source is written as an empty stream, not as a failure.
   std::vector<std::uint8_t> source = readWholeFile(path).value_or(std::vector<std::uint8_t>{});
+  int writeErrno = 0;
   if (!file) {
     // Nothing to write into: as short a write as there can be.
     writeFailed = true;
+    writeErrno = errno;
   } else {
     // gzwrite takes an unsigned count; write large files in pieces.
     constexpr std::size_t kMaxWrite = 1u << 30;
@@ -100,12 +112,20 @@ bool SUPCompressCSYMOperation::gzipCSYMAtPath(const std::string& path, const std
       const auto length = static_cast<unsigned>(std::min(kMaxWrite, source.size() - offset));
       if (gzwrite(file, source.data() + offset, length) != static_cast<int>(length)) {
         writeFailed = true;
+        writeErrno = errno;
         break;
       }
       offset += length;
     }
-    if (gzclose(file) != Z_OK) writeFailed = true;
+    errno = 0;
+    if (gzclose(file) != Z_OK && !writeFailed) {
+      writeFailed = true;
+      writeErrno = errno;
+    }
   }
+  if (writeFailed)
+    SYLLogError("Could not write compressed cSYM file {}: {}", location,
+                writeErrno ? std::strerror(writeErrno) : "write failed");
 
   if (codeMappingInfo_ && codeMappingInfo_->convertOnly()) {
     SYLLogDebug("Skipping deletion of cSYM at path {}", path);

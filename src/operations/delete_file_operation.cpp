@@ -4,6 +4,7 @@
 #include <system_error>
 
 #include "cli/console_log.h"
+#include "support/cleanup_registry.h"
 
 namespace symlift::operations {
 
@@ -20,6 +21,7 @@ void SUPDeleteFileOperation::deleteFile() {
   }
   std::filesystem::remove_all(path_, error);
   if (!error) {
+    support::CleanupRegistry::remove(path_);
     SYLLogDebug("Deleted file at path {}", path_);
   } else {
     SYLLogWarning("Unable to remove file at {} due to error {}", path_, error.message());

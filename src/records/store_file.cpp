@@ -74,7 +74,7 @@ bool replaceFileAtomically(const std::string& path, std::string_view bytes, std:
     temporary = (folder / fmt::format("{}{}-{}{}", temporaryPrefix(target), ::getpid(), counter.fetch_add(1),
                                       kTemporarySuffix))
                     .string();
-    fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0 && errno != EEXIST) break;
   }
   if (fd < 0) {

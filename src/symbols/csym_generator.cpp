@@ -6,7 +6,10 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 
+#include "cli/console_log.h"
+#include "support/cleanup_registry.h"
 #include "support/system_log.h"
 #include "support/temporary_directory.h"
 #include "symbols/symbol_processor.h"
@@ -42,12 +45,32 @@ std::string SUPCSYMGeneratorUtilities::csymPathForArchitecture(const std::string
 bool CSYMGenerator::writeFileAtomically(const std::string& path, const std::string& bytes) {
   static std::atomic<unsigned> counter{0};
   std::string partial = path + ".partial." + std::to_string(getpid()) + "." + std::to_string(counter++);
-  int fd = ::open(partial.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-  if (fd < 0) return false;
+  // Private to the user, never through a link planted at the name, never an
+  // existing file; registered first so an interrupted run removes it.
+  support::CleanupRegistry::add(partial);
+  int fd = ::open(partial.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd < 0) {
+    const int savedErrno = errno;
+    support::CleanupRegistry::remove(partial);
+    errno = savedErrno;
+    return false;
+  }
   bool ok = writeAll(fd, bytes);
-  ok = (::close(fd) == 0) && ok;
-  if (ok) ok = std::rename(partial.c_str(), path.c_str()) == 0;
-  if (!ok) ::unlink(partial.c_str());
+  int savedErrno = errno;
+  if (::close(fd) != 0 && ok) {
+    ok = false;
+    savedErrno = errno;
+  }
+  // rename replaces a link at the final name itself, never its target.
+  if (ok && support::CleanupRegistry::renameRegistered(partial, path) != 0) {
+    ok = false;
+    savedErrno = errno;
+  }
+  if (!ok) {
+    ::unlink(partial.c_str());
+    support::CleanupRegistry::remove(partial);
+  }
+  errno = savedErrno;
   return ok;
 }
 
@@ -61,7 +84,11 @@ std::map<std::string, std::string> CSYMGenerator::generateCSYMsFromDSYMAtPath(co
             const std::string& data, const support::ErrorPtr& error) {
           if (error || !uuid) return;
           std::string csymPath = SUPCSYMGeneratorUtilities::csymPathForArchitecture(arch, *uuid, path);
-          if (writeFileAtomically(csymPath, data)) written[*uuid] = arch;
+          if (writeFileAtomically(csymPath, data)) {
+            written[*uuid] = arch;
+          } else {
+            cli::SYLLogError("Could not write cSYM file {}: {}", csymPath, std::strerror(errno));
+          }
         });
   } catch (const SymbolReaderException&) {
     // A bundle without a DWARF file has no readable slice; the caller reports
