@@ -98,11 +98,12 @@ Variant flipped(const std::string& original, const Region& region, std::uint32_t
   std::mt19937 random(seed);  // fully specified, so the same on every system
   std::string bytes = original;
   std::ostringstream name;
-  name << "flip " << region.name << " seed " << seed << " at";
+  name << "flip " << region.name << " seed " << seed << ", byte ^ mask:";
   for (int i = 0; i < flips; ++i) {
     const std::size_t at = region.offset + random() % region.size;
-    bytes[at] = static_cast<char>(bytes[at] ^ static_cast<char>((random() % 255) + 1));
-    name << ' ' << at;
+    const auto mask = static_cast<unsigned>((random() % 255) + 1);
+    bytes[at] = static_cast<char>(bytes[at] ^ static_cast<char>(mask));
+    name << ' ' << at << " ^ " << mask;
   }
   return {name.str(), std::move(bytes)};
 }
