@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <fstream>
 #include <iostream>
 #include <mutex>
@@ -188,6 +189,7 @@ std::string csymProblem(const std::string& fileName, const std::string& text) {
 struct Outcome {
   std::string variant;
   std::string failure;  // empty when the run behaved
+  int status = -1;
 };
 
 Outcome runVariant(const fs::path& dsymTemplate, const Variant& variant, const fs::path& scratch) {
@@ -207,6 +209,7 @@ Outcome runVariant(const fs::path& dsymTemplate, const Variant& variant, const f
       {"PATH", "/usr/bin:/bin"}, {"TMPDIR", tmp.string()}, {"VantrelUploadEndpoint", "http://127.0.0.1:9"}};
   options.timeoutSeconds = 30;
   const RunResult result = runSymlift({"-sdv", "-ai", "1:99:ios:e2e", "-p", "ios", "-c", "--", bundle.string()}, options);
+  outcome.status = result.status;
 
   std::ostringstream problems;
   if (result.timedOut) problems << "did not end within 30 s; ";
@@ -258,12 +261,13 @@ TEST(MalformedDSYMTest, EveryDamagedCopyEndsCleanlyWithStatusZeroOrEight) {
   std::atomic<std::size_t> next{0};
   std::mutex mutex;
   std::vector<Outcome> failures;
+  std::map<int, std::size_t> statuses;
   auto worker = [&] {
     for (std::size_t i = next++; i < variants.size(); i = next++) {
       Outcome outcome = runVariant(original, variants[i], work.path() / std::to_string(i));
-      if (outcome.failure.empty()) continue;
       std::lock_guard<std::mutex> guard(mutex);
-      failures.push_back(std::move(outcome));
+      ++statuses[outcome.status];
+      if (!outcome.failure.empty()) failures.push_back(std::move(outcome));
     }
   };
   std::vector<std::thread> threads;
@@ -271,7 +275,9 @@ TEST(MalformedDSYMTest, EveryDamagedCopyEndsCleanlyWithStatusZeroOrEight) {
   for (auto& thread : threads) thread.join();
 
   for (const auto& failure : failures) ADD_FAILURE() << failure.variant << ": " << failure.failure;
-  std::cout << "[ malformed ] " << variants.size() << " damaged copies, " << failures.size() << " misbehaved\n";
+  std::cout << "[ malformed ] " << variants.size() << " damaged copies, " << failures.size() << " misbehaved; by status:";
+  for (const auto& [status, count] : statuses) std::cout << ' ' << status << ": " << count;
+  std::cout << '\n';
 }
 
 TEST(MalformedDSYMTest, TheCSYMCheckRejectsWhatIsCutShortOrInconsistent) {
