@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
@@ -278,6 +280,30 @@ TEST(MalformedDSYMTest, EveryDamagedCopyEndsCleanlyWithStatusZeroOrEight) {
   std::cout << "[ malformed ] " << variants.size() << " damaged copies, " << failures.size() << " misbehaved; by status:";
   for (const auto& [status, count] : statuses) std::cout << ' ' << status << ": " << count;
   std::cout << '\n';
+}
+
+TEST(MalformedDSYMTest, SpecialFilesInTheDWARFFolderAreNotWaitedFor) {
+  // A named pipe would block a plain open for reading until a writer comes;
+  // a link to /dev/zero reads without end.
+  TempDir work;
+  const fs::path fifoBundle = work.path() / "Pipe.dSYM";
+  fs::create_directories(fifoBundle / "Contents/Resources/DWARF");
+  ASSERT_EQ(::mkfifo((fifoBundle / "Contents/Resources/DWARF/App").c_str(), 0600), 0);
+  const fs::path zeroBundle = work.path() / "Zero.dSYM";
+  fs::create_directories(zeroBundle / "Contents/Resources/DWARF");
+  fs::create_symlink("/dev/zero", zeroBundle / "Contents/Resources/DWARF/App");
+  for (const auto& bundle : {fifoBundle, zeroBundle}) {
+    TempDir tmp;
+    RunOptions options;
+    options.environment = std::map<std::string, std::string>{{"PATH", "/usr/bin:/bin"}, {"TMPDIR", tmp.str()}};
+    options.timeoutSeconds = 30;
+    const RunResult result = runSymlift({"-sdv", "-ai", "1:99:ios:e2e", "-p", "ios", "-c", "--", bundle.string()}, options);
+    EXPECT_FALSE(result.timedOut) << bundle;
+    EXPECT_EQ(result.status, 0) << result.out;
+    EXPECT_NE(result.out.find("warning: No architecture slices in dSYM at " + bundle.string()), std::string::npos)
+        << result.out;
+    EXPECT_TRUE(fs::is_empty(tmp.path()));
+  }
 }
 
 TEST(MalformedDSYMTest, TheCSYMCheckRejectsWhatIsCutShortOrInconsistent) {

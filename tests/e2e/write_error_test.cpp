@@ -126,6 +126,26 @@ TEST_F(WriteErrorTest, FullDiskWhileWritingACSYMLeavesNoPartialFile) {
     ADD_FAILURE() << "left behind: " << entry.path().filename();
 }
 
+TEST_F(WriteErrorTest, FullDiskWhileUnzippingEndsWithStatusElevenAndUnzipsReason) {
+  if (!haveProgram("zip") || !haveProgram("unzip")) GTEST_SKIP() << "zip and unzip are needed";
+  fs::create_directories(work_.path() / "content");
+  fs::copy(fixturesDir() / "FatApp.dSYM", work_.path() / "content/FatApp.dSYM", fs::copy_options::recursive);
+  RunOptions zipOptions;
+  zipOptions.workingDirectory = (work_.path() / "content").string();
+  const std::string archive = (work_.path() / "Symbols.zip").string();
+  ASSERT_EQ(runProgram({"/usr/bin/zip", "-qr", archive, "."}, zipOptions).status, 0);
+  TempDir tmp;
+  // unzip inherits the limit; the DWARF file is larger than it.
+  RunResult result =
+      runWithFileSizeLimit({"-sdv", "-ai", "1:99:ios:e2e", "-p", "ios", "--", archive}, tmp.path(), 4096);
+  EXPECT_EQ(result.signal, 0);
+  EXPECT_EQ(result.status, 11) << result.out;
+  EXPECT_NE(result.out.find("error: Failed to unzip archive at " + archive + ": "), std::string::npos) << result.out;
+  EXPECT_NE(result.out.find("write error"), std::string::npos) << result.out;
+  // Not a convert-only run: the half-unpacked folder is gone.
+  EXPECT_FALSE(fs::exists(tmp.path() / (archive.substr(1) + ".unzipped"))) << result.out;
+}
+
 TEST_F(WriteErrorTest, UnpackFolderThatCannotBeMadeEndsWithStatusNineAndTheReason) {
   if (!haveProgram("zip")) GTEST_SKIP() << "zip is needed to make the archive";
   work_.write("content/readme.txt", "hello");
