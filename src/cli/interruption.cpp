@@ -4,8 +4,14 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <system_error>
 #include <thread>
+#include <vector>
 
 #include "cli/console_log.h"
 #include "support/cleanup_registry.h"
@@ -24,6 +30,44 @@ const char* signalName(int signal) {
   return "a signal";
 }
 
+// The processes this one started (unzip, and whatever those started), found
+// through the kernel's process table where it is a file system (/proc);
+// elsewhere nothing is found and children end with the terminal's signal.
+std::vector<pid_t> descendantsOf(pid_t pid) {
+  std::vector<pid_t> found;
+  std::error_code error;
+  const std::filesystem::path tasks = std::filesystem::path("/proc") / std::to_string(pid) / "task";
+  for (const auto& task : std::filesystem::directory_iterator(tasks, error)) {
+    std::ifstream children(task.path() / "children");
+    for (pid_t child; children >> child;) {
+      found.push_back(child);
+      for (pid_t grandchild : descendantsOf(child)) found.push_back(grandchild);
+    }
+  }
+  return found;
+}
+
+// Whether the process has stopped running (gone, or a zombie not yet reaped).
+bool hasEnded(pid_t pid) {
+  std::ifstream stat(std::filesystem::path("/proc") / std::to_string(pid) / "stat");
+  std::string text;
+  if (!std::getline(stat, text)) return true;
+  const auto close = text.rfind(')');
+  return close == std::string::npos || close + 2 >= text.size() || text[close + 2] == 'Z' || text[close + 2] == 'X';
+}
+
+// A child still writing (unzip filling the unpack folder) would put back
+// what the clean-up removes, so the children are stopped first, and waited
+// for up to a second.
+void stopChildProcesses() {
+  const std::vector<pid_t> children = descendantsOf(::getpid());
+  for (pid_t child : children) ::kill(child, SIGKILL);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+  for (pid_t child : children)
+    while (!hasEnded(child) && std::chrono::steady_clock::now() < deadline)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
 // Signals are taken synchronously on this thread rather than in a handler,
 // so the clean-up may lock, allocate and print like any other code.
 void waitForInterruption(sigset_t signals) {
@@ -36,6 +80,7 @@ void waitForInterruption(sigset_t signals) {
   SYLLogging::logLastLineAndClose(
       kLogLevelError, fmt::format("Interrupted by {}: removing the temporary files of this run", signalName(signal)),
       kColorRed);
+  stopChildProcesses();
   // From here on nothing new can be registered, so nothing is created behind
   // the clean-up's back; the threads still working never get further.
   support::CleanupRegistry::removeAllAndSeal();

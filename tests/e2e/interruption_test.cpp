@@ -195,6 +195,36 @@ TEST_F(InterruptionTest, SIGTERMWhileAnUploadWaitsRemovesTheUnpackedArchive) {
   EXPECT_LT(Clock::now() - signalled, std::chrono::seconds(10)) << "waited for the service";
 }
 
+TEST_F(InterruptionTest, SIGTERMStopsAnUnzipStillWritingBeforeRemovingItsFolder) {
+  if (!haveProgram("zip") || !haveProgram("unzip")) GTEST_SKIP() << "zip and unzip are needed";
+  // An unzip that unpacks and then keeps writing into the unpack folder, as
+  // a slow unzip of a large archive would.
+  const fs::path bin = work_.path() / "bin";
+  const fs::path fakeUnzip = work_.write("bin/unzip",
+                                         "#!/bin/sh\n"
+                                         "/usr/bin/unzip \"$@\" || exit $?\n"
+                                         "while :; do mkdir -p \"$5/late/more\"; sleep 0.02; done\n");
+  fs::permissions(fakeUnzip, fs::perms::owner_all);
+  copyFatApp(work_.path() / "content/App.dSYM");
+  RunOptions zipOptions;
+  zipOptions.workingDirectory = (work_.path() / "content").string();
+  ASSERT_EQ(runProgram({"/usr/bin/zip", "-qr", (work_.path() / "Symbols.zip").string(), "."}, zipOptions).status, 0);
+
+  auto env = environment("http://127.0.0.1:9");
+  env["PATH"] = bin.string() + ":/usr/bin:/bin";
+  BackgroundRun run({"-sdv", "-ai", "1:99:ios:e2e", "-p", "ios", "-c", "--", "Symbols.zip"}, env, work_.path(),
+                    work_.path() / "output.txt");
+  ASSERT_TRUE(run.started());
+  ASSERT_TRUE(waitUntil(run, [&] { return fs::exists(tmp_.path() / "Symbols.zip.unzipped/late/more"); },
+                        std::chrono::seconds(60)))
+      << readFile(work_.path() / "output.txt");
+  run.signal(SIGTERM);
+  expectInterrupted(run, SIGTERM);
+  // Were the writer still alive, the folder would be back within moments.
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  EXPECT_EQ(joined(entriesBelow(tmp_.path())), "");
+}
+
 TEST_F(InterruptionTest, ARunThatIsNotInterruptedKeepsItsConvertOnlyFiles) {
   // The clean-up belongs to the signal only: a finished convert-only run
   // leaves its products where they are.
