@@ -1,6 +1,7 @@
 #include "cli/path_expansion.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -68,31 +69,36 @@ std::optional<std::vector<std::string>> deepEntries(const fs::path& folder) {
   return entries;
 }
 
-// Makes the folder's missing parents and then the folder itself, each
-// readable by the user only. The folder must not exist: whatever was at its
-// name has been removed, so one that appears meanwhile is not ours to use.
-// Folders made are registered for removal should the run be interrupted.
-// On failure, failedPath and the returned errno say where and why.
-int createPrivateFolder(const fs::path& path, std::string& failedPath) {
+// Makes the missing parents of an unpack folder, each readable by the user
+// only. The temporary directory's own folders are taken as they are; below
+// it (where an archive's path becomes a chain of folders), a folder that is
+// already there must be a real folder of this user, not a link somebody put
+// at that predictable name. Folders made are registered for removal should
+// the run be interrupted. On failure, failedPath and the returned errno say
+// where and why.
+int createPrivateParents(const fs::path& folder, const fs::path& temporaryDirectory, std::string& failedPath) {
+  const auto trusted = static_cast<std::size_t>(std::distance(temporaryDirectory.begin(), temporaryDirectory.end()));
   fs::path partial;
-  const fs::path parent = path.parent_path();
-  for (const auto& part : parent) {
+  std::size_t index = 0;
+  for (const auto& part : folder.parent_path()) {
     partial /= part;
+    if (part.empty()) continue;  // the empty part after a doubled slash
+    const bool below = index++ >= trusted;
     support::CleanupRegistry::add(partial.string());
     const bool made = ::mkdir(partial.c_str(), 0700) == 0;
-    const int mkdirErrno = errno;
+    int reason = made ? 0 : errno;
     if (!made) support::CleanupRegistry::remove(partial.string());
-    if (!made && mkdirErrno != EEXIST) {
-      failedPath = partial.string();
-      return mkdirErrno;
+    if (reason == EEXIST) {
+      reason = 0;
+      struct stat info {};
+      if (below && ::lstat(partial.c_str(), &info) != 0) reason = errno;
+      else if (below && !S_ISDIR(info.st_mode)) reason = ENOTDIR;
+      else if (below && info.st_uid != ::geteuid()) reason = EACCES;
     }
-  }
-  support::CleanupRegistry::add(path.string());
-  if (::mkdir(path.c_str(), 0700) != 0) {
-    const int mkdirErrno = errno;
-    support::CleanupRegistry::remove(path.string());
-    failedPath = path.string();
-    return mkdirErrno;
+    if (reason != 0) {
+      failedPath = partial.string();
+      return reason;
+    }
   }
   return 0;
 }
@@ -235,18 +241,27 @@ std::string unpackFolderForArchive(const std::string& archivePath) {
 
 void processArchive(const std::string& path, const SYLUploadSettings& settings) {
   const std::string folder = unpackFolderForArchive(path);
+  const auto failedToCreate = [&folder](const std::string& failedPath, int reason) {
+    SYLLogError("Failed to create directory {}", folder);
+    SYLLogError("Could not create {}: {}", failedPath, std::strerror(reason));
+    exitRun(kExitUnpackFolderNotCreatable);
+  };
+  std::string failedPath;
+  if (const int reason = createPrivateParents(folder, support::temporaryDirectory(), failedPath); reason != 0)
+    failedToCreate(failedPath, reason);
   // An unpack folder left by an earlier run (or anything else at its name,
-  // a link included: remove_all does not follow it) makes way for a new one.
+  // a link included: remove_all does not follow it) makes way for a fresh
+  // private one; one that appears meanwhile is not ours to use.
   std::error_code error;
   if (fs::exists(fs::symlink_status(folder, error))) {
     fs::remove_all(folder, error);
     if (error) SYLLogWarning("Failed to remove {}", folder);
   }
-  std::string failedPath;
-  if (const int reason = createPrivateFolder(folder, failedPath); reason != 0) {
-    SYLLogError("Failed to create directory {}", folder);
-    SYLLogError("Could not create {}: {}", failedPath, std::strerror(reason));
-    exitRun(kExitUnpackFolderNotCreatable);
+  support::CleanupRegistry::add(folder);
+  if (::mkdir(folder.c_str(), 0700) != 0) {
+    const int reason = errno;
+    support::CleanupRegistry::remove(folder);
+    failedToCreate(folder, reason);
   }
 
   std::string unzip = buildenv::SUPTask::stdoutWithLaunchPath("/usr/bin/which", {"unzip"}).value_or("");

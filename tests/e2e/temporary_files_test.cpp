@@ -142,8 +142,26 @@ TEST_F(TemporaryFilesTest, LinkPlantedAtTheUnpackFolderNameIsNotFollowed) {
   EXPECT_TRUE(fs::exists(tmp_.path() / "Symbols.zip.unzipped/FatApp.dSYM/Contents/Resources/DWARF/FatApp"));
 }
 
-// Each hostile archive: what it holds and the paths outside the unpack
-// folder that must still not exist afterwards.
+TEST_F(TemporaryFilesTest, LinkPlantedAtAParentOfTheUnpackFolderStopsTheRun) {
+  if (!haveProgram("zip")) GTEST_SKIP() << "zip is needed";
+  work_.write("content/readme.txt", "hello");
+  fs::create_directories(work_.path() / "sub");
+  RunOptions zipOptions;
+  zipOptions.workingDirectory = (work_.path() / "content").string();
+  ASSERT_EQ(runProgram({"/usr/bin/zip", "-q", (work_.path() / "sub/Symbols.zip").string(), "readme.txt"}, zipOptions)
+                .status,
+            0);
+  // The archive's path "sub/Symbols.zip" becomes <TMPDIR>/sub/Symbols.zip.unzipped.
+  fs::create_directory_symlink(outside_.path(), tmp_.path() / "sub");
+  RunResult result = run({"sub/Symbols.zip"});
+  EXPECT_EQ(result.status, 9) << result.out;
+  EXPECT_NE(result.out.find(kColour.error("Could not create " + tmp_.str() + "/sub: Not a directory")),
+            std::string::npos)
+      << result.out;
+  EXPECT_TRUE(fs::is_empty(outside_.path()));
+}
+
+// A hostile archive: its name and the Python lines that fill it.
 struct HostileArchive {
   std::string name;
   std::string entries;  // Python lines adding entries to the archive z
