@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <fstream>
@@ -111,6 +112,14 @@ Variant flipped(const std::string& original, const Region& region, std::uint32_t
   return {name.str(), std::move(bytes)};
 }
 
+// SYMLIFT_SWEEP_SCALE=n multiplies the seeds per region, for a longer
+// search by hand; CI runs the default of 1.
+std::uint32_t sweepScale() {
+  const char* text = std::getenv("SYMLIFT_SWEEP_SCALE");
+  const long value = text ? std::strtol(text, nullptr, 10) : 1;
+  return value >= 1 && value <= 1000 ? static_cast<std::uint32_t>(value) : 1;
+}
+
 std::vector<Variant> variantsOf(const std::string& original) {
   std::vector<Variant> variants;
   // Cut short at 64 evenly spaced lengths, from nothing to just short of whole.
@@ -120,7 +129,7 @@ std::vector<Variant> variantsOf(const std::string& original) {
   }
   for (const auto& region : regionsOf(original)) {
     const bool header = region.name == "fat header" || region.name.ends_with("load commands");
-    const std::uint32_t seeds = header ? 8 : 4;
+    const std::uint32_t seeds = (header ? 8 : 4) * sweepScale();
     for (std::uint32_t seed = 1; seed <= seeds; ++seed)
       variants.push_back(flipped(original, region, seed * 7919 + static_cast<std::uint32_t>(region.offset),
                                  static_cast<int>(1 + seed % 4)));
