@@ -120,6 +120,13 @@ std::uint32_t sweepScale() {
   return value >= 1 && value <= 1000 ? static_cast<std::uint32_t>(value) : 1;
 }
 
+// SYMLIFT_SWEEP_BINARY runs another build of symlift (a sanitizer build,
+// say) over the same damaged copies.
+std::string sweepBinary() {
+  const char* path = std::getenv("SYMLIFT_SWEEP_BINARY");
+  return path && *path ? path : symliftBinary();
+}
+
 std::vector<Variant> variantsOf(const std::string& original) {
   std::vector<Variant> variants;
   // Cut short at 64 evenly spaced lengths, from nothing to just short of whole.
@@ -219,7 +226,8 @@ Outcome runVariant(const fs::path& dsymTemplate, const Variant& variant, const f
   options.environment = std::map<std::string, std::string>{
       {"PATH", "/usr/bin:/bin"}, {"TMPDIR", tmp.string()}, {"VantrelUploadEndpoint", "http://127.0.0.1:9"}};
   options.timeoutSeconds = 30;
-  const RunResult result = runSymlift({"-sdv", "-ai", "1:99:ios:e2e", "-p", "ios", "-c", "--", bundle.string()}, options);
+  const RunResult result =
+      runProgram({sweepBinary(), "-sdv", "-ai", "1:99:ios:e2e", "-p", "ios", "-c", "--", bundle.string()}, options);
   outcome.status = result.status;
 
   std::ostringstream problems;
