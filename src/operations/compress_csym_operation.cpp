@@ -2,15 +2,17 @@
 
 #include <fcntl.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <fstream>
 #include <iterator>
 
 #include "buildenv/unique_strings.h"
 #include "cli/console_log.h"
+#include "operations/compressed_csym_cache.h"
 #include "operations/delete_file_operation.h"
+#include "operations/parallel_gzip.h"
 #include "operations/pipeline_errors.h"
 #include "symbols/csym_generator.h"
 
@@ -30,12 +32,19 @@ std::optional<std::vector<std::uint8_t>> readWholeFile(const std::string& path) 
 
 // The temporary directory is shared with other users on many systems: never
 // follow a link someone placed at our name, never reuse an existing file.
-gzFile openNewGzipFile(const std::string& path) {
-  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-  if (fd < 0) return nullptr;
-  gzFile file = gzdopen(fd, "w");
-  if (!file) ::close(fd);
-  return file;
+int openNewFile(const std::string& path) {
+  return ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+}
+
+bool writeAll(int fd, const std::vector<std::uint8_t>& bytes) {
+  std::size_t written = 0;
+  while (written < bytes.size()) {
+    const ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    written += static_cast<std::size_t>(n);
+  }
+  return true;
 }
 
 }  // namespace
@@ -73,7 +82,9 @@ bool SUPCompressCSYMOperation::zipCSYMWithUUID(const std::string& uuid, const st
     return false;
   }
   SYLLogDebug("Zipping csym succeeded for uuid {}, architecture {}... getting compressed data", uuid, architecture);
-  auto bytes = readWholeFile(location);
+  // The bytes just written are still in memory: no need to read the file back.
+  std::optional<std::vector<std::uint8_t>> bytes = std::move(lastWritten_);
+  lastWritten_.reset();
   if (!bytes) {
     error = support::makeError(
         kCompressCSYMErrorDomain, kCompressCSYMErrorCodeFailed,
@@ -86,26 +97,24 @@ bool SUPCompressCSYMOperation::zipCSYMWithUUID(const std::string& uuid, const st
 }
 
 bool SUPCompressCSYMOperation::gzipCSYMAtPath(const std::string& path, const std::string& location) {
-  gzFile file = openNewGzipFile(location);
-  bool writeFailed = false;
-  // An unreadable source is written as an empty stream, not as a failure.
-  std::vector<std::uint8_t> source = readWholeFile(path).value_or(std::vector<std::uint8_t>{});
-  if (!file) {
+  // The stream made while the generator went on to the next slice, when the
+  // file is still the one it wrote; otherwise the file is read and gzipped
+  // here. An unreadable source is written as an empty stream, not as a failure.
+  std::optional<std::vector<std::uint8_t>> stream = CompressedCSYMCache::shared().take(path);
+  if (!stream) {
+    std::vector<std::uint8_t> source = readWholeFile(path).value_or(std::vector<std::uint8_t>{});
+    stream = gzipInChunks(source);
+  }
+  bool writeFailed = !stream;
+  const int fd = writeFailed ? -1 : openNewFile(location);
+  if (fd < 0) {
     // Nothing to write into: as short a write as there can be.
     writeFailed = true;
   } else {
-    // gzwrite takes an unsigned count; write large files in pieces.
-    constexpr std::size_t kMaxWrite = 1u << 30;
-    for (std::size_t offset = 0; offset < source.size();) {
-      const auto length = static_cast<unsigned>(std::min(kMaxWrite, source.size() - offset));
-      if (gzwrite(file, source.data() + offset, length) != static_cast<int>(length)) {
-        writeFailed = true;
-        break;
-      }
-      offset += length;
-    }
-    if (gzclose(file) != Z_OK) writeFailed = true;
+    if (!writeAll(fd, *stream)) writeFailed = true;
+    if (::close(fd) != 0) writeFailed = true;
   }
+  if (!writeFailed) lastWritten_ = std::move(stream);
 
   if (codeMappingInfo_ && codeMappingInfo_->convertOnly()) {
     SYLLogDebug("Skipping deletion of cSYM at path {}", path);
