@@ -34,16 +34,21 @@ class ImageOwner final : public SymbolOwner {
   bool isObject() const override { return image_.fileType == kMachOFileObject; }
 
   void forEachTextSymbol(const std::function<void(const SymbolInfo&)>& visitor) const override {
+    std::vector<SourceInfo> sources;  // one symbol's, reused
     for (const ImageSymbol& symbol : symbols_.symbols) {
       SymbolInfo info;
       info.mangledName = symbol.mangledName;
       info.name = symbol.name;
       info.address = symbol.address;
       info.length = symbol.length;
-      info.sourceInfos = std::span<const SourceInfo>(symbols_.sources).subspan(symbol.firstSource, symbol.sourceCount);
+      sources.clear();
+      for (std::size_t i = 0; i < symbol.sourceCount; ++i) sources.push_back(symbols_.source(symbol.firstSource + i));
+      info.sourceInfos = sources;
       visitor(info);
     }
   }
+
+  std::size_t sourceInfoCountHint() const override { return symbols_.sources.size() + symbols_.symbols.size(); }
 
  private:
   const MachOImage& image_;

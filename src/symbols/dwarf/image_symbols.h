@@ -24,16 +24,43 @@ struct ImageSymbol {
   std::size_t sourceCount = 0;
 };
 
+// A source record kept compactly: its path is an index into
+// ImageSymbols::paths (kNoPath when unknown).
+struct SourceRecord {
+  std::uint64_t address = 0;
+  std::uint64_t length = 0;
+  std::uint32_t path = 0;
+  std::uint32_t line = 0;
+};
+inline constexpr std::uint32_t kNoPath = UINT32_MAX;
+
 struct ImageSymbols {
   std::vector<ImageSymbol> symbols;
-  std::vector<SourceInfo> sources;
+  std::vector<SourceRecord> sources;
+  std::vector<std::string_view> paths;
   // Text that is not in the file itself (full paths, demangled names); a
   // deque so that views into it stay valid as it grows.
   std::deque<std::string> strings;
+  // The line tables' full paths, one pool per group of units read together.
+  std::deque<std::deque<std::string>> stringPools;  // a deque: pools never move
 
   std::string_view keep(std::string text) { return strings.emplace_back(std::move(text)); }
+
+  // Source record i as the symbolication interface describes it.
+  SourceInfo source(std::size_t i) const {
+    const SourceRecord& record = sources[i];
+    return {record.path == kNoPath ? std::string_view{} : paths[record.path], record.line, record.address,
+            record.length};
+  }
 };
 
+// Units are decoded on up to one thread per core; the result does not
+// depend on how many.
 ImageSymbols readImageSymbols(const MachOImage& image);
+
+// At most this many threads decode one image (0: one per core), each taking
+// at least unitsPerThread units (0: the default, 16). For tests and
+// measurements.
+void setMaxDecodeThreads(unsigned threads, std::size_t unitsPerThread = 0);
 
 }  // namespace symlift::symbols::dwarf
