@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <span>
 #include <system_error>
 #include <thread>
@@ -35,20 +36,24 @@ struct LineSpan {
 
 void setNames(ImageSymbol& symbol, const Candidate& candidate, const DebugInfo* debugInfo, ImageSymbols& out) {
   if (candidate.tableName) {
-    symbol.mangledName = *candidate.tableName;
+    symbol.mangledName = out.names.copy(*candidate.tableName);
   } else if (debugInfo) {
     FunctionNames names = debugInfo->namesOf(candidate.dieOffset);
     if (names.linkageName) {
       // DWARF linkage names lack the Mach-O underscore of symbol-table names.
-      symbol.mangledName = out.keep("_" + std::string(*names.linkageName));
+      std::string mangled;
+      mangled.reserve(names.linkageName->size() + 1);
+      mangled.push_back('_');
+      mangled.append(*names.linkageName);
+      symbol.mangledName = out.names.copy(mangled);
     } else if (names.name) {
-      symbol.mangledName = *names.name;
-      symbol.name = *names.name;
+      symbol.mangledName = out.names.copy(*names.name);
+      symbol.name = symbol.mangledName;
       return;
     }
   }
   if (!symbol.mangledName) return;
-  if (auto demangled = demangleItanium(*symbol.mangledName)) symbol.name = out.keep(std::move(*demangled));
+  if (auto demangled = demangleItanium(*symbol.mangledName)) symbol.name = out.names.copy(*demangled);
   else symbol.name = plainDisplayName(*symbol.mangledName);
 }
 
@@ -341,6 +346,20 @@ ImageSymbols readImageSymbols(const MachOImage& image) {
     attachSources(out, spans);
   }
   return out;
+}
+
+std::string_view TextArena::copy(std::string_view text) {
+  if (text.empty()) return {};
+  if (text.size() > capacity_ - used_) {
+    const std::size_t size = std::max(kBlockSize, text.size());
+    blocks_.push_back(std::make_unique_for_overwrite<char[]>(size));
+    used_ = 0;
+    capacity_ = size;
+  }
+  char* at = blocks_.back().get() + used_;
+  std::memcpy(at, text.data(), text.size());
+  used_ += text.size();
+  return {at, text.size()};
 }
 
 void setMaxDecodeThreads(unsigned threads, std::size_t unitsPerThread) {

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -34,12 +35,28 @@ struct SourceRecord {
 };
 inline constexpr std::uint32_t kNoPath = UINT32_MAX;
 
+// Copies of short texts in large blocks: views into it stay valid as it
+// grows, and a few blocks replace a heap allocation per name.
+class TextArena {
+ public:
+  std::string_view copy(std::string_view text);
+
+ private:
+  static constexpr std::size_t kBlockSize = std::size_t{1} << 20;
+  std::vector<std::unique_ptr<char[]>> blocks_;
+  std::size_t used_ = 0;
+  std::size_t capacity_ = 0;
+};
+
 struct ImageSymbols {
   std::vector<ImageSymbol> symbols;
   std::vector<SourceRecord> sources;
   std::vector<std::string_view> paths;
-  // Text that is not in the file itself (full paths, demangled names); a
-  // deque so that views into it stay valid as it grows.
+  // The names of the symbols: copied out of the file (whose pages can then
+  // go) or made here (demangled names).
+  TextArena names;
+  // Other text that is not in the file itself; a deque so that views into
+  // it stay valid as it grows.
   std::deque<std::string> strings;
   // The line tables' full paths, one pool per group of units read together.
   std::deque<std::deque<std::string>> stringPools;  // a deque: pools never move
