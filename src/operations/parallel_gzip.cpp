@@ -7,8 +7,11 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
+#include <memory>
 #include <system_error>
 #include <thread>
+#include <utility>
+#include <vector>
 
 namespace symlift::operations {
 
@@ -18,11 +21,30 @@ constexpr std::size_t kWindowSize = 32768;
 constexpr int kLevel = Z_DEFAULT_COMPRESSION;  // 6
 constexpr int kMemLevel = 8;                   // zlib's default, as gzwrite uses
 
+// Bytes that deflate overwrites need no zeroing first: a vector whose
+// elements are left uninitialised when it grows.
+template <typename T>
+struct UninitialisedAllocator : std::allocator<T> {
+  template <typename U>
+  struct rebind {
+    using other = UninitialisedAllocator<U>;
+  };
+  template <typename U>
+  void construct(U* p) noexcept {
+    ::new (static_cast<void*>(p)) U;
+  }
+  template <typename U, typename... Args>
+  void construct(U* p, Args&&... args) {
+    ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
+  }
+};
+using Buffer = std::vector<std::uint8_t, UninitialisedAllocator<std::uint8_t>>;
+
 struct Chunk {
   std::span<const std::uint8_t> input;
   std::span<const std::uint8_t> dictionary;  // the end of the previous chunk
   bool last = false;
-  std::vector<std::uint8_t> output;
+  Buffer output;
   uLong crc = 0;
   bool ok = false;
 };
@@ -174,7 +196,7 @@ std::optional<std::vector<std::uint8_t>> gzipInChunks(std::span<const std::uint8
   for (Chunk& chunk : chunks) {
     out.insert(out.end(), chunk.output.begin(), chunk.output.end());
     crc = crc32_combine(crc, chunk.crc, static_cast<z_off_t>(chunk.input.size()));
-    std::vector<std::uint8_t>().swap(chunk.output);
+    Buffer().swap(chunk.output);
   }
   appendLittleEndian32(out, static_cast<std::uint32_t>(crc));
   appendLittleEndian32(out, static_cast<std::uint32_t>(data.size() & 0xffffffffu));
