@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -12,7 +11,9 @@
 
 #include "buildenv/unique_strings.h"
 #include "cli/console_log.h"
+#include "operations/compressed_csym_cache.h"
 #include "operations/delete_file_operation.h"
+#include "operations/parallel_gzip.h"
 #include "operations/pipeline_errors.h"
 #include "support/cleanup_registry.h"
 #include "symbols/csym_generator.h"
@@ -34,18 +35,27 @@ std::optional<std::vector<std::uint8_t>> readWholeFile(const std::string& path) 
 
 // The temporary directory is shared with other users on many systems: never
 // follow a link someone placed at our name, never reuse an existing file.
-gzFile openNewGzipFile(const std::string& path) {
+int openNewFile(const std::string& path) {
   support::CleanupRegistry::add(path);  // before it exists: an interrupted run removes it
-  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
   if (fd < 0) {
     const int savedErrno = errno;
     support::CleanupRegistry::remove(path);
     errno = savedErrno;
-    return nullptr;
   }
-  gzFile file = gzdopen(fd, "w");
-  if (!file) ::close(fd);
-  return file;
+  return fd;
+}
+
+bool writeAll(int fd, const std::vector<std::uint8_t>& bytes) {
+  std::size_t written = 0;
+  while (written < bytes.size()) {
+    const ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
+    if (n < 0 && errno == EINTR) continue;
+    if (n == 0) errno = ENOSPC;
+    if (n <= 0) return false;
+    written += static_cast<std::size_t>(n);
+  }
+  return true;
 }
 
 }  // namespace
@@ -83,7 +93,9 @@ bool SUPCompressCSYMOperation::zipCSYMWithUUID(const std::string& uuid, const st
     return false;
   }
   SYLLogDebug("Zipping csym succeeded for uuid {}, architecture {}... getting compressed data", uuid, architecture);
-  auto bytes = readWholeFile(location);
+  // The bytes just written are still in memory: no need to read the file back.
+  std::optional<std::vector<std::uint8_t>> bytes = std::move(lastWritten_);
+  lastWritten_.reset();
   if (!bytes) {
     error = support::makeError(
         kCompressCSYMErrorDomain, kCompressCSYMErrorCodeFailed,
@@ -96,36 +108,38 @@ bool SUPCompressCSYMOperation::zipCSYMWithUUID(const std::string& uuid, const st
 }
 
 bool SUPCompressCSYMOperation::gzipCSYMAtPath(const std::string& path, const std::string& location) {
-  gzFile file = openNewGzipFile(location);
-  bool writeFailed = false;
-  // An unreadable source is written as an empty stream, not as a failure.
-  std::vector<std::uint8_t> source = readWholeFile(path).value_or(std::vector<std::uint8_t>{});
+  // The stream made while the generator went on to the next slice, when the
+  // file is still the one it wrote; otherwise the file is read and gzipped
+  // here. An unreadable source is written as an empty stream, not as a failure.
+  std::optional<std::vector<std::uint8_t>> stream = CompressedCSYMCache::shared().take(path);
+  if (!stream) {
+    std::vector<std::uint8_t> source = readWholeFile(path).value_or(std::vector<std::uint8_t>{});
+    stream = gzipInChunks(source);
+  }
+  bool writeFailed = !stream;
   int writeErrno = 0;
-  if (!file) {
+  const int fd = writeFailed ? -1 : openNewFile(location);
+  if (writeFailed) {
+    // zlib could not compress: nothing is written.
+  } else if (fd < 0) {
     // Nothing to write into: as short a write as there can be.
     writeFailed = true;
     writeErrno = errno;
   } else {
-    // gzwrite takes an unsigned count; write large files in pieces.
-    constexpr std::size_t kMaxWrite = 1u << 30;
-    for (std::size_t offset = 0; offset < source.size();) {
-      const auto length = static_cast<unsigned>(std::min(kMaxWrite, source.size() - offset));
-      if (gzwrite(file, source.data() + offset, length) != static_cast<int>(length)) {
-        writeFailed = true;
-        writeErrno = errno;
-        break;
-      }
-      offset += length;
+    if (!writeAll(fd, *stream)) {
+      writeFailed = true;
+      writeErrno = errno;
     }
-    errno = 0;
-    if (gzclose(file) != Z_OK && !writeFailed) {
+    if (::close(fd) != 0 && !writeFailed) {
       writeFailed = true;
       writeErrno = errno;
     }
   }
   if (writeFailed)
     SYLLogError("Could not write compressed cSYM file {}: {}", location,
-                writeErrno ? std::strerror(writeErrno) : "write failed");
+                writeErrno ? std::strerror(writeErrno) : "compression failed");
+  else
+    lastWritten_ = std::move(stream);
 
   if (codeMappingInfo_ && codeMappingInfo_->convertOnly()) {
     SYLLogDebug("Skipping deletion of cSYM at path {}", path);

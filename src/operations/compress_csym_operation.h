@@ -44,6 +44,7 @@ class SUPCompressCSYMOperation : public SUPKITAsyncOperation {
 
   std::weak_ptr<OperationQueue> operationQueue_;
   std::optional<std::vector<std::uint8_t>> compressedData_;
+  std::optional<std::vector<std::uint8_t>> lastWritten_;  // what gzipCSYMAtPath wrote
   std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo_;
   std::weak_ptr<network::SUPKITNetworkClient> networkClient_;
 };

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "operations/compressed_csym_cache.h"
 #include "operations/pipeline_errors.h"
 #include "symbols/csym_generator.h"
 
@@ -38,10 +39,20 @@ void SUPGenerateCSYMOperation::main() { generateCSYMs(codeMappingInfo_->maxCoreS
 void SUPGenerateCSYMOperation::generateCSYMs(float maxCoreSymbolicationVersion) {
   const auto& file = codeMappingInfo_->dSYMFile();
   const std::string path = file ? file->URL().string() : std::string();
-  // The long part of the run: every slice is read and written here.
-  ArchitecturesByUUID result = symbols::CSYMGenerator::generateCSYMsFromDSYMAtPath(path, maxCoreSymbolicationVersion);
+  // The long part of the run: every slice is read and written here. Each
+  // file is gzipped on the other cores while the next slice is read; the
+  // compress step picks the stream up.
+  CompressedCSYMCache& cache = CompressedCSYMCache::shared();
+  std::vector<std::string> written;
+  ArchitecturesByUUID result = symbols::CSYMGenerator::generateCSYMsFromDSYMAtPath(
+      path, maxCoreSymbolicationVersion, [&](const std::string& csymPath, std::string&& contents) {
+        written.push_back(csymPath);
+        cache.compressInBackground(csymPath, std::move(contents));
+      });
   ArchitecturesByUUID missing = checkForMissingCSYMsInResult(result);
   if (!missing.empty()) {
+    // No compress step follows: nobody will ask for these streams.
+    for (const std::string& csymPath : written) cache.forget(csymPath);
     finishWithMissingCSYMs(missing);
     return;
   }

@@ -76,19 +76,26 @@ bool CSYMGenerator::writeFileAtomically(const std::string& path, const std::stri
 
 std::map<std::string, std::string> CSYMGenerator::generateCSYMsFromDSYMAtPath(const std::string& path,
                                                                               float maxCoreSymbolicationVersion) {
+  return generateCSYMsFromDSYMAtPath(path, maxCoreSymbolicationVersion, nullptr);
+}
+
+std::map<std::string, std::string> CSYMGenerator::generateCSYMsFromDSYMAtPath(const std::string& path,
+                                                                              float maxCoreSymbolicationVersion,
+                                                                              const WrittenFileHandler& handler) {
   std::map<std::string, std::string> written;
   try {
     SUPSymbolProcessor::enumerateFormattedDataVersion(
         kCSYMFormatVersion, path, maxCoreSymbolicationVersion,
         [&](std::uint64_t /*sourceType*/, const std::optional<std::string>& uuid, const std::string& arch,
-            const std::string& data, const support::ErrorPtr& error) {
+            std::string& data, const support::ErrorPtr& error) {
           if (error || !uuid) return;
           std::string csymPath = SUPCSYMGeneratorUtilities::csymPathForArchitecture(arch, *uuid, path);
-          if (writeFileAtomically(csymPath, data)) {
-            written[*uuid] = arch;
-          } else {
+          if (!writeFileAtomically(csymPath, data)) {
             cli::SYLLogError("Could not write cSYM file {}: {}", csymPath, std::strerror(errno));
+            return;
           }
+          written[*uuid] = arch;
+          if (handler) handler(csymPath, std::move(data));
         });
   } catch (const SymbolReaderException&) {
     // A bundle without a DWARF file has no readable slice; the caller reports

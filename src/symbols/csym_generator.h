@@ -2,6 +2,7 @@
 // Writes one cSYM file per readable slice of a DWARF file into the temporary
 // directory, named by architecture and UUID.
 
+#include <functional>
 #include <map>
 #include <string>
 
@@ -22,6 +23,12 @@ class CSYMGenerator {
   // silently; the caller compares the result with the UUIDs it expects.
   static std::map<std::string, std::string> generateCSYMsFromDSYMAtPath(const std::string& path,
                                                                         float maxCoreSymbolicationVersion);
+  // The same, handing every file written and its contents (no longer needed
+  // by the generator) to written, before the next slice is read.
+  using WrittenFileHandler = std::function<void(const std::string& csymPath, std::string&& contents)>;
+  static std::map<std::string, std::string> generateCSYMsFromDSYMAtPath(const std::string& path,
+                                                                        float maxCoreSymbolicationVersion,
+                                                                        const WrittenFileHandler& written);
   // The same with the process-wide default maximum symbolication version.
   static std::map<std::string, std::string> generateCSYMsFromDSYMAtPath(const std::string& path);
 

@@ -1,6 +1,7 @@
 #include "symbols/csym_text.h"
 
 #include <charconv>
+#include <cstring>
 
 namespace symlift::symbols {
 
@@ -85,6 +86,116 @@ std::string formatCSYMText(std::uint64_t sourceType, const std::optional<std::st
     out.number(range.symbolIndex()).tab().number(range.fileIndex()).tab().number(range.lineNumber()).endLine();
   }
   return out.take();
+}
+
+namespace {
+
+// A range line holds five numbers; a typical one takes well under this.
+constexpr std::size_t kReservedRangeLineSize = 40;
+// Room kept in front of the ranges for the header, files and symbols, so
+// the finished text needs no second buffer (untouched room costs no memory).
+constexpr std::size_t kReservedPrefixShare = 4;  // a quarter of the ranges' room
+
+void appendNumber(std::string& out, std::int64_t value) {
+  char digits[24];
+  auto result = std::to_chars(digits, digits + sizeof digits, value);
+  out.append(digits, result.ptr);
+}
+
+}  // namespace
+
+CSYMTextBuilder::CSYMTextBuilder(std::size_t expectedRanges) {
+  const std::size_t rangeBytes = expectedRanges * kReservedRangeLineSize;
+  ranges_.reserve(rangeBytes + rangeBytes / kReservedPrefixShare);
+}
+
+std::int64_t CSYMTextBuilder::addSymbol(std::string_view name) {
+  symbols_.append(name);
+  symbols_.push_back('\n');
+  return static_cast<std::int64_t>(symbolCount_++);
+}
+
+std::int64_t CSYMTextBuilder::fileIndexFor(std::string_view path) {
+  if (path == lastPath_ && lastFileIndex_ >= 0) return lastFileIndex_;
+  std::string withoutLineFeeds;
+  std::string_view key = path;
+  if (path.find('\n') != std::string_view::npos) {
+    withoutLineFeeds.reserve(path.size());
+    for (char c : path)
+      if (c != '\n') withoutLineFeeds.push_back(c);
+    key = withoutLineFeeds;
+  }
+  auto found = fileIndexByPath_.find(key);
+  if (found == fileIndexByPath_.end()) {
+    found = fileIndexByPath_.emplace(std::string(key), static_cast<std::int64_t>(fileCount_++)).first;
+    files_.append(key);
+    files_.push_back('\n');
+  }
+  // Only a path without line feeds is its own key; others take the slow way.
+  if (key.data() == path.data()) {
+    lastPath_ = found->first;
+    lastFileIndex_ = found->second;
+  }
+  return found->second;
+}
+
+void CSYMTextBuilder::addRange(std::uint64_t location, std::uint64_t length, std::int64_t symbolIndex,
+                               std::optional<std::string_view> path, std::int64_t line) {
+  const std::int64_t fileIndex = path ? fileIndexFor(*path) : -1;
+  // Addresses are unsigned but written as signed numbers, like every count.
+  appendNumber(ranges_, static_cast<std::int64_t>(location));
+  ranges_.push_back('\t');
+  appendNumber(ranges_, static_cast<std::int64_t>(length));
+  ranges_.push_back('\t');
+  appendNumber(ranges_, symbolIndex);
+  ranges_.push_back('\t');
+  appendNumber(ranges_, fileIndex);
+  ranges_.push_back('\t');
+  appendNumber(ranges_, line);
+  ranges_.push_back('\n');
+  ++rangeCount_;
+}
+
+std::string CSYMTextBuilder::finish(std::uint64_t sourceType, const std::optional<std::string>& uuid,
+                                    std::string_view arch) {
+  std::string prefix;
+  prefix.reserve(128 + arch.size() + files_.size() + symbols_.size());
+  prefix.append("code_mapping\t1\t").append(sourceTypeName(sourceType)).push_back('\t');
+  prefix.append(uuid ? std::string_view(*uuid) : kNullText).push_back('\t');
+  prefix.append(arch).push_back('\t');
+  appendNumber(prefix, countOf(fileCount_));
+  prefix.push_back('\t');
+  appendNumber(prefix, countOf(symbolCount_));
+  prefix.push_back('\t');
+  appendNumber(prefix, countOf(rangeCount_));
+  prefix.append("\nfiles\t");
+  appendNumber(prefix, countOf(fileCount_));
+  prefix.push_back('\n');
+  prefix.append(files_);
+  std::string().swap(files_);
+  prefix.append("symbols\t");
+  appendNumber(prefix, countOf(symbolCount_));
+  prefix.push_back('\n');
+  prefix.append(symbols_);
+  std::string().swap(symbols_);
+  prefix.append("ranges\t");
+  appendNumber(prefix, countOf(rangeCount_));
+  prefix.push_back('\n');
+
+  // The range lines are the bulk: they move up inside their own buffer and
+  // the rest goes in front of them.
+  std::string text = std::move(ranges_);
+  ranges_.clear();
+  const std::size_t tail = text.size();
+  text.resize(tail + prefix.size());
+  std::memmove(text.data() + prefix.size(), text.data(), tail);
+  std::memcpy(text.data(), prefix.data(), prefix.size());
+
+  fileIndexByPath_.clear();
+  lastPath_ = {};
+  lastFileIndex_ = -1;
+  fileCount_ = symbolCount_ = rangeCount_ = 0;
+  return text;
 }
 
 }  // namespace symlift::symbols

@@ -8,9 +8,11 @@
 //   ranges<TAB><n>     then "<start><TAB><length><TAB><symbol><TAB><file><TAB><line>" per line
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "symbols/symbol_range.h"
@@ -34,5 +36,46 @@ std::string_view sourceTypeName(std::uint64_t sourceType);
 std::string formatCSYMText(std::uint64_t sourceType, const std::optional<std::string>& uuid, std::string_view arch,
                            const std::vector<std::string>& files, const std::vector<std::string>& symbols,
                            const std::vector<SUPSymbolRange>& ranges);
+
+// Builds the text formatCSYMText would write for the same files, symbols and
+// ranges while a slice is being read, without a list of range objects: symbol
+// names and range lines go straight into text, and files are numbered in
+// order of first use as they come.
+class CSYMTextBuilder {
+ public:
+  // expectedRanges only sizes the buffer (reserved, not touched).
+  explicit CSYMTextBuilder(std::size_t expectedRanges = 0);
+
+  // Appends a symbol; returns its index.
+  std::int64_t addSymbol(std::string_view name);
+  // Appends a range line. A path gets the index of its first use (line feeds
+  // removed, as in the file list); no path is file -1.
+  void addRange(std::uint64_t location, std::uint64_t length, std::int64_t symbolIndex,
+                std::optional<std::string_view> path, std::int64_t line);
+
+  std::size_t fileCount() const { return fileCount_; }
+  std::size_t symbolCount() const { return symbolCount_; }
+  std::size_t rangeCount() const { return rangeCount_; }
+
+  // The whole text; the builder is empty afterwards.
+  std::string finish(std::uint64_t sourceType, const std::optional<std::string>& uuid, std::string_view arch);
+
+ private:
+  std::int64_t fileIndexFor(std::string_view path);
+
+  struct Hash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
+  };
+
+  std::string files_;
+  std::string symbols_;
+  std::string ranges_;
+  std::size_t fileCount_ = 0, symbolCount_ = 0, rangeCount_ = 0;
+  std::unordered_map<std::string, std::int64_t, Hash, std::equal_to<>> fileIndexByPath_;
+  // Consecutive ranges mostly share a file: the last one found is checked first.
+  std::string_view lastPath_;
+  std::int64_t lastFileIndex_ = -1;
+};
 
 }  // namespace symlift::symbols

@@ -226,19 +226,36 @@ std::string SUPSymbolProcessor::formattedDataVersion(std::uint64_t /*version*/, 
   return formatCSYMText(sourceType, uuid, arch, files, symbols, ranges);
 }
 
-void SUPSymbolProcessor::enumerateFormattedDataVersion(std::uint64_t version, const std::string& path,
+void SUPSymbolProcessor::enumerateFormattedDataVersion(std::uint64_t /*version*/, const std::string& path,
                                                        float maxVersion, const FormattedDataVisitor& visitor) {
+  // Only format version 1 exists; the requested version does not change the
+  // text. The text is the one formattedDataVersion writes for the lists of
+  // enumerateSymbolicationDataFromFile, built as the symbols come instead of
+  // through a list of range objects (a large slice has millions of ranges).
   loadCoreSymbolication(maxVersion);
-  collectSlices(executablePathForInputPath(path),
-                [&](std::uint64_t sourceType, const std::optional<std::string>& uuid, const std::string& arch,
-                    SliceLists& lists, const support::ErrorPtr& error) {
-                  std::string data =
-                      formattedDataVersion(version, sourceType, uuid, arch, lists.files, lists.symbols, lists.ranges);
-                  // The lists are not needed once the text exists; free them before
-                  // the visitor (which may write a file) runs.
-                  lists = SliceLists();
-                  visitor(sourceType, uuid, arch, data, error);
-                });
+  enumerateSymbolOwnersAtPath(
+      executablePathForInputPath(path),
+      [&](const SymbolOwner& owner, const std::optional<std::string>& uuid, const std::string& arch) {
+        const std::uint64_t base = owner.baseAddress();
+        CSYMTextBuilder builder(owner.sourceInfoCountHint());
+        enumerateTextRegionSymbolsForOwner(owner, [&](const SymbolInfo& symbol, std::string_view name) {
+          if (name == kNullSymbolName) return;
+          const std::int64_t symbolIndex = builder.addSymbol(name);
+          // The same ranges enumerateSymbolRangesForSymbol hands out.
+          for (const SourceInfo& info : symbol.sourceInfos) {
+            std::optional<std::string_view> rangePath;
+            if (!info.path.empty()) rangePath = info.path;
+            const std::int64_t line = info.line <= kMaximumLineNumber ? static_cast<std::int64_t>(info.line) : -1;
+            builder.addRange(info.address - base, info.length, symbolIndex, rangePath, line);
+          }
+          if (symbol.sourceInfos.empty())
+            builder.addRange(symbol.address - base, symbol.length, symbolIndex, std::nullopt, -1);
+        });
+        support::ErrorPtr error;
+        if (!uuid || uuid->empty()) error = support::makeError(kSymbolicationErrorDomain, 0);
+        std::string data = builder.finish(sourceTypeForOwner(owner), uuid, arch);
+        visitor(sourceTypeForOwner(owner), uuid, arch, data, error);
+      });
 }
 
 void SUPSymbolProcessor::enumerateFormattedDataVersion(std::uint64_t version, const std::string& path,

@@ -43,7 +43,7 @@ class SUPSymbolProcessor {
  public:
   using FormattedDataVisitor =
       std::function<void(std::uint64_t sourceType, const std::optional<std::string>& uuid, const std::string& arch,
-                         const std::string& data, const support::ErrorPtr& error)>;
+                         std::string& data, const support::ErrorPtr& error)>;
   using SymbolicationDataVisitor = std::function<void(
       std::uint64_t sourceType, const std::optional<std::string>& uuid, const std::string& arch,
       const std::vector<std::string>& files, const std::vector<std::string>& symbols,
@@ -55,7 +55,8 @@ class SUPSymbolProcessor {
   using SymbolNameVisitor = std::function<void(const std::string& name)>;
 
   // Calls the visitor once per slice with that slice's complete cSYM text. A
-  // slice without a UUID comes with an error but is still formatted.
+  // slice without a UUID comes with an error but is still formatted. The
+  // visitor may keep the text (move it away).
   static void enumerateFormattedDataVersion(std::uint64_t version, const std::string& path, float maxVersion,
                                             const FormattedDataVisitor& visitor);
   static void enumerateFormattedDataVersion(std::uint64_t version, const std::string& path,

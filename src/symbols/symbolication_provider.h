@@ -60,6 +60,9 @@ class SymbolOwner {
   virtual bool isObject() const = 0;
   // Visits the code symbols of the "__TEXT __text" region in address order.
   virtual void forEachTextSymbol(const std::function<void(const SymbolInfo&)>& visitor) const = 0;
+  // About how many source records forEachTextSymbol will hand out (to size
+  // buffers); 0 when not known.
+  virtual std::size_t sourceInfoCountHint() const { return 0; }
 };
 
 class Symbolicator {

@@ -149,13 +149,22 @@ void DebugInfo::readUnitDie(UnitInfo& unit) {
   if (lowPc) resolveAddress(*lowPc, sections_, unit.context, unit.bases, unit.baseAddress);
 }
 
+std::uint64_t DebugInfo::functionRangeBudget() const {
+  return 4 * std::uint64_t{sections_.ranges.size() + sections_.rnglists.size()} + (1u << 16);
+}
+
 std::vector<FunctionRange> DebugInfo::functionRanges() const {
+  std::uint64_t budget = functionRangeBudget();
+  return functionRanges(0, units_.size(), budget);
+}
+
+std::vector<FunctionRange> DebugInfo::functionRanges(std::size_t firstUnit, std::size_t endUnit,
+                                                     std::uint64_t& rangeBudget) const {
   std::vector<FunctionRange> functions;
   std::vector<AddressRange> ranges;
-  // Range-list entries all subprograms together may read: many DIEs of a
-  // damaged unit could name one long list.
-  std::uint64_t rangeBudget = 4 * std::uint64_t{sections_.ranges.size() + sections_.rnglists.size()} + (1u << 16);
-  for (const UnitInfo& unit : units_) {
+  endUnit = std::min(endUnit, units_.size());
+  for (std::size_t u = firstUnit; u < endUnit; ++u) {
+    const UnitInfo& unit = units_[u];
     if (!unit.abbreviations) continue;
     if (unit.tag != kTagCompileUnit && unit.tag != kTagPartialUnit && unit.tag != kTagSkeletonUnit) continue;
     if (unit.unitType != kUnitCompile && unit.unitType != kUnitPartial && unit.unitType != kUnitSkeleton) continue;

@@ -52,6 +52,13 @@ class DebugInfo {
   // Every range of every subprogram with code, in DIE order. Inlined
   // subroutines are not subprograms. A damaged unit ends where the damage is.
   std::vector<FunctionRange> functionRanges() const;
+  // The same for units [firstUnit, endUnit) only, drawing on budget (range-list
+  // entries the walk may still read; start from functionRangeBudget()). Runs
+  // over disjoint unit spans may go on separate threads.
+  std::vector<FunctionRange> functionRanges(std::size_t firstUnit, std::size_t endUnit, std::uint64_t& budget) const;
+  // Range-list entries all subprograms together may read: many DIEs of a
+  // damaged unit could name one long list.
+  std::uint64_t functionRangeBudget() const;
 
   // The linkage name and the name of the subprogram at dieOffset, each
   // looked up on the DIE first and then along its DW_AT_specification and

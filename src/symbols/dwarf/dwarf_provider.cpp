@@ -1,5 +1,9 @@
 #include "symbols/dwarf/dwarf_provider.h"
 
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+
 #include "macho/architecture_names.h"
 #include "symbols/dwarf/image_symbols.h"
 #include "symbols/dwarf/macho_image.h"
@@ -18,11 +22,25 @@ namespace symlift::symbols::dwarf {
 
 namespace {
 
+// Hands the pages of freed heap memory back to the system, so that what one
+// slice needed does not stay counted while the next is read.
+void returnFreeMemory() {
+#ifdef __GLIBC__
+  ::malloc_trim(0);
+#endif
+}
+
 // The image itself as its only symbol owner. Symbols are read when the
 // owner is made and live as long as it does.
 class ImageOwner final : public SymbolOwner {
  public:
-  explicit ImageOwner(const MachOImage& image) : image_(image), symbols_(readImageSymbols(image)) {}
+  // Once the symbols are made nothing points into the slice any more (names
+  // and paths are copies): its pages leave memory.
+  ImageOwner(const MachOImage& image, const MappedFile& file) : image_(image), symbols_(readImageSymbols(image)) {
+    file.release(image.bytes);
+    // The decoding threads' lists are gone too.
+    returnFreeMemory();
+  }
 
   std::uint64_t baseAddress() const override { return image_.textSegmentAddress; }
   std::optional<std::array<std::uint8_t, 16>> uuidBytes() const override { return image_.uuid; }
@@ -34,16 +52,21 @@ class ImageOwner final : public SymbolOwner {
   bool isObject() const override { return image_.fileType == kMachOFileObject; }
 
   void forEachTextSymbol(const std::function<void(const SymbolInfo&)>& visitor) const override {
+    std::vector<SourceInfo> sources;  // one symbol's, reused
     for (const ImageSymbol& symbol : symbols_.symbols) {
       SymbolInfo info;
       info.mangledName = symbol.mangledName;
       info.name = symbol.name;
       info.address = symbol.address;
       info.length = symbol.length;
-      info.sourceInfos = std::span<const SourceInfo>(symbols_.sources).subspan(symbol.firstSource, symbol.sourceCount);
+      sources.clear();
+      for (std::size_t i = 0; i < symbol.sourceCount; ++i) sources.push_back(symbols_.source(symbol.firstSource + i));
+      info.sourceInfos = sources;
       visitor(info);
     }
   }
+
+  std::size_t sourceInfoCountHint() const override { return symbols_.sources.size() + symbols_.symbols.size(); }
 
  private:
   const MachOImage& image_;
@@ -52,19 +75,20 @@ class ImageOwner final : public SymbolOwner {
 
 class ImageSymbolicator final : public Symbolicator {
  public:
-  explicit ImageSymbolicator(const MachOImage& image) : image_(image) {}
+  ImageSymbolicator(const MachOImage& image, const MappedFile& file) : image_(image), file_(file) {}
 
   SymbolicationArchitecture architecture() const override {
     return SymbolicationArchitecture{image_.cputype, image_.cpusubtype};
   }
 
   void forEachSymbolOwner(const std::function<void(const SymbolOwner&)>& visitor) const override {
-    ImageOwner owner(image_);
+    ImageOwner owner(image_, file_);
     visitor(owner);
   }
 
  private:
   const MachOImage& image_;
+  const MappedFile& file_;
 };
 
 class DwarfSymbolicationProvider final : public SymbolicationProvider {
@@ -75,8 +99,12 @@ class DwarfSymbolicationProvider final : public SymbolicationProvider {
     if (!file) return;
     std::vector<MachOImage> images = readMachOImages(file->bytes());
     for (const MachOImage& image : images) {
-      ImageSymbolicator symbolicator(image);
+      ImageSymbolicator symbolicator(image, *file);
       visitor(symbolicator);
+      // Slices are read one after the other: this one's pages can go, and
+      // so can the memory its lists took.
+      file->release(image.bytes);
+      returnFreeMemory();
     }
   }
 };

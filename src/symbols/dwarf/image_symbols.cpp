@@ -1,6 +1,11 @@
 #include "symbols/dwarf/image_symbols.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <span>
+#include <system_error>
+#include <thread>
 
 #include "symbols/dwarf/debug_info.h"
 #include "symbols/dwarf/demangle.h"
@@ -31,44 +36,208 @@ struct LineSpan {
 
 void setNames(ImageSymbol& symbol, const Candidate& candidate, const DebugInfo* debugInfo, ImageSymbols& out) {
   if (candidate.tableName) {
-    symbol.mangledName = *candidate.tableName;
+    symbol.mangledName = out.names.copy(*candidate.tableName);
   } else if (debugInfo) {
     FunctionNames names = debugInfo->namesOf(candidate.dieOffset);
     if (names.linkageName) {
       // DWARF linkage names lack the Mach-O underscore of symbol-table names.
-      symbol.mangledName = out.keep("_" + std::string(*names.linkageName));
+      std::string mangled;
+      mangled.reserve(names.linkageName->size() + 1);
+      mangled.push_back('_');
+      mangled.append(*names.linkageName);
+      symbol.mangledName = out.names.copy(mangled);
     } else if (names.name) {
-      symbol.mangledName = *names.name;
-      symbol.name = *names.name;
+      symbol.mangledName = out.names.copy(*names.name);
+      symbol.name = symbol.mangledName;
       return;
     }
   }
   if (!symbol.mangledName) return;
-  if (auto demangled = demangleItanium(*symbol.mangledName)) symbol.name = out.keep(std::move(*demangled));
+  if (auto demangled = demangleItanium(*symbol.mangledName)) symbol.name = out.names.copy(*demangled);
   else symbol.name = plainDisplayName(*symbol.mangledName);
 }
 
-std::vector<LineSpan> lineSpans(const LineTables& tables, const MachOSection& text) {
-  std::vector<LineSpan> spans;
+// The spans of every sequence inside the text section, in address order,
+// with their files numbered across all groups (group g's file f is
+// pathBase[g] + f). Sequences rarely overlap: taken in order of their start
+// they almost always give strictly increasing spans already, and then that
+// order is the only sorted one. Otherwise all spans are sorted, earlier
+// sequences (in group order) first on ties.
+std::vector<LineSpan> lineSpans(const std::vector<LineTables>& groups, const std::vector<std::uint32_t>& pathBase,
+                                const MachOSection& text) {
   const std::uint64_t textEnd = text.address + text.size;
-  for (const LineSequence& sequence : tables.sequences) {
-    // Sequences outside the text section belong to code the linker removed.
-    if (sequence.low < text.address || sequence.low >= textEnd) continue;
+  struct SequenceRef {
+    std::uint32_t group;
+    std::uint32_t sequence;
+  };
+  std::vector<SequenceRef> order;
+  std::size_t rowCount = 0;
+  for (std::size_t g = 0; g < groups.size(); ++g) {
+    for (std::size_t i = 0; i < groups[g].sequences.size(); ++i) {
+      const LineSequence& sequence = groups[g].sequences[i];
+      // Sequences outside the text section belong to code the linker removed.
+      if (sequence.low < text.address || sequence.low >= textEnd) continue;
+      order.push_back({static_cast<std::uint32_t>(g), static_cast<std::uint32_t>(i)});
+      rowCount += sequence.rowCount;
+    }
+  }
+  auto sequenceOf = [&](SequenceRef ref) -> const LineSequence& { return groups[ref.group].sequences[ref.sequence]; };
+  auto appendSpans = [&](std::vector<LineSpan>& spans, SequenceRef ref) {
+    const LineTables& tables = groups[ref.group];
+    const LineSequence& sequence = sequenceOf(ref);
+    const std::uint32_t base = pathBase[ref.group];
     for (std::size_t i = 0; i < sequence.rowCount; ++i) {
       const LineRow& row = tables.rows[sequence.firstRow + i];
       std::uint64_t end = i + 1 < sequence.rowCount ? tables.rows[sequence.firstRow + i + 1].address : sequence.high;
       if (end <= row.address) continue;  // a later row at the same address wins
-      spans.push_back({row.address, end, row.file, row.line});
+      spans.push_back({row.address, end, row.file == kNoFile ? kNoFile : base + row.file, row.line});
     }
-  }
+  };
+  std::vector<LineSpan> spans;
+  spans.reserve(rowCount);
+  std::vector<SequenceRef> byStart = order;
+  std::stable_sort(byStart.begin(), byStart.end(),
+                   [&](SequenceRef a, SequenceRef b) { return sequenceOf(a).low < sequenceOf(b).low; });
+  for (SequenceRef ref : byStart) appendSpans(spans, ref);
+  const bool strictlyIncreasing =
+      std::adjacent_find(spans.begin(), spans.end(),
+                         [](const LineSpan& a, const LineSpan& b) { return a.start >= b.start; }) == spans.end();
+  if (strictlyIncreasing) return spans;
+  spans.clear();
+  for (SequenceRef ref : order) appendSpans(spans, ref);
   std::stable_sort(spans.begin(), spans.end(), [](const LineSpan& a, const LineSpan& b) { return a.start < b.start; });
   return spans;
 }
 
-void attachSources(ImageSymbols& out, const std::vector<LineSpan>& spans, const LineTables& tables) {
+// Runs task(0) … task(count - 1) on up to `threads` threads (this one included).
+template <typename Task>
+void runTasks(std::size_t count, unsigned threads, const Task& task) {
+  std::atomic<std::size_t> next{0};
+  auto work = [&] {
+    for (std::size_t i; (i = next.fetch_add(1)) < count;) task(i);
+  };
+  std::vector<std::jthread> workers;
+  for (unsigned t = 1; t < threads && t < count; ++t) {
+    try {
+      workers.emplace_back(work);
+    } catch (const std::system_error&) {
+      break;  // out of threads: the rest is done here
+    }
+  }
+  work();
+}
+
+// Units are read in groups, a few per thread so that uneven units balance.
+constexpr std::size_t kGroupsPerThread = 4;
+// Fewer units than this per thread are not worth a thread.
+constexpr std::size_t kMinimumUnitsPerThread = 16;
+
+std::atomic<unsigned> maxDecodeThreads{0};
+std::atomic<std::size_t> minimumUnitsPerThread{kMinimumUnitsPerThread};
+
+unsigned decodeThreadsFor(std::size_t units) {
+  unsigned threads = maxDecodeThreads.load();
+  if (threads == 0) threads = std::max(1u, std::thread::hardware_concurrency());
+  const std::size_t perThread = std::max<std::size_t>(minimumUnitsPerThread.load(), 1);
+  return static_cast<unsigned>(std::clamp<std::size_t>(units / perThread, 1, threads));
+}
+
+// [begin, end) of group g when n items are cut into `groups` nearly equal parts.
+std::pair<std::size_t, std::size_t> groupBounds(std::size_t n, std::size_t groups, std::size_t g) {
+  return {n * g / groups, n * (g + 1) / groups};
+}
+
+// Every subprogram range of every unit, in DIE order: the same list as
+// DebugInfo::functionRanges(), read by several threads.
+std::vector<FunctionRange> readFunctionRanges(const DebugInfo& debugInfo, unsigned threads) {
+  const std::size_t unitCount = debugInfo.units().size();
+  if (threads <= 1) return debugInfo.functionRanges();
+  const std::size_t groups = std::min<std::size_t>(threads * kGroupsPerThread, unitCount);
+  const std::uint64_t budget = debugInfo.functionRangeBudget();
+  std::vector<std::vector<FunctionRange>> parts(groups);
+  std::vector<std::uint64_t> used(groups, 0);
+  runTasks(groups, threads, [&](std::size_t g) {
+    auto [begin, end] = groupBounds(unitCount, groups, g);
+    std::uint64_t left = budget;
+    parts[g] = debugInfo.functionRanges(begin, end, left);
+    used[g] = budget - left;
+  });
+  // Each group had the whole budget to itself. Only when all of them
+  // together stayed under it is the result the one-pass walk's; otherwise
+  // (a damaged file) the walk is repeated in one pass.
+  std::uint64_t total = 0;
+  for (std::uint64_t n : used) total += n;
+  if (total >= budget) return debugInfo.functionRanges();
+  std::size_t count = 0;
+  for (const auto& part : parts) count += part.size();
+  std::vector<FunctionRange> functions;
+  functions.reserve(count);
+  for (auto& part : parts) {
+    functions.insert(functions.end(), part.begin(), part.end());
+    std::vector<FunctionRange>().swap(part);
+  }
+  return functions;
+}
+
+// One group of line tables and the text its paths point into.
+struct LineGroup {
+  LineTables tables;
+  std::deque<std::string> strings;
+  bool anyRead = false;         // a table of the group was read
+  std::uint64_t readUntil = 0;  // just past the last table read
+};
+
+// Reads the tables of units (sorted by table offset), skipping any that
+// starts inside a table already read, from readUntil on.
+void readLineGroup(const DwarfSections& sections, std::span<const UnitInfo* const> units, std::uint64_t readUntil,
+                   LineGroup& group) {
+  group.readUntil = readUntil;
+  for (const UnitInfo* unit : units) {
+    if (*unit->stmtList < group.readUntil) continue;
+    if (auto end = readLineTable(sections, *unit, *unit->stmtList, group.tables, group.strings)) {
+      group.readUntil = *end;
+      group.anyRead = true;
+    }
+  }
+}
+
+// Each line table once, in section order. Tables do not overlap; a unit
+// naming an offset inside a table already read is damaged (and skipping it
+// keeps the work linear in the section's size). Groups of units are read on
+// several threads, each as if nothing had been read before it; a group is
+// read again, in order, when what came before would have changed its choices.
+std::vector<LineGroup> readLineGroups(const DwarfSections& sections, const DebugInfo& debugInfo, unsigned threads) {
+  std::vector<const UnitInfo*> units;
+  for (const UnitInfo& unit : debugInfo.units())
+    if (unit.stmtList) units.push_back(&unit);
+  std::stable_sort(units.begin(), units.end(),
+                   [](const UnitInfo* a, const UnitInfo* b) { return *a->stmtList < *b->stmtList; });
+  const std::size_t groupCount = threads <= 1 ? 1 : std::min<std::size_t>(threads * kGroupsPerThread, units.size());
+  std::vector<LineGroup> groups(std::max<std::size_t>(groupCount, 1));
+  auto unitsOf = [&](std::size_t g) {
+    auto [begin, end] = groupBounds(units.size(), groups.size(), g);
+    return std::span<const UnitInfo* const>(units.data() + begin, end - begin);
+  };
+  runTasks(groups.size(), threads, [&](std::size_t g) { readLineGroup(sections, unitsOf(g), 0, groups[g]); });
+  std::uint64_t readUntil = 0;
+  for (std::size_t g = 0; g < groups.size(); ++g) {
+    std::span<const UnitInfo* const> span = unitsOf(g);
+    // Read from 0, the group chose as one pass would have exactly when its
+    // first table (the lowest offset) does not start before readUntil.
+    if (!span.empty() && *span.front()->stmtList < readUntil) {
+      groups[g] = LineGroup();
+      readLineGroup(sections, span, readUntil, groups[g]);
+    }
+    if (groups[g].anyRead) readUntil = groups[g].readUntil;
+  }
+  return groups;
+}
+
+void attachSources(ImageSymbols& out, const std::vector<LineSpan>& spans) {
   // Symbols are in address order; spans are found from where the previous
   // symbol's search ended, stepping back only over spans that may still
   // reach into the next symbol.
+  auto pathOf = [&](std::uint32_t path) { return path == kNoPath ? std::string_view{} : out.paths[path]; };
   std::size_t cursor = 0;
   for (ImageSymbol& symbol : out.symbols) {
     const std::uint64_t start = symbol.address;
@@ -85,16 +254,17 @@ void attachSources(ImageSymbols& out, const std::vector<LineSpan>& spans, const 
       std::uint64_t from = std::max({span.start, start, covered});
       std::uint64_t to = std::min(span.end, end);
       if (to <= from) continue;
-      std::string_view path = span.file == kNoFile ? std::string_view{} : tables.paths[span.file];
+      const std::uint32_t path = span.file == kNoFile ? kNoPath : span.file;
       bool merged = false;
       if (out.sources.size() > symbol.firstSource) {
-        SourceInfo& last = out.sources.back();
-        if (last.address + last.length == from && last.line == span.line && last.path == path) {
+        SourceRecord& last = out.sources.back();
+        if (last.address + last.length == from && last.line == span.line &&
+            (last.path == path || pathOf(last.path) == pathOf(path))) {
           last.length = to - last.address;
           merged = true;
         }
       }
-      if (!merged) out.sources.push_back({path, span.line, from, to - from});
+      if (!merged) out.sources.push_back({from, to - from, path, span.line});
       covered = to;
     }
     symbol.sourceCount = out.sources.size() - symbol.firstSource;
@@ -115,9 +285,11 @@ ImageSymbols readImageSymbols(const MachOImage& image) {
   DwarfSections sections = DwarfSections::of(image);
   std::optional<DebugInfo> debugInfo;
   std::vector<FunctionRange> functions;
+  unsigned threads = 1;
   if (!sections.info.empty()) {
     debugInfo.emplace(sections);
-    functions = debugInfo->functionRanges();
+    threads = decodeThreadsFor(debugInfo->units().size());
+    functions = readFunctionRanges(*debugInfo, threads);
     std::erase_if(functions, [&](const FunctionRange& f) { return !inText(f.low); });
     std::stable_sort(functions.begin(), functions.end(),
                      [](const FunctionRange& a, const FunctionRange& b) { return a.low < b.low; });
@@ -156,23 +328,43 @@ ImageSymbols readImageSymbols(const MachOImage& image) {
   }
 
   if (debugInfo) {
-    // Each line table once, in section order. Tables do not overlap; a
-    // unit naming an offset inside a table already read is damaged (and
-    // skipping it keeps the work linear in the section's size).
-    std::vector<const UnitInfo*> units;
-    for (const UnitInfo& unit : debugInfo->units())
-      if (unit.stmtList) units.push_back(&unit);
-    std::stable_sort(units.begin(), units.end(),
-                     [](const UnitInfo* a, const UnitInfo* b) { return *a->stmtList < *b->stmtList; });
-    LineTables tables;
-    std::uint64_t readUntil = 0;
-    for (const UnitInfo* unit : units) {
-      if (*unit->stmtList < readUntil) continue;
-      if (auto end = readLineTable(sections, *unit, *unit->stmtList, tables, out.strings)) readUntil = *end;
+    std::vector<LineGroup> groups = readLineGroups(sections, *debugInfo, threads);
+    std::vector<LineTables> tables;
+    std::vector<std::uint32_t> pathBase;
+    for (LineGroup& group : groups) {
+      pathBase.push_back(static_cast<std::uint32_t>(out.paths.size()));
+      out.paths.insert(out.paths.end(), group.tables.paths.begin(), group.tables.paths.end());
+      // Moving a deque keeps its strings where they are: the paths stay valid.
+      out.stringPools.push_back(std::move(group.strings));
+      tables.push_back(std::move(group.tables));
     }
-    attachSources(out, lineSpans(tables, text), tables);
+    std::vector<LineGroup>().swap(groups);
+    std::vector<LineSpan> spans = lineSpans(tables, pathBase, text);
+    // The rows are all in the spans now.
+    std::vector<LineTables>().swap(tables);
+    out.sources.reserve(spans.size() + spans.size() / 8);
+    attachSources(out, spans);
   }
   return out;
+}
+
+std::string_view TextArena::copy(std::string_view text) {
+  if (text.empty()) return {};
+  if (text.size() > capacity_ - used_) {
+    const std::size_t size = std::max(kBlockSize, text.size());
+    blocks_.push_back(std::make_unique_for_overwrite<char[]>(size));
+    used_ = 0;
+    capacity_ = size;
+  }
+  char* at = blocks_.back().get() + used_;
+  std::memcpy(at, text.data(), text.size());
+  used_ += text.size();
+  return {at, text.size()};
+}
+
+void setMaxDecodeThreads(unsigned threads, std::size_t unitsPerThread) {
+  maxDecodeThreads.store(threads);
+  minimumUnitsPerThread.store(unitsPerThread == 0 ? kMinimumUnitsPerThread : unitsPerThread);
 }
 
 }  // namespace symlift::symbols::dwarf

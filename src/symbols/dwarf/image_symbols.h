@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -24,16 +25,59 @@ struct ImageSymbol {
   std::size_t sourceCount = 0;
 };
 
-struct ImageSymbols {
-  std::vector<ImageSymbol> symbols;
-  std::vector<SourceInfo> sources;
-  // Text that is not in the file itself (full paths, demangled names); a
-  // deque so that views into it stay valid as it grows.
-  std::deque<std::string> strings;
+// A source record kept compactly: its path is an index into
+// ImageSymbols::paths (kNoPath when unknown).
+struct SourceRecord {
+  std::uint64_t address = 0;
+  std::uint64_t length = 0;
+  std::uint32_t path = 0;
+  std::uint32_t line = 0;
+};
+inline constexpr std::uint32_t kNoPath = UINT32_MAX;
 
-  std::string_view keep(std::string text) { return strings.emplace_back(std::move(text)); }
+// Copies of short texts in large blocks: views into it stay valid as it
+// grows, and a few blocks replace a heap allocation per name.
+class TextArena {
+ public:
+  std::string_view copy(std::string_view text);
+
+ private:
+  static constexpr std::size_t kBlockSize = std::size_t{1} << 20;
+  std::vector<std::unique_ptr<char[]>> blocks_;
+  std::size_t used_ = 0;
+  std::size_t capacity_ = 0;
 };
 
+struct ImageSymbols {
+  std::vector<ImageSymbol> symbols;
+  std::vector<SourceRecord> sources;
+  std::vector<std::string_view> paths;
+  // The names of the symbols: copied out of the file (whose pages can then
+  // go) or made here (demangled names).
+  TextArena names;
+  // Other text that is not in the file itself; a deque so that views into
+  // it stay valid as it grows.
+  std::deque<std::string> strings;
+  // The line tables' full paths, one pool per group of units read together.
+  std::deque<std::deque<std::string>> stringPools;  // a deque: pools never move
+
+  std::string_view keep(std::string text) { return strings.emplace_back(std::move(text)); }
+
+  // Source record i as the symbolication interface describes it.
+  SourceInfo source(std::size_t i) const {
+    const SourceRecord& record = sources[i];
+    return {record.path == kNoPath ? std::string_view{} : paths[record.path], record.line, record.address,
+            record.length};
+  }
+};
+
+// Units are decoded on up to one thread per core; the result does not
+// depend on how many.
 ImageSymbols readImageSymbols(const MachOImage& image);
+
+// At most this many threads decode one image (0: one per core), each taking
+// at least unitsPerThread units (0: the default, 16). For tests and
+// measurements.
+void setMaxDecodeThreads(unsigned threads, std::size_t unitsPerThread = 0);
 
 }  // namespace symlift::symbols::dwarf

@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdint>
+
 namespace symlift::symbols::dwarf {
 
 std::shared_ptr<MappedFile> MappedFile::open(const std::string& path) {
@@ -26,6 +28,17 @@ std::shared_ptr<MappedFile> MappedFile::open(const std::string& path) {
   }
   ::close(fd);  // the mapping keeps the file alive
   return std::make_shared<MappedFile>(Key{}, address, size);
+}
+
+void MappedFile::release(Bytes range) const {
+  const auto begin = reinterpret_cast<std::uintptr_t>(address_);
+  const auto first = reinterpret_cast<std::uintptr_t>(range.data());
+  if (range.empty() || first < begin || first + range.size() > begin + size_) return;
+  const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
+  const std::uintptr_t from = (first + page - 1) / page * page;
+  const std::uintptr_t to = (first + range.size()) / page * page;
+  // A private, read-only file mapping: dropped pages come back from the file.
+  if (to > from) ::madvise(reinterpret_cast<void*>(from), to - from, MADV_DONTNEED);
 }
 
 MappedFile::~MappedFile() {

@@ -19,6 +19,11 @@ class MappedFile {
 
   Bytes bytes() const { return {static_cast<const std::uint8_t*>(address_), size_}; }
 
+  // Tells the system the pages wholly inside range (a part of bytes()) are
+  // not needed for now: they leave the process's memory and are read again
+  // from the file if touched later. The contents seen do not change.
+  void release(Bytes range) const;
+
   // Only open() makes one.
   struct Key {
    private:

@@ -29,7 +29,7 @@ std::string render(const ImageSymbols& symbols) {
                   static_cast<int>(symbol.name ? symbol.name->size() : 1), symbol.name ? symbol.name->data() : "-");
     text += line;
     for (std::size_t i = 0; i < symbol.sourceCount; ++i) {
-      const SourceInfo& source = symbols.sources[symbol.firstSource + i];
+      const SourceInfo source = symbols.source(symbol.firstSource + i);
       std::snprintf(line, sizeof line, "  %llx+%llx %.*s:%llu\n", static_cast<unsigned long long>(source.address - kText),
                     static_cast<unsigned long long>(source.length), static_cast<int>(source.path.size()),
                     source.path.data(), static_cast<unsigned long long>(source.line));
@@ -425,7 +425,7 @@ TEST(ImageSymbolsTest, DamagedDwarfGivesFewerRecordsNeverACrash) {
         EXPECT_GE(symbol.address, kText);
         EXPECT_LE(symbol.address + symbol.length, kText + 0x1000);
         for (std::size_t i = 0; i < symbol.sourceCount; ++i) {
-          const SourceInfo& source = symbols.sources[symbol.firstSource + i];
+          const SourceInfo source = symbols.source(symbol.firstSource + i);
           EXPECT_GE(source.address, symbol.address);
           EXPECT_LE(source.address + source.length, symbol.address + symbol.length);
         }
