@@ -1,5 +1,6 @@
 #include "operations/dispatch_queue.h"
 
+#include <algorithm>
 #include <map>
 #include <thread>
 
@@ -17,6 +18,13 @@ class BackgroundQueue : public DispatchQueue {
 
 // One thread that holds delayed work until it is due and then hands it to
 // the queue it was meant for.
+//
+// The thread never sleeps longer than kLongestSleep before it looks at the
+// clock and its list again. Every change of the list notifies it, so this
+// costs nothing when all goes well; it bounds the damage of a wake-up that
+// never arrives (the C library's condition variables have had rare lost
+// wake-ups under heavy load) to a short delay instead of work that waits
+// forever.
 class DelayedDispatcher {
  public:
   static DelayedDispatcher& shared() {
@@ -46,16 +54,19 @@ class DelayedDispatcher {
   }
 
  private:
+  static constexpr std::chrono::milliseconds kLongestSleep{250};
+
   void loop() {
     std::unique_lock<std::mutex> lock(mutex_);
     while (!stopping_) {
+      const auto now = std::chrono::steady_clock::now();
       if (pending_.empty()) {
-        wake_.wait(lock);
+        wake_.wait_until(lock, now + kLongestSleep);
         continue;
       }
       auto next = pending_.begin();
-      if (std::chrono::steady_clock::now() < next->first) {
-        wake_.wait_until(lock, next->first);
+      if (now < next->first) {
+        wake_.wait_until(lock, std::min(next->first, now + kLongestSleep));
         continue;
       }
       std::function<void()> fire = std::move(next->second);

@@ -3,6 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <condition_variable>
+#include <cstdlib>
+#include <functional>
+#include <memory>
 #include <future>
 #include <mutex>
 #include <thread>
@@ -89,6 +93,59 @@ TEST(DispatchQueueTest, DelayedItemsFireInDueOrder) {
   queue->asyncAfter(40ms, [&] { order.push_back(2); });
   done.get_future().wait();
   EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
+}
+
+// The retry ladder's shape: delayed work that, when it runs on the
+// background queue, schedules the next delayed step. Many ladders at once,
+// with delays of a millisecond or two, must all reach their end.
+TEST(DispatchQueueTest, DelayedChainsScheduledFromFiredWorkAllFinish) {
+  constexpr int kChains = 48, kSteps = 25;
+  struct Shared {
+    std::mutex mutex;
+    std::condition_variable finished;
+    int chainsDone = 0;
+    std::atomic<int> steps{0};
+  };
+  auto shared = std::make_shared<Shared>();
+  auto queue = SerialDispatchQueue::create("test.chains");
+  std::function<void(int, int)> step = [&](int chain, int remaining) {
+    ++shared->steps;
+    if (remaining == 0) {
+      std::lock_guard<std::mutex> guard(shared->mutex);
+      ++shared->chainsDone;
+      shared->finished.notify_all();
+      return;
+    }
+    auto delay = std::chrono::microseconds((chain * 7 + remaining * 13) % 2000);
+    DispatchQueue& target = chain % 3 == 0 ? static_cast<DispatchQueue&>(*queue) : backgroundQueue();
+    target.asyncAfter(delay, [&step, chain, remaining] { step(chain, remaining - 1); });
+  };
+  std::vector<std::thread> starters;
+  for (int t = 0; t < 4; ++t)
+    starters.emplace_back([&, t] {
+      for (int chain = t; chain < kChains; chain += 4) step(chain, kSteps);
+    });
+  for (auto& thread : starters) thread.join();
+
+  std::unique_lock<std::mutex> lock(shared->mutex);
+  bool all = shared->finished.wait_for(lock, 60s, [&] { return shared->chainsDone == kChains; });
+  EXPECT_TRUE(all) << shared->chainsDone << " of " << kChains << " chains finished, "
+                   << shared->steps.load() << " steps ran";
+  if (!all) std::abort();  // the steps refer to this frame
+}
+
+// A short delay scheduled while the dispatcher sleeps towards a long one is
+// not held back by it.
+TEST(DispatchQueueTest, ShortDelayIsNotHeldBehindALongerOne) {
+  auto late = std::make_shared<std::atomic<bool>>(false);
+  backgroundQueue().asyncAfter(30s, [late] { late->store(true); });
+  std::this_thread::sleep_for(20ms);  // the dispatcher is now asleep until then
+  std::promise<void> fired;
+  auto began = std::chrono::steady_clock::now();
+  backgroundQueue().asyncAfter(1ms, [&] { fired.set_value(); });
+  ASSERT_EQ(fired.get_future().wait_for(10s), std::future_status::ready);
+  EXPECT_LT(std::chrono::steady_clock::now() - began, 2s);
+  EXPECT_FALSE(late->load());
 }
 
 }  // namespace
