@@ -237,7 +237,7 @@ TEST_F(NetworkFaultsTest, TooManyRequestsWaitsForRetryAfterButAtLeastTwoSeconds)
     FakeServiceProcess service({"--fail-first", "1", "--fail-status", "429", "--retry-after", retryAfter});
     ASSERT_TRUE(service.started());
     auto started = std::chrono::steady_clock::now();
-    RunResult result = run(service.baseURL(), {{"SYMLIFT_TEST_IDLE_TIMEOUT_MS", "5000"}});
+    RunResult result = run(service.baseURL());  // no test ceilings: the real wait
     auto seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     expectUploaded(result);
     EXPECT_GE(seconds, least);
