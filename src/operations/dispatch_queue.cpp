@@ -102,10 +102,19 @@ DispatchQueue& backgroundQueue() {
 }
 
 struct SerialDispatchQueue::SyncTurn {
-  std::mutex mutex;  // guards the two flags
+  std::mutex mutex;  // guards granted
   std::condition_variable changed;
   bool granted = false;
-  bool done = false;
+
+  void grant() {
+    std::lock_guard<std::mutex> guard(mutex);
+    granted = true;
+    changed.notify_all();
+  }
+  void waitUntilGranted() {
+    std::unique_lock<std::mutex> lock(mutex);
+    changed.wait(lock, [&] { return granted; });
+  }
 };
 
 std::shared_ptr<SerialDispatchQueue> SerialDispatchQueue::create(std::string label) {
@@ -132,48 +141,53 @@ void SerialDispatchQueue::sync(const std::function<void()>& work) {
       items_.push_back(Item{nullptr, turn});
     }
   }
-  if (!turn) {
-    work();
-    std::lock_guard<std::mutex> guard(mutex_);
-    busy_ = false;
-    if (!items_.empty()) {
-      busy_ = true;
-      ThreadPool::shared().submit([self = shared_from_this()] { self->drain(); });
-    }
-    return;
-  }
-  // Wait until the drainer reaches our turn, run, and hand the queue back.
-  std::unique_lock<std::mutex> lock(turn->mutex);
-  turn->changed.wait(lock, [&] { return turn->granted; });
-  lock.unlock();
+  // Whoever holds the queue when our turn comes hands it to us.
+  if (turn) turn->waitUntilGranted();
   work();
-  lock.lock();
-  turn->done = true;
-  turn->changed.notify_all();
+  handOn();
+}
+
+void SerialDispatchQueue::handOn() {
+  std::shared_ptr<SyncTurn> next;
+  {
+    std::lock_guard<std::mutex> guard(mutex_);
+    if (items_.empty()) {
+      busy_ = false;
+      return;
+    }
+    if (!items_.front().syncTurn) {
+      // Asynchronous work needs a thread of its own; the queue stays busy
+      // until the drainer has run it.
+      ThreadPool::shared().submit([self = shared_from_this()] { self->drain(); });
+      return;
+    }
+    next = std::move(items_.front().syncTurn);
+    items_.pop_front();
+  }
+  // The waiting caller now holds the queue (busy_ stays set) and hands it
+  // on in turn. No worker of the pool is needed for this: at the end of a
+  // run the pool takes no more work, and a caller waiting for one would
+  // wait for ever.
+  next->grant();
 }
 
 void SerialDispatchQueue::drain() {
   for (;;) {
-    Item item;
+    std::function<void()> work;
     {
       std::lock_guard<std::mutex> guard(mutex_);
       if (items_.empty()) {
         busy_ = false;
         return;
       }
-      item = std::move(items_.front());
+      if (items_.front().syncTurn) break;  // handed to that caller below
+      work = std::move(items_.front().work);
       items_.pop_front();
     }
-    if (item.work) {
-      item.work();
-      item.work = nullptr;
-    } else {
-      std::unique_lock<std::mutex> lock(item.syncTurn->mutex);
-      item.syncTurn->granted = true;
-      item.syncTurn->changed.notify_all();
-      item.syncTurn->changed.wait(lock, [&] { return item.syncTurn->done; });
-    }
+    work();
+    work = nullptr;  // release captures before taking the next item
   }
+  handOn();
 }
 
 }  // namespace symlift::operations

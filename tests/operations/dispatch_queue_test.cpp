@@ -1,4 +1,5 @@
 #include "operations/dispatch_queue.h"
+#include "operations/thread_pool.h"
 
 #include <gtest/gtest.h>
 
@@ -65,6 +66,58 @@ TEST(SerialDispatchQueueTest, SyncFromManyThreadsIsExclusiveAndRunsOnTheCaller) 
   EXPECT_EQ(total, 4 * 500 + 4 * 10);
   EXPECT_FALSE(overlapped.load());
   EXPECT_FALSE(wrongThread.load());
+}
+
+// A synchronous caller waiting behind another is handed the queue by that
+// caller directly, not through a worker of the pool: at the end of a run
+// the pool runs nothing more, and a caller that waited for a worker would
+// wait for ever (and the pool, joining its threads at exit, with it). Here
+// every worker of the pool is kept busy while the two callers meet.
+TEST(SerialDispatchQueueTest, SyncCallerIsHandedTheQueueWithoutThePool) {
+  ThreadPool& pool = ThreadPool::shared();
+  constexpr std::size_t kPoolCap = 128;  // ThreadPool::shared()'s cap
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::size_t busyWorkers = 0;
+  bool releaseWorkers = false;
+  for (std::size_t i = 0; i < kPoolCap; ++i)
+    pool.submit([&] {
+      std::unique_lock<std::mutex> lock(mutex);
+      ++busyWorkers;
+      changed.notify_all();
+      changed.wait(lock, [&] { return releaseWorkers; });
+    });
+  {
+    std::unique_lock<std::mutex> lock(mutex);
+    ASSERT_TRUE(changed.wait_for(lock, 20s, [&] { return busyWorkers == kPoolCap; }))
+        << busyWorkers << " workers busy";
+  }
+  ASSERT_EQ(pool.threadCount(), kPoolCap);
+
+  auto queue = SerialDispatchQueue::create("test.handover");
+  std::promise<void> firstEntered, firstMayLeave;
+  std::shared_future<void> mayLeave = firstMayLeave.get_future().share();
+  std::thread first([&] {
+    queue->sync([&] {
+      firstEntered.set_value();
+      mayLeave.wait();
+    });
+  });
+  firstEntered.get_future().wait();
+  std::promise<void> secondRan;
+  std::thread second([&] { queue->sync([&] { secondRan.set_value(); }); });
+  std::this_thread::sleep_for(50ms);  // the second caller is now queued
+  firstMayLeave.set_value();
+  const bool handedOver = secondRan.get_future().wait_for(5s) == std::future_status::ready;
+  EXPECT_TRUE(handedOver) << "the second synchronous caller waited for a worker of the pool";
+
+  {
+    std::lock_guard<std::mutex> guard(mutex);
+    releaseWorkers = true;
+  }
+  changed.notify_all();
+  first.join();
+  second.join();
 }
 
 TEST(DispatchQueueTest, AsyncAfterWaitsAtLeastTheDelay) {
