@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "network/curl_error_mapping.h"
+#include "network/test_time_limits.h"
 #include "network/url_error.h"
 
 namespace symlift::network {
@@ -184,7 +185,7 @@ void CurlURLSession::Core::configure(Transfer& transfer) {
   // which would stretch a short time-out.)
   auto timeout = configuration.timeoutIntervalOverride.value_or(std::chrono::milliseconds(
       static_cast<long long>(std::max(0.001, request.timeoutInterval) * 1000)));
-  transfer.idleTimeout = std::max(timeout, std::chrono::milliseconds(1));
+  transfer.idleTimeout = std::max(idleTimeoutWithTestCeiling(timeout), std::chrono::milliseconds(1));
   transfer.lastActivity = std::chrono::steady_clock::now();
   curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(transfer.idleTimeout.count()));
   curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);

@@ -10,6 +10,7 @@
 #include "network/curl_url_session.h"
 #include "network/network_constants.h"
 #include "network/network_response_handler.h"
+#include "network/test_time_limits.h"
 #include "network/url_error.h"
 
 namespace symlift::network {
@@ -114,13 +115,15 @@ std::chrono::nanoseconds SUPKITNetworkClient::delayInNanoseconds(double seconds)
 void SUPKITNetworkClient::runAfterRetryValueFromResponse(const Response& response, std::uint64_t attempts,
                                                          operations::DispatchQueue& queue,
                                                          std::function<void()> block) {
-  queue.asyncAfter(delayInNanoseconds(computeDelayForResponse(response, attempts)), std::move(block));
+  queue.asyncAfter(retryDelayWithTestCeiling(delayInNanoseconds(computeDelayForResponse(response, attempts))),
+                   std::move(block));
 }
 
 void SUPKITNetworkClient::runAfterRetryValueFromResponse(const Response& response, std::uint64_t attempts,
                                                          std::function<void()> block) {
   if (delayScheduler_) {
-    delayScheduler_(delayInNanoseconds(computeDelayForResponse(response, attempts)), std::move(block));
+    delayScheduler_(retryDelayWithTestCeiling(delayInNanoseconds(computeDelayForResponse(response, attempts))),
+                    std::move(block));
     return;
   }
   runAfterRetryValueFromResponse(response, attempts, operations::backgroundQueue(), std::move(block));

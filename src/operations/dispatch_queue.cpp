@@ -1,5 +1,6 @@
 #include "operations/dispatch_queue.h"
 
+#include <algorithm>
 #include <map>
 #include <thread>
 
@@ -17,6 +18,13 @@ class BackgroundQueue : public DispatchQueue {
 
 // One thread that holds delayed work until it is due and then hands it to
 // the queue it was meant for.
+//
+// The thread never sleeps longer than kLongestSleep before it looks at the
+// clock and its list again. Every change of the list notifies it, so this
+// costs nothing when all goes well; it bounds the damage of a wake-up that
+// never arrives (the C library's condition variables have had rare lost
+// wake-ups under heavy load) to a short delay instead of work that waits
+// forever.
 class DelayedDispatcher {
  public:
   static DelayedDispatcher& shared() {
@@ -46,16 +54,19 @@ class DelayedDispatcher {
   }
 
  private:
+  static constexpr std::chrono::milliseconds kLongestSleep{250};
+
   void loop() {
     std::unique_lock<std::mutex> lock(mutex_);
     while (!stopping_) {
+      const auto now = std::chrono::steady_clock::now();
       if (pending_.empty()) {
-        wake_.wait(lock);
+        wake_.wait_until(lock, now + kLongestSleep);
         continue;
       }
       auto next = pending_.begin();
-      if (std::chrono::steady_clock::now() < next->first) {
-        wake_.wait_until(lock, next->first);
+      if (now < next->first) {
+        wake_.wait_until(lock, std::min(next->first, now + kLongestSleep));
         continue;
       }
       std::function<void()> fire = std::move(next->second);
@@ -91,10 +102,19 @@ DispatchQueue& backgroundQueue() {
 }
 
 struct SerialDispatchQueue::SyncTurn {
-  std::mutex mutex;  // guards the two flags
+  std::mutex mutex;  // guards granted
   std::condition_variable changed;
   bool granted = false;
-  bool done = false;
+
+  void grant() {
+    std::lock_guard<std::mutex> guard(mutex);
+    granted = true;
+    changed.notify_all();
+  }
+  void waitUntilGranted() {
+    std::unique_lock<std::mutex> lock(mutex);
+    changed.wait(lock, [&] { return granted; });
+  }
 };
 
 std::shared_ptr<SerialDispatchQueue> SerialDispatchQueue::create(std::string label) {
@@ -121,48 +141,53 @@ void SerialDispatchQueue::sync(const std::function<void()>& work) {
       items_.push_back(Item{nullptr, turn});
     }
   }
-  if (!turn) {
-    work();
-    std::lock_guard<std::mutex> guard(mutex_);
-    busy_ = false;
-    if (!items_.empty()) {
-      busy_ = true;
-      ThreadPool::shared().submit([self = shared_from_this()] { self->drain(); });
-    }
-    return;
-  }
-  // Wait until the drainer reaches our turn, run, and hand the queue back.
-  std::unique_lock<std::mutex> lock(turn->mutex);
-  turn->changed.wait(lock, [&] { return turn->granted; });
-  lock.unlock();
+  // Whoever holds the queue when our turn comes hands it to us.
+  if (turn) turn->waitUntilGranted();
   work();
-  lock.lock();
-  turn->done = true;
-  turn->changed.notify_all();
+  handOn();
+}
+
+void SerialDispatchQueue::handOn() {
+  std::shared_ptr<SyncTurn> next;
+  {
+    std::lock_guard<std::mutex> guard(mutex_);
+    if (items_.empty()) {
+      busy_ = false;
+      return;
+    }
+    if (!items_.front().syncTurn) {
+      // Asynchronous work needs a thread of its own; the queue stays busy
+      // until the drainer has run it.
+      ThreadPool::shared().submit([self = shared_from_this()] { self->drain(); });
+      return;
+    }
+    next = std::move(items_.front().syncTurn);
+    items_.pop_front();
+  }
+  // The waiting caller now holds the queue (busy_ stays set) and hands it
+  // on in turn. No worker of the pool is needed for this: at the end of a
+  // run the pool takes no more work, and a caller waiting for one would
+  // wait for ever.
+  next->grant();
 }
 
 void SerialDispatchQueue::drain() {
   for (;;) {
-    Item item;
+    std::function<void()> work;
     {
       std::lock_guard<std::mutex> guard(mutex_);
       if (items_.empty()) {
         busy_ = false;
         return;
       }
-      item = std::move(items_.front());
+      if (items_.front().syncTurn) break;  // handed to that caller below
+      work = std::move(items_.front().work);
       items_.pop_front();
     }
-    if (item.work) {
-      item.work();
-      item.work = nullptr;
-    } else {
-      std::unique_lock<std::mutex> lock(item.syncTurn->mutex);
-      item.syncTurn->granted = true;
-      item.syncTurn->changed.notify_all();
-      item.syncTurn->changed.wait(lock, [&] { return item.syncTurn->done; });
-    }
+    work();
+    work = nullptr;  // release captures before taking the next item
   }
+  handOn();
 }
 
 }  // namespace symlift::operations

@@ -40,12 +40,17 @@ class SerialDispatchQueue : public DispatchQueue, public std::enable_shared_from
     std::function<void()> work;          // an asynchronous item
     std::shared_ptr<SyncTurn> syncTurn;  // or a synchronous caller's turn
   };
+  // Runs asynchronous items on a worker of the pool until the queue is
+  // empty or a synchronous caller's turn comes.
   void drain();
+  // Called by whoever holds the queue when it is done with it: gives the
+  // queue to the next synchronous caller directly, or to a new drainer.
+  void handOn();
 
   std::string label_;
   std::mutex mutex_;  // guards items_ and busy_
   std::deque<Item> items_;
-  bool busy_ = false;  // an item is running (on a drainer or a sync caller)
+  bool busy_ = false;  // held by a drainer or a synchronous caller
 };
 
 // The process-wide concurrent queue of default priority.

@@ -38,8 +38,12 @@ void bypassProxiesForLoopback() {
 FakeServiceProcess::FakeServiceProcess(const std::vector<std::string>& options, bool tls) : tls_(tls) {
   bypassProxiesForLoopback();
   std::string portFile = (directory_.path() / "port").string();
+  // The destructor stops the service; its own limit only ends one left
+  // behind by a test process that died. It is generous: a test of several
+  // runs on a busy machine must not lose its service half-way, which turns
+  // whatever went wrong first into a cascade of refused connections.
   std::vector<std::string> argv{FAKE_SERVICE_PATH, "--port",       "0", "--port-file", portFile,
-                                "--store",         storePath(),    "--max-seconds", "60"};
+                                "--store",         storePath(),    "--max-seconds", "600"};
   argv.insert(argv.end(), options.begin(), options.end());
   std::vector<char*> args;
   for (auto& a : argv) args.push_back(a.data());

@@ -1,7 +1,7 @@
 #pragma once
 // Runs the stand-in upload service as a child process on an ephemeral
 // loopback port, with its store in a temporary folder. The child stops by
-// itself after a bounded time; the destructor stops it at once.
+// itself after ten minutes; the destructor stops it at once.
 
 #include <sys/types.h>
 

@@ -1,8 +1,13 @@
 #include "operations/dispatch_queue.h"
+#include "operations/thread_pool.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <condition_variable>
+#include <cstdlib>
+#include <functional>
+#include <memory>
 #include <future>
 #include <mutex>
 #include <thread>
@@ -63,6 +68,58 @@ TEST(SerialDispatchQueueTest, SyncFromManyThreadsIsExclusiveAndRunsOnTheCaller) 
   EXPECT_FALSE(wrongThread.load());
 }
 
+// A synchronous caller waiting behind another is handed the queue by that
+// caller directly, not through a worker of the pool: at the end of a run
+// the pool runs nothing more, and a caller that waited for a worker would
+// wait for ever (and the pool, joining its threads at exit, with it). Here
+// every worker of the pool is kept busy while the two callers meet.
+TEST(SerialDispatchQueueTest, SyncCallerIsHandedTheQueueWithoutThePool) {
+  ThreadPool& pool = ThreadPool::shared();
+  constexpr std::size_t kPoolCap = 128;  // ThreadPool::shared()'s cap
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::size_t busyWorkers = 0;
+  bool releaseWorkers = false;
+  for (std::size_t i = 0; i < kPoolCap; ++i)
+    pool.submit([&] {
+      std::unique_lock<std::mutex> lock(mutex);
+      ++busyWorkers;
+      changed.notify_all();
+      changed.wait(lock, [&] { return releaseWorkers; });
+    });
+  {
+    std::unique_lock<std::mutex> lock(mutex);
+    ASSERT_TRUE(changed.wait_for(lock, 20s, [&] { return busyWorkers == kPoolCap; }))
+        << busyWorkers << " workers busy";
+  }
+  ASSERT_EQ(pool.threadCount(), kPoolCap);
+
+  auto queue = SerialDispatchQueue::create("test.handover");
+  std::promise<void> firstEntered, firstMayLeave;
+  std::shared_future<void> mayLeave = firstMayLeave.get_future().share();
+  std::thread first([&] {
+    queue->sync([&] {
+      firstEntered.set_value();
+      mayLeave.wait();
+    });
+  });
+  firstEntered.get_future().wait();
+  std::promise<void> secondRan;
+  std::thread second([&] { queue->sync([&] { secondRan.set_value(); }); });
+  std::this_thread::sleep_for(50ms);  // the second caller is now queued
+  firstMayLeave.set_value();
+  const bool handedOver = secondRan.get_future().wait_for(5s) == std::future_status::ready;
+  EXPECT_TRUE(handedOver) << "the second synchronous caller waited for a worker of the pool";
+
+  {
+    std::lock_guard<std::mutex> guard(mutex);
+    releaseWorkers = true;
+  }
+  changed.notify_all();
+  first.join();
+  second.join();
+}
+
 TEST(DispatchQueueTest, AsyncAfterWaitsAtLeastTheDelay) {
   auto queue = SerialDispatchQueue::create("test.after");
   std::promise<std::chrono::steady_clock::time_point> fired;
@@ -89,6 +146,59 @@ TEST(DispatchQueueTest, DelayedItemsFireInDueOrder) {
   queue->asyncAfter(40ms, [&] { order.push_back(2); });
   done.get_future().wait();
   EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
+}
+
+// The retry ladder's shape: delayed work that, when it runs on the
+// background queue, schedules the next delayed step. Many ladders at once,
+// with delays of a millisecond or two, must all reach their end.
+TEST(DispatchQueueTest, DelayedChainsScheduledFromFiredWorkAllFinish) {
+  constexpr int kChains = 48, kSteps = 25;
+  struct Shared {
+    std::mutex mutex;
+    std::condition_variable finished;
+    int chainsDone = 0;
+    std::atomic<int> steps{0};
+  };
+  auto shared = std::make_shared<Shared>();
+  auto queue = SerialDispatchQueue::create("test.chains");
+  std::function<void(int, int)> step = [&](int chain, int remaining) {
+    ++shared->steps;
+    if (remaining == 0) {
+      std::lock_guard<std::mutex> guard(shared->mutex);
+      ++shared->chainsDone;
+      shared->finished.notify_all();
+      return;
+    }
+    auto delay = std::chrono::microseconds((chain * 7 + remaining * 13) % 2000);
+    DispatchQueue& target = chain % 3 == 0 ? static_cast<DispatchQueue&>(*queue) : backgroundQueue();
+    target.asyncAfter(delay, [&step, chain, remaining] { step(chain, remaining - 1); });
+  };
+  std::vector<std::thread> starters;
+  for (int t = 0; t < 4; ++t)
+    starters.emplace_back([&, t] {
+      for (int chain = t; chain < kChains; chain += 4) step(chain, kSteps);
+    });
+  for (auto& thread : starters) thread.join();
+
+  std::unique_lock<std::mutex> lock(shared->mutex);
+  bool all = shared->finished.wait_for(lock, 60s, [&] { return shared->chainsDone == kChains; });
+  EXPECT_TRUE(all) << shared->chainsDone << " of " << kChains << " chains finished, "
+                   << shared->steps.load() << " steps ran";
+  if (!all) std::abort();  // the steps refer to this frame
+}
+
+// A short delay scheduled while the dispatcher sleeps towards a long one is
+// not held back by it.
+TEST(DispatchQueueTest, ShortDelayIsNotHeldBehindALongerOne) {
+  auto late = std::make_shared<std::atomic<bool>>(false);
+  backgroundQueue().asyncAfter(30s, [late] { late->store(true); });
+  std::this_thread::sleep_for(20ms);  // the dispatcher is now asleep until then
+  std::promise<void> fired;
+  auto began = std::chrono::steady_clock::now();
+  backgroundQueue().asyncAfter(1ms, [&] { fired.set_value(); });
+  ASSERT_EQ(fired.get_future().wait_for(10s), std::future_status::ready);
+  EXPECT_LT(std::chrono::steady_clock::now() - began, 2s);
+  EXPECT_FALSE(late->load());
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include <arpa/inet.h>
 #include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
 #include <netinet/in.h>
 #include <openssl/ssl.h>
 #include <signal.h>
@@ -11,6 +13,7 @@
 #include <httplib.h>
 
 #include <atomic>
+#include <cerrno>
 #include <charconv>
 #include <chrono>
 #include <condition_variable>
@@ -88,6 +91,36 @@ int connectionSocket(const httplib::Request& request) {
   return found;
 }
 
+// Reads the request body, or its first `limit` bytes and whatever came with
+// them. Without a reader the server library has read it already.
+std::string readBody(const httplib::Request& request, const httplib::ContentReader* reader,
+                     std::uint64_t limit = UINT64_MAX) {
+  if (!reader) return limit == 0 ? std::string() : request.body;
+  std::string body;
+  if (limit == 0) return body;
+  (*reader)([&](const char* data, std::size_t length) {
+    body.append(data, length);
+    return body.size() < limit;
+  });
+  return body;
+}
+
+// Ends the connection with a reset (RST) rather than an orderly close. The
+// descriptor number stays open, on /dev/null, for the server library, which
+// closes it in its own time.
+void resetConnection(int fd) {
+  if (fd < 0) return;
+  linger abort{1, 0};
+  setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+  int devNull = open("/dev/null", O_RDWR | O_CLOEXEC);
+  if (devNull < 0) {
+    shutdown(fd, SHUT_RDWR);
+    return;
+  }
+  dup2(devNull, fd);  // closes the socket: with linger 0 that sends the reset
+  close(devNull);
+}
+
 class Service {
  public:
   explicit Service(const ServiceOptions& options) : options_(options) {}
@@ -95,8 +128,11 @@ class Service {
   int run();
 
  private:
-  void handle(const httplib::Request& request, httplib::Response& response);
-  void answerUpload(const std::string& app, const std::string& uuid, const httplib::Request& request,
+  void handle(const httplib::Request& request, httplib::Response& response,
+              const httplib::ContentReader* reader = nullptr);
+  // Holds a request unanswered until the client hangs up or the service stops.
+  void holdSilently(int fd);
+  void answerUpload(const std::string& app, const std::string& uuid, const std::string& body,
                     httplib::Response& response);
   void appendToLog(const std::string& entry);
   // Waits the configured delay, or less when the service is stopping.
@@ -137,7 +173,25 @@ void Service::stop() {
   server_->stop();
 }
 
-void Service::handle(const httplib::Request& request, httplib::Response& response) {
+void Service::holdSilently(int fd) {
+  for (;;) {
+    {
+      std::unique_lock<std::mutex> lock(stopMutex_);
+      if (stopping_) return;
+    }
+    if (fd < 0) {
+      std::unique_lock<std::mutex> lock(stopMutex_);
+      stopChanged_.wait_for(lock, std::chrono::milliseconds(100), [&] { return stopping_; });
+      continue;
+    }
+    pollfd watch{fd, POLLRDHUP, 0};
+    if (poll(&watch, 1, 100) < 0 && errno != EINTR) return;
+    if (watch.revents & (POLLRDHUP | POLLHUP | POLLERR | POLLNVAL)) return;
+  }
+}
+
+void Service::handle(const httplib::Request& request, httplib::Response& response,
+                     const httplib::ContentReader* reader) {
   std::uint64_t index;
   {
     std::lock_guard<std::mutex> guard(countMutex_);
@@ -160,8 +214,31 @@ void Service::handle(const httplib::Request& request, httplib::Response& respons
     return;
   }
 
+  std::uint64_t rank = index - options_.dropFirst;
+  if (rank < options_.resetFirst) {
+    std::string partial = readBody(request, reader, options_.resetAfterBytes);
+    appendToLog(entry + fmt::format("=> reset after {} bytes\n\n", partial.size()));
+    resetConnection(connectionSocket(request));
+    response.status = 500;
+    return;
+  }
+  rank -= options_.resetFirst;
+  if (rank < options_.silentFirst) {
+    readBody(request, reader);
+    appendToLog(entry + "=> silent\n\n");
+    holdSilently(connectionSocket(request));
+    response.status = 500;
+    return;
+  }
+  rank -= options_.silentFirst;
+
   response.set_header("X-Request-Id", fmt::format("fake-{}", index));
-  if (index - options_.dropFirst < options_.failFirst) {
+  const std::string body = readBody(request, reader);
+  if (rank < options_.redirectFirst) {
+    response.status = 307;
+    response.set_header("Location", request.target);
+    response.set_content("redirected to itself\n", "text/plain");
+  } else if (rank - options_.redirectFirst < options_.failFirst) {
     response.status = options_.failStatus;
     if (options_.retryAfter) response.set_header("Retry-After", *options_.retryAfter);
     response.set_content(fmt::format("injected failure {}\n", options_.failStatus), "text/plain");
@@ -169,7 +246,7 @@ void Service::handle(const httplib::Request& request, httplib::Response& respons
     static const std::regex uploadPath(R"(^/v1/project/-/app/([^/]+)/upload/native/([^/]+)$)");
     std::smatch match;
     if (request.method == "PUT" && std::regex_match(request.path, match, uploadPath)) {
-      answerUpload(match[1].str(), match[2].str(), request, response);
+      answerUpload(match[1].str(), match[2].str(), body, response);
     } else {
       response.status = 404;
       response.set_content("not found\n", "text/plain");
@@ -178,9 +255,9 @@ void Service::handle(const httplib::Request& request, httplib::Response& respons
   appendToLog(entry + fmt::format("=> {}\n\n", response.status));
 }
 
-void Service::answerUpload(const std::string& app, const std::string& uuid, const httplib::Request& request,
+void Service::answerUpload(const std::string& app, const std::string& uuid, const std::string& body,
                            httplib::Response& response) {
-  UploadVerdict verdict = checkUpload(request.body, uuid);
+  UploadVerdict verdict = checkUpload(body, uuid);
   if (!verdict.accepted) {
     response.status = 400;
     response.set_content(verdict.reason + "\n", "text/plain");
@@ -190,7 +267,7 @@ void Service::answerUpload(const std::string& app, const std::string& uuid, cons
     std::lock_guard<std::mutex> guard(logMutex_);
     std::ofstream out(*options_.storeDirectory / (fileNamePart(app) + "-" + fileNamePart(uuid) + ".csym.gz"),
                       std::ios::binary | std::ios::trunc);
-    out.write(request.body.data(), static_cast<std::streamsize>(request.body.size()));
+    out.write(body.data(), static_cast<std::streamsize>(body.size()));
   }
   response.status = 200;
   response.set_content("{}", "application/json");
@@ -230,11 +307,15 @@ int Service::run() {
     server_ = std::make_unique<httplib::Server>();
   }
   auto handler = [this](const httplib::Request& request, httplib::Response& response) { handle(request, response); };
+  // Bodies are read by the handler, so that a connection can be reset
+  // half-way through one.
+  auto readingHandler = [this](const httplib::Request& request, httplib::Response& response,
+                               const httplib::ContentReader& reader) { handle(request, response, &reader); };
   server_->Get(".*", handler);
-  server_->Put(".*", handler);
-  server_->Post(".*", handler);
-  server_->Delete(".*", handler);
-  server_->Patch(".*", handler);
+  server_->Put(".*", readingHandler);
+  server_->Post(".*", readingHandler);
+  server_->Delete(".*", readingHandler);
+  server_->Patch(".*", readingHandler);
   server_->Options(".*", handler);
   server_->set_keep_alive_timeout(1);
   server_->set_payload_max_length(512u * 1024 * 1024);
@@ -333,6 +414,18 @@ std::optional<ServiceOptions> parseServiceOptions(int argc, char** argv, std::st
     } else if (option == "--drop-first") {
       if (!needNumber(UINT32_MAX)) return std::nullopt;
       options.dropFirst = number;
+    } else if (option == "--reset-first") {
+      if (!needNumber(UINT32_MAX)) return std::nullopt;
+      options.resetFirst = number;
+    } else if (option == "--reset-after-bytes") {
+      if (!needNumber(UINT32_MAX)) return std::nullopt;
+      options.resetAfterBytes = number;
+    } else if (option == "--silent-first") {
+      if (!needNumber(UINT32_MAX)) return std::nullopt;
+      options.silentFirst = number;
+    } else if (option == "--redirect-first") {
+      if (!needNumber(UINT32_MAX)) return std::nullopt;
+      options.redirectFirst = number;
     } else if (option == "--port-file") {
       options.portFile = value;
     } else if (option == "--max-seconds") {

@@ -22,6 +22,14 @@ struct ServiceOptions {
   std::optional<std::string> retryAfter;  // sent with every injected failure
   std::uint64_t delayMilliseconds = 0;    // before answering any request
   std::uint64_t dropFirst = 0;            // close this many connections without an answer
+  // After the dropped ones, in this order: requests whose connection is
+  // reset once resetAfterBytes of the body have arrived; requests never
+  // answered (held until the client hangs up); requests redirected to
+  // themselves with 307; then the failFirst failures.
+  std::uint64_t resetFirst = 0;
+  std::uint64_t resetAfterBytes = 1;
+  std::uint64_t silentFirst = 0;
+  std::uint64_t redirectFirst = 0;
   std::optional<std::filesystem::path> portFile;
   double maxSeconds = 300;
 };

@@ -23,7 +23,8 @@ int main(int argc, char** argv) {
     std::fprintf(stderr,
                  "usage: fake-service [--port N] [--bind 127.0.0.1] [--tls-cert F --tls-key F] [--store DIR]\n"
                  "                    [--fail-first N] [--fail-status S] [--retry-after V] [--delay-ms M]\n"
-                 "                    [--drop-first N] [--port-file F] [--max-seconds T]\n");
+                 "                    [--drop-first N] [--reset-first N] [--reset-after-bytes B] [--silent-first N]\n"
+                 "                    [--redirect-first N] [--port-file F] [--max-seconds T]\n");
     return 2;
   }
   return symlift::fakeservice::runService(*options);
