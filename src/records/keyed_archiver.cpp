@@ -24,12 +24,12 @@ constexpr const char* kMutableStringKey = "NS.string";
 
 std::optional<std::string> stringOfNode(plist_t node) {
   if (!node || plist_get_node_type(node) != PLIST_STRING) return std::nullopt;
-  char* value = nullptr;
-  plist_get_string_val(node, &value);
+  // By pointer and length: libplist's copying getter asserts (and so ends
+  // the process) on a string that holds a NUL byte.
+  std::uint64_t length = 0;
+  const char* value = plist_get_string_ptr(node, &length);
   if (!value) return std::nullopt;
-  std::string text(value);
-  std::free(value);
-  return text;
+  return std::string(value, length);
 }
 
 std::optional<ArchiveUID> uidOfNode(plist_t node) {
