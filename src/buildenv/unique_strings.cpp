@@ -5,6 +5,7 @@
 #include <random>
 
 #include <fmt/format.h>
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 
@@ -13,7 +14,21 @@
 
 namespace symlift::buildenv {
 
+namespace {
+
+// OpenSSL's own clean-up at exit runs before the pipeline's worker threads
+// are joined (it registers itself later than the pool when first used on a
+// worker) and drops the per-thread state of those threads, which is then
+// lost. Without it, each thread's state is freed as the thread ends.
+void initializeCrypto() {
+  static const bool initialized = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr) == 1;
+  (void)initialized;
+}
+
+}  // namespace
+
 std::string SUPStrings::uniqueString() {
+  initializeCrypto();
   std::array<unsigned char, 16> bytes{};
   if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1) {
     // The system's entropy source, should OpenSSL's generator be unavailable.
@@ -38,6 +53,7 @@ std::string SUPStrings::uniqueZipFilePath() {
 std::string SUPStrings::uniqueGZipFileName() { return appendingPathComponent(uniqueString(), "gz"); }
 
 std::string SUPStrings::MD5HashForString(const std::string& string) {
+  initializeCrypto();
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int length = 0;
   if (EVP_Digest(string.data(), string.size(), digest, &length, EVP_md5(), nullptr) != 1) return {};

@@ -56,6 +56,7 @@ void HTTPHeaders::takeResponseHeaderLine(std::string_view line) {
   auto colon = line.find(':');
   if (colon == std::string_view::npos || colon == 0) return;
   std::string_view name = trimmed(line.substr(0, colon));
+  if (name.empty()) return;  // " : value" names no field
   std::string value(trimmed(line.substr(colon + 1)));
   if (auto existing = valueForField(name)) value = *existing + ", " + value;
   setValue(std::move(value), name);

@@ -24,12 +24,12 @@ constexpr const char* kMutableStringKey = "NS.string";
 
 std::optional<std::string> stringOfNode(plist_t node) {
   if (!node || plist_get_node_type(node) != PLIST_STRING) return std::nullopt;
-  char* value = nullptr;
-  plist_get_string_val(node, &value);
+  // By pointer and length: libplist's copying getter asserts (and so ends
+  // the process) on a string that holds a NUL byte.
+  std::uint64_t length = 0;
+  const char* value = plist_get_string_ptr(node, &length);
   if (!value) return std::nullopt;
-  std::string text(value);
-  std::free(value);
-  return text;
+  return std::string(value, length);
 }
 
 std::optional<ArchiveUID> uidOfNode(plist_t node) {
@@ -42,6 +42,47 @@ std::optional<ArchiveUID> uidOfNode(plist_t node) {
 plist_t dictItem(plist_t dict, const char* key) {
   if (!dict || plist_get_node_type(dict) != PLIST_DICT) return nullptr;
   return plist_dict_get_item(dict, key);
+}
+
+// Text as libplist can write it: a binary list keeps non-ASCII strings as
+// UTF-16, and libplist writes a list that cannot be read back when a string
+// is not valid UTF-8. A store read from damaged bytes may hold such a string;
+// each ill-formed sequence becomes U+FFFD so that the other records survive
+// the next write.
+std::string wellFormedUTF8(const std::string& text) {
+  std::string result;
+  result.reserve(text.size());
+  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+  std::size_t i = 0;
+  while (i < text.size()) {
+    const unsigned char lead = byte(i);
+    std::size_t length = 0;
+    unsigned char low = 0x80, high = 0xBF;  // range of the second byte
+    if (lead < 0x80) length = 1;
+    else if (lead >= 0xC2 && lead <= 0xDF) length = 2;
+    else if (lead >= 0xE0 && lead <= 0xEF) {
+      length = 3;
+      if (lead == 0xE0) low = 0xA0;   // no overlong forms
+      if (lead == 0xED) high = 0x9F;  // no surrogates
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+      length = 4;
+      if (lead == 0xF0) low = 0x90;
+      if (lead == 0xF4) high = 0x8F;  // nothing past U+10FFFF
+    }
+    bool valid = length > 0 && i + length <= text.size();
+    for (std::size_t k = 1; valid && k < length; ++k) {
+      const unsigned char c = byte(i + k);
+      valid = k == 1 ? (c >= low && c <= high) : (c >= 0x80 && c <= 0xBF);
+    }
+    if (valid) {
+      result.append(text, i, length);
+      i += length;
+    } else {
+      result.append("\xEF\xBF\xBD");
+      ++i;
+    }
+  }
+  return result;
 }
 
 }  // namespace
@@ -95,7 +136,7 @@ void KeyedArchiver::finishCollection(ArchiveUID uid, const std::vector<std::stri
 ArchiveUID KeyedArchiver::encodeString(const std::string& string) {
   if (auto found = strings_.find(string); found != strings_.end()) return found->second;
   ArchiveUID uid = plist_array_get_size(objects_.node());
-  plist_array_append_item(objects_.node(), plist_new_string(string.c_str()));
+  plist_array_append_item(objects_.node(), plist_new_string(wellFormedUTF8(string).c_str()));
   strings_.emplace(string, uid);
   return uid;
 }

@@ -41,13 +41,19 @@ std::optional<std::string> PropertyList::stringForKey(const char* key) const {
 std::optional<std::string> PropertyList::textOfNode(plist_t item) {
   if (!item) return std::nullopt;
   switch (plist_get_node_type(item)) {
-    case PLIST_STRING:
+    case PLIST_STRING: {
+      // By pointer and length: a string may hold NUL bytes (binary lists
+      // allow them, the XML reader lets a raw one through), and libplist's
+      // copying getter asserts that it holds none.
+      std::uint64_t length = 0;
+      const char* value = plist_get_string_ptr(item, &length);
+      if (!value) return std::nullopt;
+      return std::string(value, length);
+    }
     case PLIST_KEY: {
+      // Dictionary keys; libplist hands out no key node for an item.
       char* value = nullptr;
-      if (plist_get_node_type(item) == PLIST_STRING)
-        plist_get_string_val(item, &value);
-      else
-        plist_get_key_val(item, &value);
+      plist_get_key_val(item, &value);
       if (!value) return std::nullopt;
       std::string text(value);
       free(value);

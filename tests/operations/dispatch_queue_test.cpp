@@ -1,5 +1,6 @@
 #include "operations/dispatch_queue.h"
 #include "operations/thread_pool.h"
+#include "support/test_support.h"
 
 #include <gtest/gtest.h>
 
@@ -138,12 +139,17 @@ TEST(DispatchQueueTest, DelayedItemsFireInDueOrder) {
   auto queue = SerialDispatchQueue::create("test.order");
   std::vector<int> order;
   std::promise<void> done;
-  queue->asyncAfter(60ms, [&] {
-    order.push_back(3);
-    done.set_value();
-  });
-  queue->asyncAfter(20ms, [&] { order.push_back(1); });
-  queue->asyncAfter(40ms, [&] { order.push_back(2); });
+  // The items run on the serial queue; the last of the three, whichever it
+  // is, lets the test look. The gaps widen under the sanitizers, where
+  // scheduling the three can itself take longer than a short gap.
+  const auto step = std::chrono::milliseconds(static_cast<long>(20 * symlift::testing::timeScale()));
+  auto record = [&](int item) {
+    order.push_back(item);
+    if (order.size() == 3) done.set_value();
+  };
+  queue->asyncAfter(3 * step, [&] { record(3); });
+  queue->asyncAfter(step, [&] { record(1); });
+  queue->asyncAfter(2 * step, [&] { record(2); });
   done.get_future().wait();
   EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
 }

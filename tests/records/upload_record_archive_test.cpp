@@ -157,6 +157,28 @@ TEST(UploadRecordArchive, RoundTripsSeveralRecordsWithTheirDates) {
   EXPECT_TRUE(empty->empty());
 }
 
+// A store read from damaged bytes can hold text that is not UTF-8 (or holds
+// a NUL byte); writing it back must still give a store that reads, with the
+// good records intact and the damaged text replaced, not dropped.
+TEST(UploadRecordArchive, DamagedTextStillWritesAReadableStore) {
+  const std::string damaged = std::string("4c4c\xff") + "445a" + std::string("\xe2\x82") + "\xed\xa0\x80";
+  UploadRecordSet records = {
+      SUPUploadRecord({kUUID1}, kNewYear2021),
+      SUPUploadRecord({damaged, kUUID2}, kNewYear2021),
+      SUPUploadRecord({std::string("ab\0cd", 5)}, kNewYear2021),
+  };
+  auto decoded = unarchiveUploadRecords(archivedDataWithUploadRecords(records));
+  ASSERT_TRUE(decoded);
+  ASSERT_EQ(decoded->size(), 3u);
+  EXPECT_NE(find(*decoded, {kUUID1}), nullptr);
+  const std::string replacement = "\xef\xbf\xbd";
+  // One replacement per byte that starts no well-formed sequence: the cut
+  // three-byte sequence gives two, the encoded surrogate three.
+  std::string repaired = "4c4c" + replacement + "445a";
+  for (int i = 0; i < 5; ++i) repaired += replacement;
+  EXPECT_NE(find(*decoded, {repaired, kUUID2}), nullptr);
+}
+
 // Checked by hand on a store written by the recorder: `plistutil -i
 // records.dat` shows a binary plist with "$archiver" NSKeyedArchiver,
 // "$version" 100000, "$top" {root: CF$UID 1} and "$objects" starting with

@@ -48,6 +48,12 @@ std::string readFile(const fs::path& path) {
   return buffer.str();
 }
 
+double timeScale() {
+  const char* text = std::getenv("SYMLIFT_TEST_TIME_SCALE");
+  double scale = text ? std::strtod(text, nullptr) : 1.0;
+  return scale >= 1.0 ? scale : 1.0;
+}
+
 RunResult runProgram(const std::vector<std::string>& argv, const RunOptions& options) {
   TempDir capture;
   std::string outPath = (capture.path() / "out").string();
@@ -64,6 +70,10 @@ RunResult runProgram(const std::vector<std::string>& argv, const RunOptions& opt
   std::map<std::string, std::string> env;
   if (options.environment) {
     env = *options.environment;
+    // A sanitized build's children report (and fail) the way the tests do,
+    // whatever environment a test gives them.
+    for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS"})
+      if (const char* value = std::getenv(name)) env.try_emplace(name, value);
   } else {
     for (char** e = environ; *e; ++e) {
       std::string entry(*e);
@@ -93,7 +103,7 @@ RunResult runProgram(const std::vector<std::string>& argv, const RunOptions& opt
   }
 
   auto deadline = std::chrono::steady_clock::now() +
-                  std::chrono::milliseconds(static_cast<long>(options.timeoutSeconds * 1000));
+                  std::chrono::milliseconds(static_cast<long>(options.timeoutSeconds * timeScale() * 1000));
   int wstatus = 0;
   for (;;) {
     pid_t done = waitpid(pid, &wstatus, WNOHANG);

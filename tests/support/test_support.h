@@ -43,6 +43,11 @@ struct RunOptions {
   double timeoutSeconds = 120;
 };
 
+// How much longer than usual a time limit in a test may be: the value of
+// SYMLIFT_TEST_TIME_SCALE (at least 1), which the sanitized runs set because
+// instrumented code runs several times slower.
+double timeScale();
+
 // Runs argv[0] (a path) with the given arguments, standard input from
 // /dev/null, and returns its output and exit status. Kills it on time-out.
 RunResult runProgram(const std::vector<std::string>& argv, const RunOptions& options = {});
