@@ -213,6 +213,15 @@ SUPWebClientTransaction::~SUPWebClientTransaction() {
   transferThread_.join();
 }
 
+void SUPWebClientTransaction::releaseOwnThread() {
+  // The transfer is over and its completion delivered: nothing needs to wait
+  // for this thread any more. Detached, it cannot outlive the process as a
+  // thread nobody joined when the process ends before the client's clean-up
+  // (which joins it) got its turn.
+  std::lock_guard<std::mutex> guard(threadMutex_);
+  if (transferThread_.joinable() && transferThread_.get_id() == std::this_thread::get_id()) transferThread_.detach();
+}
+
 void SUPWebClientTransaction::joinTransferThread() {
   std::thread thread;
   {
@@ -230,7 +239,10 @@ void SUPWebClientTransaction::startWithCompletionHandler(CompletionHandler compl
     self->response_->requestURL = self->request_->fullURL();
     std::lock_guard<std::mutex> guard(self->threadMutex_);
     try {
-      self->transferThread_ = std::thread([self] { self->perform(true); });
+      self->transferThread_ = std::thread([self] {
+        self->perform(true);
+        self->releaseOwnThread();
+      });
     } catch (const std::system_error&) {
       self->didFail(missingError());
     }

@@ -55,6 +55,8 @@ class SUPWebClientTransaction : public std::enable_shared_from_this<SUPWebClient
   void complete();
 
   void perform(bool asynchronous);
+  // Called last on the transfer thread: detaches it.
+  void releaseOwnThread();
   bool askProtectionSpaceHandler(const SUPServerTrust& trust);
 
   std::shared_ptr<SUPWebRequest> request_;
