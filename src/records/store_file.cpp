@@ -25,7 +25,11 @@ std::string errnoText(const char* what, const std::string& path) {
 }
 
 // Hidden, so nobody mistakes a half-written store for the real one.
-std::string temporaryPrefix(const fs::path& path) { return "." + path.filename().string() + "."; }
+std::string temporaryPrefix(const fs::path& path) {
+  std::string prefix = ".";
+  prefix.append(path.filename().string()).push_back('.');
+  return prefix;
+}
 
 bool writeAll(int fd, std::string_view bytes) {
   while (!bytes.empty()) {
