@@ -64,7 +64,14 @@ void SUPKITAsyncOperation::lock(const std::function<void()>& block) {
 }
 
 void SUPKITAsyncOperation::finishWithError(const support::ErrorPtr& error) {
-  if (AsyncCompletion completion = asyncCompletion()) completion(error);
+  AsyncCompletion completion;
+  {
+    std::lock_guard<std::mutex> guard(completionMutex_);
+    if (finishing_) return;
+    finishing_ = true;
+    completion = asyncCompletion_;
+  }
+  if (completion) completion(error);
   markDone();
 }
 

@@ -28,7 +28,10 @@ class SUPKITAsyncOperation : public Operation {
   void start() override;
 
   // Calls the completion (outside the lock) with the outcome, then marks
-  // the operation no longer executing and finished, in that order.
+  // the operation no longer executing and finished, in that order. Only the
+  // first call counts: an operation reports one outcome, so a second end
+  // racing in from another thread (two sub-operations of a compound ending
+  // together) changes nothing.
   void finishWithError(const support::ErrorPtr& error);
 
   void setAsyncCompletion(AsyncCompletion completion);
@@ -50,8 +53,9 @@ class SUPKITAsyncOperation : public Operation {
  private:
   bool internalExecuting_ = false;
   bool internalFinished_ = false;
-  mutable std::mutex completionMutex_;  // guards asyncCompletion_ only
+  mutable std::mutex completionMutex_;  // guards asyncCompletion_ and finishing_
   AsyncCompletion asyncCompletion_;
+  bool finishing_ = false;
   // Guards both booleans and the notices around their changes; recursive so
   // that an observer may read the state from inside a notice.
   mutable std::recursive_mutex lock_;

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <future>
+#include <latch>
 #include <mutex>
 
 #include "operations/test_operations.h"
@@ -66,6 +67,43 @@ TEST(SUPCompoundOperationTest, CollectsEveryFailureAndFinishesOnce) {
   // In the order reported, not list order.
   EXPECT_EQ(listed[0], first);
   EXPECT_EQ(listed[1], second);
+}
+
+// An operation that only the test ends.
+class HandFinishedOperation : public SUPKITAsyncOperation {
+ public:
+  HandFinishedOperation() : SUPKITAsyncOperation("HandFinishedOperation") {}
+  void main() override { started.count_down(); }
+  std::latch started{1};
+};
+
+// Each sub-operation's completion block checks whether all are done; when
+// the last two end together, both checks find every count in and the
+// compound must still report once.
+TEST(SUPCompoundOperationTest, SubOperationsEndingTogetherReportOnce) {
+  constexpr int kRounds = 200;
+  std::vector<std::shared_ptr<Outcome>> outcomes;
+  std::vector<std::shared_ptr<SUPCompoundOperation>> compounds;
+  auto queue = OperationQueue::create();
+  for (int round = 0; round < kRounds; ++round) {
+    auto compound = std::make_shared<SUPCompoundOperation>();
+    auto a = std::make_shared<HandFinishedOperation>();
+    auto b = std::make_shared<HandFinishedOperation>();
+    compound->setOperations({a, b});
+    compound->compoundQueue()->setMaxConcurrentOperationCount(2);
+    outcomes.push_back(watch(compound));
+    compounds.push_back(compound);
+    queue->addOperation(compound);
+    a->started.wait();
+    b->started.wait();
+    a->finishWithError(nullptr);
+    b->finishWithError(nullptr);
+    compound->waitUntilFinished();
+  }
+  std::this_thread::sleep_for(50ms);  // late second reports show up here
+  int extraReports = 0;
+  for (const auto& outcome : outcomes) extraReports += outcome->calls.load() - 1;
+  EXPECT_EQ(extraReports, 0);
 }
 
 TEST(SUPCompoundOperationTest, EarlierCompletionsOfSubOperationsStillRunFirst) {
