@@ -104,6 +104,15 @@ void appendNumber(std::string& out, std::int64_t value) {
 
 }  // namespace
 
+std::string_view pathWithoutLineFeeds(std::string_view path, std::string& storage) {
+  if (path.find('\n') == std::string_view::npos) return path;
+  storage.clear();
+  storage.reserve(path.size());
+  for (char c : path)
+    if (c != '\n') storage.push_back(c);
+  return storage;
+}
+
 CSYMTextBuilder::CSYMTextBuilder(std::size_t expectedRanges) {
   const std::size_t rangeBytes = expectedRanges * kReservedRangeLineSize;
   ranges_.reserve(rangeBytes + rangeBytes / kReservedPrefixShare);
@@ -117,14 +126,8 @@ std::int64_t CSYMTextBuilder::addSymbol(std::string_view name) {
 
 std::int64_t CSYMTextBuilder::fileIndexFor(std::string_view path) {
   if (path == lastPath_ && lastFileIndex_ >= 0) return lastFileIndex_;
-  std::string withoutLineFeeds;
-  std::string_view key = path;
-  if (path.find('\n') != std::string_view::npos) {
-    withoutLineFeeds.reserve(path.size());
-    for (char c : path)
-      if (c != '\n') withoutLineFeeds.push_back(c);
-    key = withoutLineFeeds;
-  }
+  std::string storage;
+  const std::string_view key = pathWithoutLineFeeds(path, storage);
   auto found = fileIndexByPath_.find(key);
   if (found == fileIndexByPath_.end()) {
     found = fileIndexByPath_.emplace(std::string(key), static_cast<std::int64_t>(fileCount_++)).first;

@@ -31,6 +31,10 @@ enum SUPSourceType : std::uint64_t {
 // "dylib", "static", "dyld-shared-cache", "dsym", or "unknown" for any other value.
 std::string_view sourceTypeName(std::uint64_t sourceType);
 
+// A file path as the files list holds it: one line, so without its line
+// feeds. The path itself when it has none; otherwise a copy in storage.
+std::string_view pathWithoutLineFeeds(std::string_view path, std::string& storage);
+
 // The complete cSYM text of one slice. The format version written is always 1.
 // A missing UUID is written as "(null)".
 std::string formatCSYMText(std::uint64_t sourceType, const std::optional<std::string>& uuid, std::string_view arch,

@@ -42,13 +42,8 @@ struct SliceLists {
   std::unordered_map<std::string, std::int64_t, TransparentStringHash, std::equal_to<>> fileIndexByPath;
 
   std::int64_t fileIndexFor(std::string_view path, SUPSymbolRange& range) {
-    std::string withoutLineFeeds;
-    if (path.find('\n') != std::string_view::npos) {
-      withoutLineFeeds.reserve(path.size());
-      for (char c : path)
-        if (c != '\n') withoutLineFeeds.push_back(c);
-      path = withoutLineFeeds;
-    }
+    std::string storage;
+    path = pathWithoutLineFeeds(path, storage);
     auto found = fileIndexByPath.find(path);
     if (found == fileIndexByPath.end()) {
       found = fileIndexByPath.emplace(std::string(path), static_cast<std::int64_t>(files.size())).first;
