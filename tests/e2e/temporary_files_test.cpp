@@ -9,6 +9,7 @@
 
 #include <filesystem>
 
+#include "e2e/manual_run.h"
 #include "e2e/output_lines.h"
 #include "support/test_support.h"
 
@@ -27,25 +28,14 @@ mode_t permissionsOf(const fs::path& path) {
 class TemporaryFilesTest : public ::testing::Test {
  protected:
   RunResult run(const std::vector<std::string>& paths, bool convertOnly = true) {
-    std::vector<std::string> arguments{"-sdv", "-ai", "1:99:ios:e2e", "-p", "ios"};
-    if (convertOnly) arguments.push_back("-c");
-    arguments.push_back("--");
-    arguments.insert(arguments.end(), paths.begin(), paths.end());
-    RunOptions options;
-    options.environment = std::map<std::string, std::string>{
-        {"PATH", "/usr/bin:/bin"}, {"TMPDIR", tmp_.str()}, {"VantrelUploadEndpoint", "http://127.0.0.1:9"}};
-    options.workingDirectory = work_.str();
-    options.timeoutSeconds = 60;
-    return runSymlift(arguments, options);
+    return runByHand(paths, tmp_.str(), work_.str(), convertOnly);
   }
-  std::string fatApp() const { return (fixturesDir() / "FatApp.dSYM").string(); }
+  std::string fatApp() const { return fatAppDSYM(); }
 
   // The names of the cSYM files a convert-only run of FatApp writes.
   std::vector<std::string> fatAppCSYMNames() {
     TempDir scratch;
-    RunOptions options;
-    options.environment = std::map<std::string, std::string>{{"PATH", "/usr/bin:/bin"}, {"TMPDIR", scratch.str()}};
-    runSymlift({"-sdv", "-ai", "1:99:ios:e2e", "-p", "ios", "-c", "--", fatApp()}, options);
+    runByHand({fatApp()}, scratch.str(), scratch.str());
     std::vector<std::string> names;
     for (const auto& entry : fs::directory_iterator(scratch.path()))
       if (entry.path().extension() == ".csym") names.push_back(entry.path().filename().string());

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "e2e/manual_run.h"
 #include "e2e/output_lines.h"
 #include "support/test_support.h"
 
@@ -71,18 +72,9 @@ RunResult runWithFileSizeLimit(const std::vector<std::string>& arguments, const 
 class WriteErrorTest : public ::testing::Test {
  protected:
   RunResult run(const std::vector<std::string>& paths, const std::string& tmpdir, bool convertOnly = true) {
-    std::vector<std::string> arguments{"-sdv", "-ai", "1:99:ios:e2e", "-p", "ios"};
-    if (convertOnly) arguments.push_back("-c");
-    arguments.push_back("--");
-    arguments.insert(arguments.end(), paths.begin(), paths.end());
-    RunOptions options;
-    options.environment = std::map<std::string, std::string>{
-        {"PATH", "/usr/bin:/bin"}, {"TMPDIR", tmpdir}, {"VantrelUploadEndpoint", "http://127.0.0.1:9"}};
-    options.workingDirectory = work_.str();
-    options.timeoutSeconds = 60;
-    return runSymlift(arguments, options);
+    return runByHand(paths, tmpdir, work_.str(), convertOnly);
   }
-  std::string fatApp() const { return (fixturesDir() / "FatApp.dSYM").string(); }
+  std::string fatApp() const { return fatAppDSYM(); }
 
   TempDir work_;
 };

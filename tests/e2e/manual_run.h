@@ -1,0 +1,31 @@
+#pragma once
+// A run of symlift by hand on some paths, as the write-error and
+// temporary-file tests make it.
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "support/test_support.h"
+
+namespace symlift::testing::e2e {
+
+// Runs with a fixed app id, debug lines on, TMPDIR set and the upload
+// endpoint pointed where nothing listens; convert-only (-c) unless told not.
+inline RunResult runByHand(const std::vector<std::string>& paths, const std::string& tmpdir,
+                           const std::string& workingDirectory, bool convertOnly = true) {
+  std::vector<std::string> arguments{"-sdv", "-ai", "1:99:ios:e2e", "-p", "ios"};
+  if (convertOnly) arguments.push_back("-c");
+  arguments.push_back("--");
+  arguments.insert(arguments.end(), paths.begin(), paths.end());
+  RunOptions options;
+  options.environment = std::map<std::string, std::string>{
+      {"PATH", "/usr/bin:/bin"}, {"TMPDIR", tmpdir}, {"VantrelUploadEndpoint", "http://127.0.0.1:9"}};
+  options.workingDirectory = workingDirectory;
+  options.timeoutSeconds = 60;
+  return runSymlift(arguments, options);
+}
+
+inline std::string fatAppDSYM() { return (fixturesDir() / "FatApp.dSYM").string(); }
+
+}  // namespace symlift::testing::e2e
