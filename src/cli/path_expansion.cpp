@@ -219,9 +219,12 @@ void processDSYMBundle(const std::string& path, const SYLUploadSettings& setting
     auto operation = std::make_shared<operations::SUPProcessDSYMOperation>();
     operation->setNetworkClient(client);
     operation->setCodeMappingInfo(container);
-    operation->setAsyncCompletion([path](const support::ErrorPtr& error) {
+    operation->setAsyncCompletion([path, convertOnly = settings.convertOnly](const support::ErrorPtr& error) {
       if (!error) return;
       SYLLogError("Could not complete submission of dSYM at {}: {}", path, error->description());
+      // The run ends before the pipeline's own deletions: the cSYM and gzip
+      // files it made go now, unless the user asked to keep them.
+      if (!convertOnly) support::CleanupRegistry::removeAllAndSeal();
       exitRun(kExitProcessingFailed);
     });
     // container and client stay alive here for the whole wait.

@@ -39,11 +39,15 @@ void CleanupRegistry::remove(const std::string& path) {
 int CleanupRegistry::renameRegistered(const std::string& from, const std::string& to) {
   auto& r = registry();
   std::lock_guard<std::mutex> guard(r.mutex);
-  // Registered first: whichever name the file has when clean-up comes, it is known.
-  r.paths.insert(to);
+  // Under the lock no clean-up runs between the rename and the bookkeeping.
+  // A failed rename leaves whatever is at the new name as it was, and so
+  // not ours to remove.
   const int result = std::rename(from.c_str(), to.c_str());
   const int savedErrno = errno;
-  if (result == 0) r.paths.erase(from);
+  if (result == 0) {
+    r.paths.insert(to);
+    r.paths.erase(from);
+  }
   errno = savedErrno;
   return result;
 }

@@ -116,6 +116,27 @@ TEST_F(TemporaryFilesTest, LinkPlantedAtACSYMNameIsReplacedAndItsTargetUntouched
   }
 }
 
+TEST_F(TemporaryFilesTest, FailedRunRemovesTheCSYMsItWroteUnlessConvertOnly) {
+  const auto names = fatAppCSYMNames();
+  ASSERT_EQ(names.size(), 2u);
+  // A folder at one slice's name stops that cSYM; the other one is written.
+  const fs::path occupied = tmp_.path() / names[0] / "occupied";
+  fs::create_directories(occupied);
+  for (bool convertOnly : {true, false}) {
+    RunResult result = run({fatApp()}, convertOnly);
+    EXPECT_EQ(result.status, 8) << result.out;
+    EXPECT_NE(result.out.find("Could not complete submission of dSYM at "), std::string::npos) << result.out;
+    EXPECT_TRUE(fs::is_directory(occupied));  // not the run's own: left alone
+    std::vector<std::string> left;
+    for (const auto& entry : fs::directory_iterator(tmp_.path())) left.push_back(entry.path().filename().string());
+    std::sort(left.begin(), left.end());
+    if (convertOnly)
+      EXPECT_EQ(left, names) << "the written cSYM is kept for the user";
+    else
+      EXPECT_EQ(left, std::vector<std::string>{names[0]}) << "the written cSYM is removed";
+  }
+}
+
 TEST_F(TemporaryFilesTest, LinkPlantedAtTheUnpackFolderNameIsNotFollowed) {
   if (!haveProgram("zip") || !haveProgram("unzip")) GTEST_SKIP() << "zip and unzip are needed";
   fs::create_directories(work_.path() / "content");
