@@ -17,6 +17,10 @@ struct ServiceOptions {
   std::optional<std::string> tlsCertificate;
   std::optional<std::string> tlsKey;
   std::optional<std::filesystem::path> storeDirectory;
+  // Whether an upload's body is decoded and checked before it is accepted;
+  // off, every well-addressed upload is accepted as received (benchmarks, so
+  // that the stand-in's own work does not share the cores being measured).
+  bool checkUploads = true;
   std::uint64_t failFirst = 0;  // answer this many requests (after the dropped ones) with failStatus
   int failStatus = 503;
   std::optional<std::string> retryAfter;  // sent with every injected failure

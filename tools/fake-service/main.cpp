@@ -24,7 +24,7 @@ int main(int argc, char** argv) {
                  "usage: fake-service [--port N] [--bind 127.0.0.1] [--tls-cert F --tls-key F] [--store DIR]\n"
                  "                    [--fail-first N] [--fail-status S] [--retry-after V] [--delay-ms M]\n"
                  "                    [--drop-first N] [--reset-first N] [--reset-after-bytes B] [--silent-first N]\n"
-                 "                    [--redirect-first N] [--port-file F] [--max-seconds T]\n");
+                 "                    [--redirect-first N] [--check-uploads yes|no] [--port-file F] [--max-seconds T]\n");
     return 2;
   }
   return symlift::fakeservice::runService(*options);
