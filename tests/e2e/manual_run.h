@@ -4,6 +4,7 @@
 
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/test_support.h"
@@ -13,7 +14,8 @@ namespace symlift::testing::e2e {
 // Runs with a fixed app id, debug lines on, TMPDIR set and the upload
 // endpoint pointed where nothing listens; convert-only (-c) unless told not.
 inline RunResult runByHand(const std::vector<std::string>& paths, const std::string& tmpdir,
-                           const std::string& workingDirectory, bool convertOnly = true) {
+                           const std::string& workingDirectory, bool convertOnly = true,
+                           std::map<std::string, std::string> extraEnvironment = {}) {
   std::vector<std::string> arguments{"-sdv", "-ai", "1:99:ios:e2e", "-p", "ios"};
   if (convertOnly) arguments.push_back("-c");
   arguments.push_back("--");
@@ -21,6 +23,7 @@ inline RunResult runByHand(const std::vector<std::string>& paths, const std::str
   RunOptions options;
   options.environment = std::map<std::string, std::string>{
       {"PATH", "/usr/bin:/bin"}, {"TMPDIR", tmpdir}, {"VantrelUploadEndpoint", "http://127.0.0.1:9"}};
+  options.extraEnvironment = std::move(extraEnvironment);
   options.workingDirectory = workingDirectory;
   options.timeoutSeconds = 60;
   return runSymlift(arguments, options);

@@ -118,6 +118,34 @@ TEST_F(WriteErrorTest, FullDiskWhileWritingACSYMLeavesNoPartialFile) {
     ADD_FAILURE() << "left behind: " << entry.path().filename();
 }
 
+TEST_F(WriteErrorTest, FullDiskForTheGzipFileAloneFailsTheCompressionOfEverySlice) {
+  std::map<std::string, std::string> fault{{"LD_PRELOAD", ZIP_WRITE_FAULT_LIBRARY}};
+  // A sanitized symlift insists on its runtime coming first; the preloaded
+  // library only wraps open, which the runtime does not.
+  if (const char* asan = std::getenv("ASAN_OPTIONS"))
+    fault["ASAN_OPTIONS"] = std::string(asan) + ":verify_asan_link_order=0";
+  for (bool convertOnly : {true, false}) {
+    TempDir tmp;
+    RunResult result = runByHand({fatApp()}, tmp.str(), work_.str(), convertOnly, fault);
+    EXPECT_EQ(result.signal, 0);
+    EXPECT_EQ(result.status, 8) << result.out;
+    EXPECT_NE(result.out.find("error: Could not write compressed cSYM file " + tmp.str() + "/"), std::string::npos)
+        << result.out;
+    EXPECT_NE(result.out.find(".zip: " + std::string(std::strerror(ENOSPC))), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find("Could not compress cSYM data for uuid "), std::string::npos) << result.out;
+    EXPECT_EQ(result.out.find("Retrying"), std::string::npos) << "nothing is sent: " << result.out;
+    std::vector<std::string> left;
+    for (const auto& entry : fs::directory_iterator(tmp.path())) left.push_back(entry.path().filename().string());
+    if (convertOnly) {
+      // The cSYM files were written before the gzip file failed: kept.
+      EXPECT_EQ(left.size(), 2u) << ::testing::PrintToString(left);
+      for (const auto& name : left) EXPECT_TRUE(name.ends_with(".csym")) << name;
+    } else {
+      EXPECT_TRUE(left.empty()) << "left behind: " << ::testing::PrintToString(left);
+    }
+  }
+}
+
 TEST_F(WriteErrorTest, FullDiskWhileUnzippingEndsWithStatusElevenAndUnzipsReason) {
   if (!haveProgram("zip") || !haveProgram("unzip")) GTEST_SKIP() << "zip and unzip are needed";
   fs::create_directories(work_.path() / "content");
