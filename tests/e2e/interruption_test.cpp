@@ -16,6 +16,7 @@
 #include <functional>
 #include <thread>
 
+#include "e2e/manual_run.h"
 #include "network/fake_service_process.h"
 #include "support/test_support.h"
 
@@ -171,9 +172,7 @@ TEST_F(InterruptionTest, SIGTERMWhileAnUploadWaitsRemovesTheUnpackedArchive) {
   FakeServiceProcess service({"--delay-ms", "20000"});
   ASSERT_TRUE(service.started());
   for (int i = 0; i < 3; ++i) copyFatApp(work_.path() / "content" / ("App" + std::to_string(i) + ".dSYM"));
-  RunOptions zipOptions;
-  zipOptions.workingDirectory = (work_.path() / "content").string();
-  ASSERT_EQ(runProgram({"/usr/bin/zip", "-qr", (work_.path() / "Symbols.zip").string(), "."}, zipOptions).status, 0);
+  ASSERT_TRUE(zipFolder(work_.path() / "content", work_.path() / "Symbols.zip"));
 
   BackgroundRun run({"-sdv", "-ai", "1:99:ios:e2e", "-p", "ios", "--", "Symbols.zip"},
                     environment(service.baseURL()), work_.path(), work_.path() / "output.txt");
@@ -206,9 +205,7 @@ TEST_F(InterruptionTest, SIGTERMStopsAnUnzipStillWritingBeforeRemovingItsFolder)
                                          "while :; do mkdir -p \"$5/late/more\"; sleep 0.02; done\n");
   fs::permissions(fakeUnzip, fs::perms::owner_all);
   copyFatApp(work_.path() / "content/App.dSYM");
-  RunOptions zipOptions;
-  zipOptions.workingDirectory = (work_.path() / "content").string();
-  ASSERT_EQ(runProgram({"/usr/bin/zip", "-qr", (work_.path() / "Symbols.zip").string(), "."}, zipOptions).status, 0);
+  ASSERT_TRUE(zipFolder(work_.path() / "content", work_.path() / "Symbols.zip"));
 
   auto env = environment("http://127.0.0.1:9");
   env["PATH"] = bin.string() + ":/usr/bin:/bin";

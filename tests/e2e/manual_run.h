@@ -2,6 +2,8 @@
 // A run of symlift by hand on some paths, as the write-error and
 // temporary-file tests make it.
 
+#include <algorithm>
+#include <filesystem>
 #include <map>
 #include <string>
 #include <utility>
@@ -27,6 +29,21 @@ inline RunResult runByHand(const std::vector<std::string>& paths, const std::str
   options.workingDirectory = workingDirectory;
   options.timeoutSeconds = 60;
   return runSymlift(arguments, options);
+}
+
+// Zips everything in folder (named relative to it) into archive.
+inline bool zipFolder(const std::filesystem::path& folder, const std::filesystem::path& archive) {
+  RunOptions options;
+  options.workingDirectory = folder.string();
+  return runProgram({"/usr/bin/zip", "-qr", archive.string(), "."}, options).status == 0;
+}
+
+// The names of everything directly in folder, sorted.
+inline std::vector<std::string> entryNames(const std::filesystem::path& folder) {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) names.push_back(entry.path().filename().string());
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
 inline std::string fatAppDSYM() { return (fixturesDir() / "FatApp.dSYM").string(); }

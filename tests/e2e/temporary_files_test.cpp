@@ -127,9 +127,7 @@ TEST_F(TemporaryFilesTest, FailedRunRemovesTheCSYMsItWroteUnlessConvertOnly) {
     EXPECT_EQ(result.status, 8) << result.out;
     EXPECT_NE(result.out.find("Could not complete submission of dSYM at "), std::string::npos) << result.out;
     EXPECT_TRUE(fs::is_directory(occupied));  // not the run's own: left alone
-    std::vector<std::string> left;
-    for (const auto& entry : fs::directory_iterator(tmp_.path())) left.push_back(entry.path().filename().string());
-    std::sort(left.begin(), left.end());
+    const std::vector<std::string> left = entryNames(tmp_.path());
     if (convertOnly)
       EXPECT_EQ(left, names) << "the written cSYM is kept for the user";
     else
@@ -141,9 +139,7 @@ TEST_F(TemporaryFilesTest, LinkPlantedAtTheUnpackFolderNameIsNotFollowed) {
   if (!haveProgram("zip") || !haveProgram("unzip")) GTEST_SKIP() << "zip and unzip are needed";
   fs::create_directories(work_.path() / "content");
   fs::copy(fixturesDir() / "FatApp.dSYM", work_.path() / "content/FatApp.dSYM", fs::copy_options::recursive);
-  RunOptions zipOptions;
-  zipOptions.workingDirectory = (work_.path() / "content").string();
-  ASSERT_EQ(runProgram({"/usr/bin/zip", "-qr", (work_.path() / "Symbols.zip").string(), "."}, zipOptions).status, 0);
+  ASSERT_TRUE(zipFolder(work_.path() / "content", work_.path() / "Symbols.zip"));
   fs::create_directory_symlink(outside_.path(), tmp_.path() / "Symbols.zip.unzipped");
   RunResult result = run({"Symbols.zip"});
   EXPECT_EQ(result.status, 0) << result.out;

@@ -134,8 +134,7 @@ TEST_F(WriteErrorTest, FullDiskForTheGzipFileAloneFailsTheCompressionOfEverySlic
     EXPECT_NE(result.out.find(".zip: " + std::string(std::strerror(ENOSPC))), std::string::npos) << result.out;
     EXPECT_NE(result.out.find("Could not compress cSYM data for uuid "), std::string::npos) << result.out;
     EXPECT_EQ(result.out.find("Retrying"), std::string::npos) << "nothing is sent: " << result.out;
-    std::vector<std::string> left;
-    for (const auto& entry : fs::directory_iterator(tmp.path())) left.push_back(entry.path().filename().string());
+    const std::vector<std::string> left = entryNames(tmp.path());
     if (convertOnly) {
       // The cSYM files were written before the gzip file failed: kept.
       EXPECT_EQ(left.size(), 2u) << ::testing::PrintToString(left);
@@ -150,10 +149,8 @@ TEST_F(WriteErrorTest, FullDiskWhileUnzippingEndsWithStatusElevenAndUnzipsReason
   if (!haveProgram("zip") || !haveProgram("unzip")) GTEST_SKIP() << "zip and unzip are needed";
   fs::create_directories(work_.path() / "content");
   fs::copy(fixturesDir() / "FatApp.dSYM", work_.path() / "content/FatApp.dSYM", fs::copy_options::recursive);
-  RunOptions zipOptions;
-  zipOptions.workingDirectory = (work_.path() / "content").string();
   const std::string archive = (work_.path() / "Symbols.zip").string();
-  ASSERT_EQ(runProgram({"/usr/bin/zip", "-qr", archive, "."}, zipOptions).status, 0);
+  ASSERT_TRUE(zipFolder(work_.path() / "content", archive));
   TempDir tmp;
   // unzip inherits the limit; the DWARF file is larger than it.
   RunResult result =
