@@ -77,21 +77,40 @@ TEST(SerialDispatchQueueTest, SyncFromManyThreadsIsExclusiveAndRunsOnTheCaller) 
 TEST(SerialDispatchQueueTest, SyncCallerIsHandedTheQueueWithoutThePool) {
   ThreadPool& pool = ThreadPool::shared();
   constexpr std::size_t kPoolCap = 128;  // ThreadPool::shared()'s cap
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::size_t busyWorkers = 0;
-  bool releaseWorkers = false;
-  for (std::size_t i = 0; i < kPoolCap; ++i)
-    pool.submit([&] {
-      std::unique_lock<std::mutex> lock(mutex);
-      ++busyWorkers;
+  // Shared with the workers, which may still be waking when the test ends:
+  // they own it with the test, and whatever way the test ends they are let go.
+  struct Workers {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::size_t busy = 0;
+    bool release = false;
+    void letGo() {
+      {
+        std::lock_guard<std::mutex> guard(mutex);
+        release = true;
+      }
       changed.notify_all();
-      changed.wait(lock, [&] { return releaseWorkers; });
+    }
+  };
+  auto workers = std::make_shared<Workers>();
+  struct LetGoAtTheEnd {
+    std::shared_ptr<Workers> workers;
+    ~LetGoAtTheEnd() { workers->letGo(); }
+  } letGoAtTheEnd{workers};
+  for (std::size_t i = 0; i < kPoolCap; ++i)
+    pool.submit([workers] {
+      std::unique_lock<std::mutex> lock(workers->mutex);
+      ++workers->busy;
+      workers->changed.notify_all();
+      workers->changed.wait(lock, [&] { return workers->release; });
+      --workers->busy;
+      workers->changed.notify_all();
     });
+  const auto patience = std::chrono::milliseconds(static_cast<long>(20000 * symlift::testing::timeScale()));
   {
-    std::unique_lock<std::mutex> lock(mutex);
-    ASSERT_TRUE(changed.wait_for(lock, 20s, [&] { return busyWorkers == kPoolCap; }))
-        << busyWorkers << " workers busy";
+    std::unique_lock<std::mutex> lock(workers->mutex);
+    ASSERT_TRUE(workers->changed.wait_for(lock, patience, [&] { return workers->busy == kPoolCap; }))
+        << workers->busy << " workers busy";
   }
   ASSERT_EQ(pool.threadCount(), kPoolCap);
 
@@ -112,13 +131,12 @@ TEST(SerialDispatchQueueTest, SyncCallerIsHandedTheQueueWithoutThePool) {
   const bool handedOver = secondRan.get_future().wait_for(5s) == std::future_status::ready;
   EXPECT_TRUE(handedOver) << "the second synchronous caller waited for a worker of the pool";
 
-  {
-    std::lock_guard<std::mutex> guard(mutex);
-    releaseWorkers = true;
-  }
-  changed.notify_all();
+  workers->letGo();
   first.join();
   second.join();
+  // The pool is idle again for whatever runs next in this process.
+  std::unique_lock<std::mutex> lock(workers->mutex);
+  EXPECT_TRUE(workers->changed.wait_for(lock, patience, [&] { return workers->busy == 0; }));
 }
 
 TEST(DispatchQueueTest, AsyncAfterWaitsAtLeastTheDelay) {
