@@ -3,7 +3,7 @@
 #
 # `make test` runs the suite three times: the normal build (BUILD_DIR), the
 # whole suite again under AddressSanitizer + UndefinedBehaviorSanitizer
-# (ASAN_DIR), and the concurrent parts (operations, pipeline, network, web
+# (ASAN_DIR), and the concurrent parts (dispatch, pipeline, network, web
 # client) under ThreadSanitizer (TSAN_DIR). Each build also replays the fuzz
 # regression corpus (the FuzzReplay.* tests). The sanitized runs use gcc, as
 # the normal build does.
@@ -18,7 +18,7 @@ CMAKE_CONFIGURE = cmake -S . -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_
 
 # The test executables (and so the ctest labels) that run under ThreadSanitizer,
 # and what their tests start as child processes.
-TSAN_TESTS = operations_tests pipeline_tests network_tests web_client_tests
+TSAN_TESTS = dispatch_tests pipeline_tests network_tests web_client_tests
 TSAN_TARGETS = $(TSAN_TESTS) symlift fake-service
 
 # Any sanitizer report ends the process with SIGABRT, so the test that ran it

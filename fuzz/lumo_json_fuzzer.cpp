@@ -11,7 +11,7 @@
 #include <unistd.h>
 
 #include "cli/app_id.h"
-#include "cli/console_log.h"
+#include "console/console_log.h"
 
 namespace {
 
@@ -46,6 +46,7 @@ bool isTrimmedSliceOf(const std::string& trimmed, std::string_view text) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace symlift::cli;
+  using namespace symlift::console;
   static InputFile input;
   // The error lines the reader prints for bad files are not what is tested.
   SYLLogging::sharedInstance().setLogLevel(kLogLevelError + 1);

@@ -11,10 +11,10 @@
 #include <limits>
 #include <thread>
 
-#include "buildenv/path_component.h"
+#include "support/path_component.h"
 #include "buildenv/process_ancestry.h"
 #include "buildenv/task.h"
-#include "cli/console_log.h"
+#include "console/console_log.h"
 #include "support/system_log.h"
 
 namespace symlift::buildenv {
@@ -68,7 +68,7 @@ std::optional<std::string> programOnPath(const std::string& name) {
     if (end == std::string::npos) end = directories.size();
     // An empty entry means the current directory.
     std::string directory = end > start ? directories.substr(start, end - start) : std::string(".");
-    std::string candidate = appendingPathComponent(directory, name);
+    std::string candidate = support::appendingPathComponent(directory, name);
     if (::access(candidate.c_str(), X_OK) == 0) return candidate;
     start = end + 1;
   }
@@ -92,10 +92,10 @@ std::string platformNameFromEnvironment(const Environment& environment) {
 
 std::vector<std::string> dSYMPathsFromEnvironment(const Environment& environment, bool isLumoProject) {
   const std::string folder = valueOf(environment, "DWARF_DSYM_FOLDER_PATH");
-  std::vector<std::string> paths{appendingPathComponent(folder, valueOf(environment, "DWARF_DSYM_FILE_NAME"))};
+  std::vector<std::string> paths{support::appendingPathComponent(folder, valueOf(environment, "DWARF_DSYM_FILE_NAME"))};
 
   if (valueOf(environment, "VEXA_OBFUSCATION") == "true") {
-    cli::SYLLogWarning(
+    console::SYLLogWarning(
         "Lumo build with '--obfuscate' enabled. To view deobfuscated stack traces, upgrade to Lumo 3.12.0+ or "
         "upload dSYMs manually using the Pelloran console web uploader at {}",
         kConsoleVantrelPageURL);
@@ -103,11 +103,11 @@ std::vector<std::string> dSYMPathsFromEnvironment(const Environment& environment
 
   if (isLumoProject) {
     if (environment.count("SPLIT_DEBUG_INFO"))
-      cli::SYLLogDebug("--split-debug-info enabled, using dSYMs at path ({})", folder);
+      console::SYLLogDebug("--split-debug-info enabled, using dSYMs at path ({})", folder);
     // Debug builds of a Lumo app load the framework's code at run time and
     // make no framework dSYM.
     if (valueOf(environment, "CONFIGURATION").find("Debug") == std::string::npos)
-      paths.push_back(appendingPathComponent(folder, "App.framework.dSYM"));
+      paths.push_back(support::appendingPathComponent(folder, "App.framework.dSYM"));
   }
   return paths;
 }
@@ -157,7 +157,7 @@ bool waitForDSYM(const Environment& environment, const std::string& dSYMPath, co
   const std::string dwarf = fmt::format("{}/{}", dSYMPath, "Contents/Resources/DWARF");
 
   bool ready = waitUntil(30, [&] {
-    cli::SYLLogDebug("Checking dSYM size above zero at path \"{}\"", dwarf);
+    console::SYLLogDebug("Checking dSYM size above zero at path \"{}\"", dwarf);
     return sizeAtPath(dwarf) > 0;
   }, hooks);
   if (!ready) return false;
@@ -165,7 +165,7 @@ bool waitForDSYM(const Environment& environment, const std::string& dSYMPath, co
   if (valueOf(environment, "ENABLE_DEBUG_DYLIB") == "YES") {
     const std::string dylib = fmt::format("{}/{}.debug.dylib", dwarf, valueOf(environment, "EXECUTABLE_NAME"));
     ready = waitUntil(30, [&] {
-      cli::SYLLogDebug("Checking debug dylib dSYM size above zero at path \"{}\"", dylib);
+      console::SYLLogDebug("Checking debug dylib dSYM size above zero at path \"{}\"", dylib);
       return sizeAtPath(dylib) > 0;
     }, hooks);
     if (!ready) return false;
@@ -177,7 +177,7 @@ bool waitForDSYM(const Environment& environment, const std::string& dSYMPath, co
   std::int64_t previousSize = 0;
   return waitUntil(std::numeric_limits<std::int32_t>::max(), [&] {
     std::int64_t size = sizeAtPath(dwarf);
-    cli::SYLLogDebug("Checking dSYM size {} bytes at path \"{}\"", size, dwarf);
+    console::SYLLogDebug("Checking dSYM size {} bytes at path \"{}\"", size, dwarf);
     if (size == previousSize) return true;
     previousSize = size;
     return false;

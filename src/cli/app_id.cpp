@@ -2,10 +2,12 @@
 
 #include <nlohmann/json.hpp>
 
-#include "cli/console_log.h"
+#include "console/console_log.h"
 #include "support/property_list.h"
 
 namespace symlift::cli {
+
+using namespace console;
 
 namespace {
 

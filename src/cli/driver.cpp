@@ -7,7 +7,7 @@
 
 #include "buildenv/build_environment.h"
 #include "cli/app_id.h"
-#include "cli/console_log.h"
+#include "console/console_log.h"
 #include "cli/exit_status.h"
 #include "cli/interruption.h"
 #include "cli/platform_names.h"
@@ -18,10 +18,12 @@
 #include "cli/symbolication_version.h"
 #include "cli/upload_settings.h"
 #include "dsym/dsym_validator.h"
-#include "records/record_upload.h"
+#include "cli/record_upload.h"
 #include "records/upload_recorder.h"
 
 namespace symlift::cli {
+
+using namespace console;
 
 namespace {
 
@@ -137,7 +139,7 @@ int runBuildPhaseMode(const ArgumentList& arguments, const buildenv::Environment
   }
 
   if (int status = processPaths(paths, /*recursive=*/false, settings); status != kExitSuccess) return status;
-  buildenv::recordUpload(recorder, executable, settings.isCI);
+  cli::recordUpload(recorder, executable, settings.isCI);
   SYLLogSuccess("Successfully uploaded Vantrel build event and symbols");
   return kExitSuccess;
 }

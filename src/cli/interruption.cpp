@@ -13,10 +13,12 @@
 #include <thread>
 #include <vector>
 
-#include "cli/console_log.h"
+#include "console/console_log.h"
 #include "support/cleanup_registry.h"
 
 namespace symlift::cli {
+
+using namespace console;
 
 namespace {
 

@@ -13,19 +13,21 @@
 #include <system_error>
 
 #include "buildenv/task.h"
-#include "cli/console_log.h"
+#include "console/console_log.h"
 #include "cli/exit_status.h"
 #include "cli/processing.h"
 #include "dsym/bundle.h"
 #include "dsym/code_mapping.h"
 #include "dsym/code_mapping_info_container.h"
 #include "operations/delete_file_operation.h"
-#include "operations/operation_queue.h"
+#include "dispatch/operation_queue.h"
 #include "operations/process_dsym_operation.h"
 #include "support/cleanup_registry.h"
 #include "support/temporary_directory.h"
 
 namespace symlift::cli {
+
+using namespace console;
 
 namespace fs = std::filesystem;
 

@@ -7,22 +7,24 @@
 #include <mutex>
 #include <utility>
 
-#include "cli/console_log.h"
+#include "console/console_log.h"
 #include "cli/exit_status.h"
 #include "cli/path_expansion.h"
 #include "network/network_client.h"
-#include "operations/operation_queue.h"
+#include "dispatch/operation_queue.h"
 
 namespace symlift::cli {
+
+using namespace console;
 
 namespace {
 
 struct SharedObjects {
   std::mutex mutex;  // guards every field
-  std::shared_ptr<operations::OperationQueue> queue;
+  std::shared_ptr<dispatch::OperationQueue> queue;
   std::shared_ptr<network::SUPKITNetworkClient> client;
   // Every queue of the run: clean-up queued on an earlier one still counts.
-  std::vector<std::shared_ptr<operations::OperationQueue>> queues;
+  std::vector<std::shared_ptr<dispatch::OperationQueue>> queues;
   std::vector<std::string> temporaryFolders;
   int depth = 0;  // processPaths calls in progress
 };
@@ -42,7 +44,7 @@ void retireClient(std::shared_ptr<network::SUPKITNetworkClient> client) {
 }
 
 void replaceSharedObjects() {
-  auto queue = operations::OperationQueue::create("symlift.processing");
+  auto queue = dispatch::OperationQueue::create("symlift.processing");
   auto client = network::SUPKITNetworkClient::create();
   std::shared_ptr<network::SUPKITNetworkClient> previous;
   {
@@ -59,7 +61,7 @@ void replaceSharedObjects() {
 // The outermost call: let queued clean-up finish, then let go of the queues
 // and the client so nothing of the pipeline outlives the run's work.
 void drainAndRelease() {
-  std::vector<std::shared_ptr<operations::OperationQueue>> queues;
+  std::vector<std::shared_ptr<dispatch::OperationQueue>> queues;
   {
     auto& s = shared();
     std::lock_guard<std::mutex> guard(s.mutex);
@@ -118,7 +120,7 @@ int processPaths(const std::vector<std::string>& paths, bool recursive, const SY
   return kExitSuccess;
 }
 
-std::shared_ptr<operations::OperationQueue> sharedOperationQueue() {
+std::shared_ptr<dispatch::OperationQueue> sharedOperationQueue() {
   auto& s = shared();
   std::lock_guard<std::mutex> guard(s.mutex);
   return s.queue;

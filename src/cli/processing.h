@@ -11,7 +11,7 @@
 namespace symlift::network {
 class SUPKITNetworkClient;
 }
-namespace symlift::operations {
+namespace symlift::dispatch {
 class OperationQueue;
 }
 
@@ -25,7 +25,7 @@ namespace symlift::cli {
 int processPaths(const std::vector<std::string>& paths, bool recursive, const SYLUploadSettings& settings);
 
 // The queue and client of the latest processPaths call.
-std::shared_ptr<operations::OperationQueue> sharedOperationQueue();
+std::shared_ptr<dispatch::OperationQueue> sharedOperationQueue();
 std::shared_ptr<network::SUPKITNetworkClient> sharedNetworkClient();
 
 // An unpack folder to remove should the run end early.

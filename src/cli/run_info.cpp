@@ -1,13 +1,15 @@
 #include "cli/run_info.h"
 
 #include "buildenv/build_environment.h"
-#include "cli/console_log.h"
+#include "console/console_log.h"
 #include "cli/options.h"
 #include "cli/platform_names.h"
 #include "cli/service_pages.h"
 #include "support/info_dictionary.h"
 
 namespace symlift::cli {
+
+using namespace console;
 
 void printUsage() {
   SYLLogBold("usage: symlift [flags] -- <paths>");

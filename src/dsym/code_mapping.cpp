@@ -1,6 +1,6 @@
 #include "dsym/code_mapping.h"
 
-#include "cli/console_log.h"
+#include "console/console_log.h"
 
 namespace symlift::dsym {
 
@@ -38,7 +38,7 @@ std::set<std::string> SUPDSYMFile::uuidSet() const {
     if (uuid)
       uuids.insert(*uuid);
     else
-      cli::SYLLogWarning("unable to extract dSYM uuid for architecture {}", architectureName);
+      console::SYLLogWarning("unable to extract dSYM uuid for architecture {}", architectureName);
   });
   return uuids;
 }

@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <system_error>
 
-#include "cli/console_log.h"
+#include "console/console_log.h"
 #include "symbols/symbol_processor.h"
 
 namespace symlift::dsym {
@@ -43,9 +43,9 @@ void DSYMValidator::validateDSYMs(const std::vector<std::string>& paths) {
     checkForEmptyDSYMs(dSYMPaths);
     checkForHiddenDSYMs(dSYMPaths);
   } catch (const std::exception& exception) {
-    cli::SYLLogError("Failed to validate dSYMs due to exception: {}", exception.what());
+    console::SYLLogError("Failed to validate dSYMs due to exception: {}", exception.what());
   } catch (...) {
-    cli::SYLLogError("Failed to validate dSYMs due to exception: {}", "unknown exception");
+    console::SYLLogError("Failed to validate dSYMs due to exception: {}", "unknown exception");
   }
 }
 
@@ -63,7 +63,7 @@ std::vector<std::string> DSYMValidator::expandDSYMDirectories(const std::vector<
     for (; !ec && listing != fs::directory_iterator(); listing.increment(ec))
       entries.push_back(listing->path().filename().string());
     if (ec) {
-      cli::SYLLogError("Unable to expand directory at path {} due to error: {}", path, ec.message());
+      console::SYLLogError("Unable to expand directory at path {} due to error: {}", path, ec.message());
       continue;
     }
     // The platform lists a folder's entries sorted by name.
@@ -76,7 +76,7 @@ std::vector<std::string> DSYMValidator::expandDSYMDirectories(const std::vector<
 
 void DSYMValidator::checkForEmptyDSYMs(const std::vector<std::string>& dSYMPaths) {
   for (const std::string& path : removeValidDSYMPathsFrom(dSYMPaths))
-    cli::SYLLogWarning(
+    console::SYLLogWarning(
         "Vantrel found an invalid dSYM without any symbols at path: {}. This will result in missing stack frames "
         "for that library in Vantrel. This can happen in some cases when a code obfuscator is used, or when symbols "
         "are stripped from the library / app. For more information, please visit the Vantrel docs. To silence this "
@@ -86,7 +86,7 @@ void DSYMValidator::checkForEmptyDSYMs(const std::vector<std::string>& dSYMPaths
 
 void DSYMValidator::checkForHiddenDSYMs(const std::vector<std::string>& dSYMPaths) {
   for (const std::string& path : getHiddenDSYMPathsFrom(dSYMPaths))
-    cli::SYLLogWarning(
+    console::SYLLogWarning(
         "Vantrel found a dSYM with hidden symbols at path: {}. This will result in hidden stack frames for that "
         "library in Vantrel. This can occur if you have  bitcode enabled in your app. If you have chosen to upload "
         "the symbols for your app to Apple, make sure to download the symbolicated dSYMs from Apple through Xcode or "

@@ -136,7 +136,7 @@ URLSessionConfiguration URLSessionConfiguration::defaultSessionConfiguration() {
 
 struct CurlURLSession::Core {
   URLSessionConfiguration configuration;
-  std::shared_ptr<operations::DispatchQueue> delegateQueue;
+  std::shared_ptr<dispatch::DispatchQueue> delegateQueue;
   CURLM* multi = nullptr;
   std::thread::id threadId;
 
@@ -323,7 +323,7 @@ void CurlURLSession::Core::run() {
 }
 
 std::shared_ptr<CurlURLSession> CurlURLSession::create(const URLSessionConfiguration& configuration,
-                                                       std::shared_ptr<operations::DispatchQueue> delegateQueue) {
+                                                       std::shared_ptr<dispatch::DispatchQueue> delegateQueue) {
   initialiseCurlOnce();
   auto core = std::make_shared<Core>();
   core->configuration = configuration;
@@ -372,7 +372,7 @@ void CurlURLSession::stopThread() {
     };
     auto holder = std::make_shared<JoinOnRelease>();
     holder->thread = std::move(thread_);
-    operations::backgroundQueue().async([holder]() mutable { holder.reset(); });
+    dispatch::backgroundQueue().async([holder]() mutable { holder.reset(); });
     return;
   }
   thread_.join();

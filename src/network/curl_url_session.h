@@ -7,7 +7,7 @@
 #include <thread>
 
 #include "network/url_session.h"
-#include "operations/dispatch_queue.h"
+#include "dispatch/dispatch_queue.h"
 
 namespace symlift::network {
 
@@ -15,7 +15,7 @@ class CurlURLSession : public URLSession {
  public:
   // Nothing when libcurl cannot make the multi handle or the thread.
   static std::shared_ptr<CurlURLSession> create(const URLSessionConfiguration& configuration,
-                                                std::shared_ptr<operations::DispatchQueue> delegateQueue);
+                                                std::shared_ptr<dispatch::DispatchQueue> delegateQueue);
   // Finishes outstanding transfers, then stops and joins the session thread.
   ~CurlURLSession() override;
   CurlURLSession(const CurlURLSession&) = delete;

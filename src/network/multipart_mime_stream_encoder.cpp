@@ -6,7 +6,7 @@
 
 #include <random>
 
-#include "cli/console_log.h"
+#include "console/console_log.h"
 #include "support/property_list.h"
 
 namespace symlift::network {
@@ -94,11 +94,11 @@ void SUPMultipartMimeStreamEncoder::addFileData(const Data& data, const std::opt
                                                 const std::optional<std::string>& mimeType,
                                                 const std::optional<std::string>& fieldName) {
   if (data.empty()) {
-    cli::SYLLogError("Unable to MIME encode data with zero length ({})", textOrNull(fieldName));
+    console::SYLLogError("Unable to MIME encode data with zero length ({})", textOrNull(fieldName));
     return;
   }
   if (!fieldName || fieldName->empty() || !fileName || fileName->empty()) {
-    cli::SYLLogError("name ({}) or fieldname ({}) is invalid", textOrNull(fieldName), textOrNull(fileName));
+    console::SYLLogError("name ({}) or fieldname ({}) is invalid", textOrNull(fieldName), textOrNull(fileName));
     return;
   }
   writeText(fmt::format("--{}\r\nContent-Disposition: form-data; name=\"{}\"; filename=\"{}\"\r\n", boundary_,
@@ -127,7 +127,7 @@ void SUPMultipartMimeStreamEncoder::addValue(const std::optional<SUPFormValue>& 
                                              const std::optional<std::string>& fieldName) {
   bool isNull = !value || std::holds_alternative<SUPNull>(*value);
   if (isNull || !fieldName || fieldName->empty()) {
-    cli::SYLLogError("name ({}) or value ({}) is invalid", textOrNull(fieldName),
+    console::SYLLogError("name ({}) or value ({}) is invalid", textOrNull(fieldName),
                      value ? textOfFormValue(*value) : std::string("(null)"));
     return;
   }
@@ -139,7 +139,7 @@ void SUPMultipartMimeStreamEncoder::addValue(const std::optional<SUPFormValue>& 
 bool SUPMultipartMimeStreamEncoder::writeBytes(const std::uint8_t* bytes, std::size_t length) {
   ssize_t written = outputStream_ ? outputStream_->write(bytes, length) : -1;
   if (written < 0 || static_cast<std::size_t>(written) < length) {
-    cli::SYLLogError("Failed to write bytes to stream");
+    console::SYLLogError("Failed to write bytes to stream");
     return false;
   }
   length_ += length;
@@ -149,7 +149,7 @@ bool SUPMultipartMimeStreamEncoder::writeBytes(const std::uint8_t* bytes, std::s
 void SUPMultipartMimeStreamEncoder::writeData(const Data& data) {
   ssize_t written = outputStream_ ? outputStream_->write(data.data(), data.size()) : -1;
   if (written < 0 || static_cast<std::size_t>(written) < data.size()) {
-    cli::SYLLogError("Failed to write data to stream");
+    console::SYLLogError("Failed to write data to stream");
     return;
   }
   length_ += data.size();

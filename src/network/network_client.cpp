@@ -6,7 +6,7 @@
 
 #include <fmt/format.h>
 
-#include "cli/console_log.h"
+#include "console/console_log.h"
 #include "network/curl_url_session.h"
 #include "network/network_constants.h"
 #include "network/network_response_handler.h"
@@ -40,12 +40,12 @@ void deliverWithoutClient(const SUPKITNetworkClient::Response& response, std::op
 std::shared_ptr<SUPKITNetworkClient> SUPKITNetworkClient::create() { return createWithQueue(nullptr); }
 
 std::shared_ptr<SUPKITNetworkClient> SUPKITNetworkClient::createWithQueue(
-    std::shared_ptr<operations::DispatchQueue> queue) {
+    std::shared_ptr<dispatch::DispatchQueue> queue) {
   return createWithSessionConfiguration(URLSessionConfiguration::defaultSessionConfiguration(), std::move(queue));
 }
 
 std::shared_ptr<SUPKITNetworkClient> SUPKITNetworkClient::createWithSessionConfiguration(
-    const URLSessionConfiguration& configuration, std::shared_ptr<operations::DispatchQueue> queue) {
+    const URLSessionConfiguration& configuration, std::shared_ptr<dispatch::DispatchQueue> queue) {
   auto session = CurlURLSession::create(configuration, std::move(queue));
   if (!session) return nullptr;
   return createWithSession(std::move(session));
@@ -113,7 +113,7 @@ std::chrono::nanoseconds SUPKITNetworkClient::delayInNanoseconds(double seconds)
 }
 
 void SUPKITNetworkClient::runAfterRetryValueFromResponse(const Response& response, std::uint64_t attempts,
-                                                         operations::DispatchQueue& queue,
+                                                         dispatch::DispatchQueue& queue,
                                                          std::function<void()> block) {
   queue.asyncAfter(retryDelayWithTestCeiling(delayInNanoseconds(computeDelayForResponse(response, attempts))),
                    std::move(block));
@@ -126,7 +126,7 @@ void SUPKITNetworkClient::runAfterRetryValueFromResponse(const Response& respons
                     std::move(block));
     return;
   }
-  runAfterRetryValueFromResponse(response, attempts, operations::backgroundQueue(), std::move(block));
+  runAfterRetryValueFromResponse(response, attempts, dispatch::backgroundQueue(), std::move(block));
 }
 
 void SUPKITNetworkClient::handleResponse(Response response, std::optional<Data> data, support::ErrorPtr taskError,
@@ -157,7 +157,7 @@ void SUPKITNetworkClient::handleCompletionWithResponse(Response response, std::o
                                                        }));
     return;
   }
-  cli::SYLLogDebug("Retrying symbol upload with number of retries: {}/{}", tries + 1, retryLimit);
+  console::SYLLogDebug("Retrying symbol upload with number of retries: {}/{}", tries + 1, retryLimit);
   std::weak_ptr<SUPKITNetworkClient> weakSelf = weak_from_this();
   runAfterRetryValueFromResponse(response, tries,
                                  [weakSelf, request, retryLimit, tries, completion = std::move(completion)]() mutable {

@@ -12,7 +12,7 @@
 
 #include "network/url_request.h"
 #include "network/url_session.h"
-#include "operations/dispatch_queue.h"
+#include "dispatch/dispatch_queue.h"
 #include "support/error.h"
 
 namespace symlift::network {
@@ -28,9 +28,9 @@ class SUPKITNetworkClient : public std::enable_shared_from_this<SUPKITNetworkCli
   // The session delivers completions on its own thread, or on the queue
   // when one is given. Nothing when no session can be made.
   static std::shared_ptr<SUPKITNetworkClient> create();
-  static std::shared_ptr<SUPKITNetworkClient> createWithQueue(std::shared_ptr<operations::DispatchQueue> queue);
+  static std::shared_ptr<SUPKITNetworkClient> createWithQueue(std::shared_ptr<dispatch::DispatchQueue> queue);
   static std::shared_ptr<SUPKITNetworkClient> createWithSessionConfiguration(
-      const URLSessionConfiguration& configuration, std::shared_ptr<operations::DispatchQueue> queue);
+      const URLSessionConfiguration& configuration, std::shared_ptr<dispatch::DispatchQueue> queue);
   // Over a session of the caller's making.
   static std::shared_ptr<SUPKITNetworkClient> createWithSession(std::shared_ptr<URLSession> session);
 
@@ -54,7 +54,7 @@ class SUPKITNetworkClient : public std::enable_shared_from_this<SUPKITNetworkCli
   static std::chrono::nanoseconds delayInNanoseconds(double seconds);
 
   void runAfterRetryValueFromResponse(const Response& response, std::uint64_t attempts,
-                                      operations::DispatchQueue& queue, std::function<void()> block);
+                                      dispatch::DispatchQueue& queue, std::function<void()> block);
   // On the process-wide background queue, or through the delay scheduler
   // when one has been set.
   void runAfterRetryValueFromResponse(const Response& response, std::uint64_t attempts, std::function<void()> block);

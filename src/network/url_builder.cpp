@@ -6,7 +6,7 @@
 #include <memory>
 #include <string_view>
 
-#include "cli/console_log.h"
+#include "console/console_log.h"
 
 namespace symlift::network {
 
@@ -43,7 +43,7 @@ std::string SUPURLBuilder::escapeString(std::string_view string) {
 
 void SUPURLBuilder::appendComponent(std::string_view component) {
   if (component.empty()) {
-    cli::SYLLogError("URLBuilder parameter component must not be empty");
+    console::SYLLogError("URLBuilder parameter component must not be empty");
     return;
   }
   URLString_.append(component);

@@ -16,7 +16,7 @@
 #include "network/web_client_transaction.h"
 #include "network/web_request.h"
 #include "network/web_response.h"
-#include "operations/dispatch_queue.h"
+#include "dispatch/dispatch_queue.h"
 
 namespace symlift::network {
 
@@ -67,7 +67,7 @@ class SUPWebClient : public std::enable_shared_from_this<SUPWebClient> {
   std::shared_ptr<SUPWebClientTransaction> prepareTransaction(const std::shared_ptr<SUPWebRequest>& request);
 
   std::string url_;
-  std::shared_ptr<operations::SerialDispatchQueue> queue_;  // guards connections_ and customHeaders_
+  std::shared_ptr<dispatch::SerialDispatchQueue> queue_;  // guards connections_ and customHeaders_
   std::set<std::shared_ptr<SUPWebClientTransaction>> connections_;
   HTTPHeaders customHeaders_;
 };

@@ -198,7 +198,7 @@ std::shared_ptr<SUPWebClientTransaction> SUPWebClientTransaction::transactionWit
 SUPWebClientTransaction::SUPWebClientTransaction(std::shared_ptr<SUPWebRequest> request)
     : request_(std::move(request)),
       response_(std::make_shared<SUPWebResponse>()),
-      queue_(operations::SerialDispatchQueue::create("com.vantrel.web-transaction")) {}
+      queue_(dispatch::SerialDispatchQueue::create("com.vantrel.web-transaction")) {}
 
 SUPWebClientTransaction::~SUPWebClientTransaction() {
   std::lock_guard<std::mutex> guard(threadMutex_);
@@ -207,7 +207,7 @@ SUPWebClientTransaction::~SUPWebClientTransaction() {
     // Released by its own transfer thread, which cannot join itself: a
     // background worker joins it once it has returned.
     auto thread = std::make_shared<std::thread>(std::move(transferThread_));
-    operations::backgroundQueue().async([thread] { thread->join(); });
+    dispatch::backgroundQueue().async([thread] { thread->join(); });
     return;
   }
   transferThread_.join();

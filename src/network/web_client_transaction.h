@@ -14,7 +14,7 @@
 
 #include "network/web_request.h"
 #include "network/web_response.h"
-#include "operations/dispatch_queue.h"
+#include "dispatch/dispatch_queue.h"
 
 namespace symlift::network {
 
@@ -40,7 +40,7 @@ class SUPWebClientTransaction : public std::enable_shared_from_this<SUPWebClient
   // "application/x-plist", "application/json" or nothing, from the
   // response's Content-Type. Read it on the transaction queue.
   const std::optional<std::string>& contentType() const { return contentType_; }
-  const std::shared_ptr<operations::SerialDispatchQueue>& queue() const { return queue_; }
+  const std::shared_ptr<dispatch::SerialDispatchQueue>& queue() const { return queue_; }
 
   struct Transfer;
 
@@ -62,7 +62,7 @@ class SUPWebClientTransaction : public std::enable_shared_from_this<SUPWebClient
   std::shared_ptr<SUPWebRequest> request_;
   std::shared_ptr<SUPWebResponse> response_;
   std::optional<std::string> contentType_;
-  std::shared_ptr<operations::SerialDispatchQueue> queue_;
+  std::shared_ptr<dispatch::SerialDispatchQueue> queue_;
   CompletionHandler completionHandler_;
 
   std::mutex threadMutex_;  // guards transferThread_ between start, join and destruction

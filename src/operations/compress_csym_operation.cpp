@@ -9,8 +9,8 @@
 #include <fstream>
 #include <iterator>
 
-#include "buildenv/unique_strings.h"
-#include "cli/console_log.h"
+#include "support/unique_strings.h"
+#include "console/console_log.h"
 #include "operations/compressed_csym_cache.h"
 #include "operations/delete_file_operation.h"
 #include "operations/parallel_gzip.h"
@@ -20,8 +20,8 @@
 
 namespace symlift::operations {
 
-using cli::SYLLogDebug;
-using cli::SYLLogError;
+using console::SYLLogDebug;
+using console::SYLLogError;
 
 namespace {
 
@@ -62,7 +62,7 @@ bool writeAll(int fd, const std::vector<std::uint8_t>& bytes) {
 
 SUPCompressCSYMOperation::SUPCompressCSYMOperation(std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
                                                    std::weak_ptr<network::SUPKITNetworkClient> networkClient)
-    : SUPKITAsyncOperation("SUPCompressCSYMOperation"),
+    : dispatch::SUPKITAsyncOperation("SUPCompressCSYMOperation"),
       codeMappingInfo_(std::move(codeMappingInfo)),
       networkClient_(std::move(networkClient)) {}
 
@@ -82,7 +82,7 @@ void SUPCompressCSYMOperation::main() {
 
 bool SUPCompressCSYMOperation::zipCSYMWithUUID(const std::string& uuid, const std::string& architecture,
                                                const std::string& dSYMPath, support::ErrorPtr& error) {
-  const std::string location = buildenv::SUPStrings::uniqueZipFilePath();
+  const std::string location = support::SUPStrings::uniqueZipFilePath();
   const std::string csymPath = symbols::SUPCSYMGeneratorUtilities::csymPathForArchitecture(architecture, uuid, dSYMPath);
   SYLLogDebug("Zipping csym for uuid {}, architecture: {}", uuid, architecture);
   if (!gzipCSYMAtPath(csymPath, location)) {

@@ -11,12 +11,12 @@
 
 #include "dsym/code_mapping_info_container.h"
 #include "network/network_client.h"
-#include "operations/async_operation.h"
-#include "operations/operation_queue.h"
+#include "dispatch/async_operation.h"
+#include "dispatch/operation_queue.h"
 
 namespace symlift::operations {
 
-class SUPCompressCSYMOperation : public SUPKITAsyncOperation {
+class SUPCompressCSYMOperation : public dispatch::SUPKITAsyncOperation {
  public:
   SUPCompressCSYMOperation(std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
                            std::weak_ptr<network::SUPKITNetworkClient> networkClient);
@@ -34,15 +34,15 @@ class SUPCompressCSYMOperation : public SUPKITAsyncOperation {
   bool gzipCSYMAtPath(const std::string& path, const std::string& location);
 
   const std::optional<std::vector<std::uint8_t>>& compressedData() const { return compressedData_; }
-  std::shared_ptr<OperationQueue> operationQueue() const { return operationQueue_.lock(); }
-  void setOperationQueue(const std::shared_ptr<OperationQueue>& queue) { operationQueue_ = queue; }
+  std::shared_ptr<dispatch::OperationQueue> operationQueue() const { return operationQueue_.lock(); }
+  void setOperationQueue(const std::shared_ptr<dispatch::OperationQueue>& queue) { operationQueue_ = queue; }
   const std::shared_ptr<dsym::SUPCodeMappingInfoContainer>& codeMappingInfo() const { return codeMappingInfo_; }
   std::shared_ptr<network::SUPKITNetworkClient> networkClient() const { return networkClient_.lock(); }
 
  private:
   void scheduleDeletionOfFileAtPath(const std::string& path);
 
-  std::weak_ptr<OperationQueue> operationQueue_;
+  std::weak_ptr<dispatch::OperationQueue> operationQueue_;
   std::optional<std::vector<std::uint8_t>> compressedData_;
   std::optional<std::vector<std::uint8_t>> lastWritten_;  // what gzipCSYMAtPath wrote
   std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo_;

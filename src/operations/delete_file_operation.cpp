@@ -3,13 +3,13 @@
 #include <filesystem>
 #include <system_error>
 
-#include "cli/console_log.h"
+#include "console/console_log.h"
 #include "support/cleanup_registry.h"
 
 namespace symlift::operations {
 
-using cli::SYLLogDebug;
-using cli::SYLLogWarning;
+using console::SYLLogDebug;
+using console::SYLLogWarning;
 
 void SUPDeleteFileOperation::deleteFile() {
   SYLLogDebug("Deleting file at path: {}", path_);

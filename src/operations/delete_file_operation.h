@@ -4,11 +4,11 @@
 
 #include <string>
 
-#include "operations/operation.h"
+#include "dispatch/operation.h"
 
 namespace symlift::operations {
 
-class SUPDeleteFileOperation : public Operation {
+class SUPDeleteFileOperation : public dispatch::Operation {
  public:
   explicit SUPDeleteFileOperation(std::string path) : path_(std::move(path)) {}
   static std::shared_ptr<SUPDeleteFileOperation> initWithPath(const std::string& path) {

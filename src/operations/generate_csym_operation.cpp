@@ -23,9 +23,9 @@ void enumerateSlices(const dsym::SUPCodeMappingInfoContainer& info,
 
 SUPGenerateCSYMOperation::SUPGenerateCSYMOperation(std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
                                                    std::weak_ptr<network::SUPKITNetworkClient> networkClient)
-    : SUPKITAsyncOperation("SUPGenerateCSYMOperation"),
+    : dispatch::SUPKITAsyncOperation("SUPGenerateCSYMOperation"),
       codeMappingInfo_(std::move(codeMappingInfo)),
-      xpcReplyQueue_(SerialDispatchQueue::create("csymgenerator reply queue")),
+      xpcReplyQueue_(dispatch::SerialDispatchQueue::create("csymgenerator reply queue")),
       networkClient_(std::move(networkClient)) {}
 
 std::shared_ptr<SUPGenerateCSYMOperation> SUPGenerateCSYMOperation::initWithCodeMappingInfo(

@@ -9,12 +9,12 @@
 
 #include "dsym/code_mapping_info_container.h"
 #include "network/network_client.h"
-#include "operations/async_operation.h"
-#include "operations/dispatch_queue.h"
+#include "dispatch/async_operation.h"
+#include "dispatch/dispatch_queue.h"
 
 namespace symlift::operations {
 
-class SUPGenerateCSYMOperation : public SUPKITAsyncOperation {
+class SUPGenerateCSYMOperation : public dispatch::SUPKITAsyncOperation {
  public:
   using ArchitecturesByUUID = std::map<std::string, std::string>;
 
@@ -40,13 +40,13 @@ class SUPGenerateCSYMOperation : public SUPKITAsyncOperation {
     return cSYMInfoContainers_;
   }
   const std::shared_ptr<dsym::SUPCodeMappingInfoContainer>& codeMappingInfo() const { return codeMappingInfo_; }
-  const std::shared_ptr<SerialDispatchQueue>& xpcReplyQueue() const { return xpcReplyQueue_; }
+  const std::shared_ptr<dispatch::SerialDispatchQueue>& xpcReplyQueue() const { return xpcReplyQueue_; }
   std::shared_ptr<network::SUPKITNetworkClient> networkClient() const { return networkClient_.lock(); }
 
  private:
   std::vector<std::shared_ptr<dsym::SUPCodeMappingInfoContainer>> cSYMInfoContainers_;
   std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo_;
-  std::shared_ptr<SerialDispatchQueue> xpcReplyQueue_;
+  std::shared_ptr<dispatch::SerialDispatchQueue> xpcReplyQueue_;
   std::weak_ptr<network::SUPKITNetworkClient> networkClient_;
 };
 

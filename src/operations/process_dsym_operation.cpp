@@ -2,17 +2,17 @@
 
 #include <filesystem>
 
-#include "cli/console_log.h"
+#include "console/console_log.h"
 #include "operations/pipeline_errors.h"
 #include "operations/submit_all_csyms_operation.h"
 #include "operations/system_version.h"
 
 namespace symlift::operations {
 
-using cli::SYLLogDebug;
+using console::SYLLogDebug;
 
 SUPProcessDSYMOperation::SUPProcessDSYMOperation()
-    : SUPKITAsyncOperation("SUPProcessDSYMOperation"), operationQueue_(OperationQueue::create("SUPProcessDSYMOperation")) {
+    : dispatch::SUPKITAsyncOperation("SUPProcessDSYMOperation"), operationQueue_(dispatch::OperationQueue::create("SUPProcessDSYMOperation")) {
   operationQueue_->setMaxConcurrentOperationCount(1);
 }
 
@@ -92,7 +92,7 @@ void SUPProcessDSYMOperation::enqueueSubmitCSYMOperationWithDSYM(const std::shar
       std::static_pointer_cast<SUPProcessDSYMOperation>(shared_from_this());
   submitAll->setAsyncCompletion([weakSelf, completion](const support::ErrorPtr& error) {
     if (auto self = weakSelf.lock()) self->setProcessDSYMAttributeKey(kProcessDSYMAttributeUploadedAll, !error);
-    if (error) cli::SYLLogError("Failed uploading cSYMs due to error: {}", error->description());
+    if (error) console::SYLLogError("Failed uploading cSYMs due to error: {}", error->description());
     if (completion) completion(error);
   });
   operationQueue_->addOperation(submitAll);

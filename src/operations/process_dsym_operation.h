@@ -9,8 +9,8 @@
 
 #include "dsym/code_mapping_info_container.h"
 #include "network/network_client.h"
-#include "operations/async_operation.h"
-#include "operations/operation_queue.h"
+#include "dispatch/async_operation.h"
+#include "dispatch/operation_queue.h"
 
 namespace symlift::operations {
 
@@ -19,7 +19,7 @@ inline constexpr const char* kProcessDSYMAttributeParsed = "Successfully parsed 
 inline constexpr const char* kProcessDSYMAttributeCanGenerate = "Can generate cSYM";
 inline constexpr const char* kProcessDSYMAttributeUploadedAll = "Uploaded all cSYMs";
 
-class SUPProcessDSYMOperation : public SUPKITAsyncOperation {
+class SUPProcessDSYMOperation : public dispatch::SUPKITAsyncOperation {
  public:
   using Completion = std::function<void(const support::ErrorPtr& error)>;
 
@@ -42,7 +42,7 @@ class SUPProcessDSYMOperation : public SUPKITAsyncOperation {
   void submitCodeMappingsFromDSYM(const std::shared_ptr<dsym::SUPDSYMFile>& dSYMFile);
   void enqueueSubmitCSYMOperationWithDSYM(const std::shared_ptr<dsym::SUPDSYMFile>& dSYMFile, Completion completion);
 
-  const std::shared_ptr<OperationQueue>& operationQueue() const { return operationQueue_; }
+  const std::shared_ptr<dispatch::OperationQueue>& operationQueue() const { return operationQueue_; }
 
  private:
   std::string dSYMPath() const;
@@ -50,7 +50,7 @@ class SUPProcessDSYMOperation : public SUPKITAsyncOperation {
 
   std::weak_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo_;
   std::weak_ptr<network::SUPKITNetworkClient> networkClient_;
-  std::shared_ptr<OperationQueue> operationQueue_;
+  std::shared_ptr<dispatch::OperationQueue> operationQueue_;
   // Written by successive steps on different threads, read by anyone.
   mutable std::mutex attributesMutex_;
   std::map<std::string, std::string> processDSYMAttributes_;

@@ -1,6 +1,6 @@
 #include "operations/submit_all_csyms_operation.h"
 
-#include "operations/compound_operation.h"
+#include "dispatch/compound_operation.h"
 #include "operations/generate_csym_operation.h"
 #include "operations/submit_csym_operation.h"
 
@@ -9,8 +9,8 @@ namespace symlift::operations {
 SUPSubmitAllCSYMsOperation::SUPSubmitAllCSYMsOperation(
     std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
     std::weak_ptr<network::SUPKITNetworkClient> networkClient)
-    : SUPKITAsyncOperation("SUPSubmitAllCSYMsOperation"),
-      privateQueue_(OperationQueue::create("SUPSubmitAllCSYMsOperation")),
+    : dispatch::SUPKITAsyncOperation("SUPSubmitAllCSYMsOperation"),
+      privateQueue_(dispatch::OperationQueue::create("SUPSubmitAllCSYMsOperation")),
       networkClient_(std::move(networkClient)),
       codeMappingInfo_(std::move(codeMappingInfo)) {
   privateQueue_->setMaxConcurrentOperationCount(1);
@@ -48,8 +48,8 @@ void SUPSubmitAllCSYMsOperation::enqueueGenerateCSYMsOperation() {
 
 void SUPSubmitAllCSYMsOperation::enqueueSubmitCSYMOperations(
     const std::vector<std::shared_ptr<dsym::SUPCodeMappingInfoContainer>>& containers) {
-  auto compound = std::make_shared<SUPCompoundOperation>();
-  std::vector<std::shared_ptr<SUPKITAsyncOperation>> submissions;
+  auto compound = std::make_shared<dispatch::SUPCompoundOperation>();
+  std::vector<std::shared_ptr<dispatch::SUPKITAsyncOperation>> submissions;
   for (const auto& container : containers)
     submissions.push_back(SUPSubmitCSYMOperation::initWithCSYMInfo(container, networkClient_));
   compound->setOperations(std::move(submissions));

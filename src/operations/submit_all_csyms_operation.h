@@ -7,12 +7,12 @@
 
 #include "dsym/code_mapping_info_container.h"
 #include "network/network_client.h"
-#include "operations/async_operation.h"
-#include "operations/operation_queue.h"
+#include "dispatch/async_operation.h"
+#include "dispatch/operation_queue.h"
 
 namespace symlift::operations {
 
-class SUPSubmitAllCSYMsOperation : public SUPKITAsyncOperation {
+class SUPSubmitAllCSYMsOperation : public dispatch::SUPKITAsyncOperation {
  public:
   SUPSubmitAllCSYMsOperation(std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
                              std::weak_ptr<network::SUPKITNetworkClient> networkClient);
@@ -24,14 +24,14 @@ class SUPSubmitAllCSYMsOperation : public SUPKITAsyncOperation {
   void enqueueGenerateCSYMsOperation();
   void enqueueSubmitCSYMOperations(const std::vector<std::shared_ptr<dsym::SUPCodeMappingInfoContainer>>& containers);
 
-  const std::shared_ptr<OperationQueue>& privateQueue() const { return privateQueue_; }
+  const std::shared_ptr<dispatch::OperationQueue>& privateQueue() const { return privateQueue_; }
   std::shared_ptr<network::SUPKITNetworkClient> networkClient() const { return networkClient_.lock(); }
   const std::shared_ptr<dsym::SUPCodeMappingInfoContainer>& codeMappingInfo() const { return codeMappingInfo_; }
 
  private:
   std::shared_ptr<SUPSubmitAllCSYMsOperation> self();
 
-  std::shared_ptr<OperationQueue> privateQueue_;
+  std::shared_ptr<dispatch::OperationQueue> privateQueue_;
   std::weak_ptr<network::SUPKITNetworkClient> networkClient_;
   std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo_;
 };

@@ -2,7 +2,7 @@
 
 #include <fmt/format.h>
 
-#include "cli/console_log.h"
+#include "console/console_log.h"
 #include "operations/compress_csym_operation.h"
 #include "operations/pipeline_errors.h"
 #include "operations/upload_csym_operation.h"
@@ -11,10 +11,10 @@ namespace symlift::operations {
 
 SUPSubmitCSYMOperation::SUPSubmitCSYMOperation(std::shared_ptr<dsym::SUPCodeMappingInfoContainer> cSYMInfo,
                                                std::weak_ptr<network::SUPKITNetworkClient> networkClient)
-    : SUPKITAsyncOperation("SUPSubmitCSYMOperation"),
+    : dispatch::SUPKITAsyncOperation("SUPSubmitCSYMOperation"),
       cSYMInfo_(std::move(cSYMInfo)),
       networkClient_(std::move(networkClient)),
-      privateQueue_(OperationQueue::create("SUPSubmitCSYMOperation")) {
+      privateQueue_(dispatch::OperationQueue::create("SUPSubmitCSYMOperation")) {
   privateQueue_->setMaxConcurrentOperationCount(1);
 }
 
@@ -74,7 +74,7 @@ void SUPSubmitCSYMOperation::enqueueUploadCSYMOperation() {
       return;
     }
     if (!info.convertOnly())
-      cli::SYLLogInfo("Successfully submitted symbols for architecture {} with UUID {} in dSYM: {}", architecture,
+      console::SYLLogInfo("Successfully submitted symbols for architecture {} with UUID {} in dSYM: {}", architecture,
                       uuid, path);
     submit->finishWithError(nullptr);
   });

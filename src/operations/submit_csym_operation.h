@@ -6,12 +6,12 @@
 
 #include "dsym/code_mapping_info_container.h"
 #include "network/network_client.h"
-#include "operations/async_operation.h"
-#include "operations/operation_queue.h"
+#include "dispatch/async_operation.h"
+#include "dispatch/operation_queue.h"
 
 namespace symlift::operations {
 
-class SUPSubmitCSYMOperation : public SUPKITAsyncOperation {
+class SUPSubmitCSYMOperation : public dispatch::SUPKITAsyncOperation {
  public:
   SUPSubmitCSYMOperation(std::shared_ptr<dsym::SUPCodeMappingInfoContainer> cSYMInfo,
                          std::weak_ptr<network::SUPKITNetworkClient> networkClient);
@@ -27,15 +27,15 @@ class SUPSubmitCSYMOperation : public SUPKITAsyncOperation {
   void setCSYMInfo(std::shared_ptr<dsym::SUPCodeMappingInfoContainer> info) { cSYMInfo_ = std::move(info); }
   std::shared_ptr<network::SUPKITNetworkClient> networkClient() const { return networkClient_.lock(); }
   void setNetworkClient(std::weak_ptr<network::SUPKITNetworkClient> client) { networkClient_ = std::move(client); }
-  const std::shared_ptr<OperationQueue>& privateQueue() const { return privateQueue_; }
-  void setPrivateQueue(std::shared_ptr<OperationQueue> queue) { privateQueue_ = std::move(queue); }
+  const std::shared_ptr<dispatch::OperationQueue>& privateQueue() const { return privateQueue_; }
+  void setPrivateQueue(std::shared_ptr<dispatch::OperationQueue> queue) { privateQueue_ = std::move(queue); }
 
  private:
   std::shared_ptr<SUPSubmitCSYMOperation> self();
 
   std::shared_ptr<dsym::SUPCodeMappingInfoContainer> cSYMInfo_;
   std::weak_ptr<network::SUPKITNetworkClient> networkClient_;
-  std::shared_ptr<OperationQueue> privateQueue_;
+  std::shared_ptr<dispatch::OperationQueue> privateQueue_;
 };
 
 }  // namespace symlift::operations

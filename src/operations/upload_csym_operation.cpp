@@ -2,14 +2,14 @@
 
 #include <fmt/format.h>
 
-#include "cli/console_log.h"
+#include "console/console_log.h"
 #include "network/network_constants.h"
 #include "network/network_response_handler.h"
 #include "network/web_api_client_endpoints.h"
 
 namespace symlift::operations {
 
-using cli::SYLLogDebug;
+using console::SYLLogDebug;
 
 namespace {
 
@@ -42,7 +42,7 @@ std::string escapeURLPath(const std::string& path) {
 
 SUPUploadCSYMOperation::SUPUploadCSYMOperation(std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
                                                std::weak_ptr<network::SUPKITNetworkClient> networkClient)
-    : SUPKITAsyncOperation("SUPUploadCSYMOperation"),
+    : dispatch::SUPKITAsyncOperation("SUPUploadCSYMOperation"),
       codeMappingInfo_(std::move(codeMappingInfo)),
       networkClient_(std::move(networkClient)) {}
 

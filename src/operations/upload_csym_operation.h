@@ -8,14 +8,14 @@
 #include "dsym/code_mapping_info_container.h"
 #include "network/network_client.h"
 #include "network/url_request.h"
-#include "operations/async_operation.h"
+#include "dispatch/async_operation.h"
 
 namespace symlift::operations {
 
 inline constexpr std::uint64_t kCSYMUploadRetryLimit = 10;
 inline constexpr double kCSYMUploadTimeoutSeconds = 60.0;
 
-class SUPUploadCSYMOperation : public SUPKITAsyncOperation {
+class SUPUploadCSYMOperation : public dispatch::SUPKITAsyncOperation {
  public:
   SUPUploadCSYMOperation(std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
                          std::weak_ptr<network::SUPKITNetworkClient> networkClient);

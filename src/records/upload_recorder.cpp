@@ -9,8 +9,8 @@
 #include <system_error>
 #include <vector>
 
-#include "buildenv/unique_strings.h"
-#include "cli/console_log.h"
+#include "support/unique_strings.h"
+#include "console/console_log.h"
 #include "network/web_api_client_endpoints.h"
 #include "records/store_file.h"
 #include "records/upload_record_archive.h"
@@ -19,8 +19,8 @@
 namespace symlift::records {
 
 namespace fs = std::filesystem;
-using cli::SYLLogDebug;
-using cli::SYLLogError;
+using console::SYLLogDebug;
+using console::SYLLogError;
 
 namespace {
 
@@ -66,7 +66,7 @@ std::shared_ptr<SUPDSYMUploadRecorder> SUPDSYMUploadRecorder::init() {
 
 std::string SUPDSYMUploadRecorder::dataStoreDirectory() const {
   fs::path builds = fs::path(userCachesDirectory()) / kCachesSubfolder /
-                    buildenv::SUPStrings::MD5HashForString(network::SUPWebAPIClientEndpoints::APIEndpoint()) /
+                    support::SUPStrings::MD5HashForString(network::SUPWebAPIClientEndpoints::APIEndpoint()) /
                     "builds";
   std::error_code ec;
   fs::create_directories(builds, ec);

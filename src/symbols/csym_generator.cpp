@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "cli/console_log.h"
+#include "console/console_log.h"
 #include "support/cleanup_registry.h"
 #include "support/system_log.h"
 #include "support/temporary_directory.h"
@@ -91,7 +91,7 @@ std::map<std::string, std::string> CSYMGenerator::generateCSYMsFromDSYMAtPath(co
           if (error || !uuid) return;
           std::string csymPath = SUPCSYMGeneratorUtilities::csymPathForArchitecture(arch, *uuid, path);
           if (!writeFileAtomically(csymPath, data)) {
-            cli::SYLLogError("Could not write cSYM file {}: {}", csymPath, std::strerror(errno));
+            console::SYLLogError("Could not write cSYM file {}: {}", csymPath, std::strerror(errno));
             return;
           }
           written[*uuid] = arch;

@@ -13,6 +13,7 @@
 #include <mutex>
 #include <system_error>
 
+#include "support/path_component.h"
 #include "support/property_list.h"
 #include "support/system_log.h"
 #include "support/temporary_directory.h"
@@ -69,14 +70,6 @@ LoaderState& state() {
 
 std::atomic<float> gDefaultMaxVersion{0.0f};
 
-std::string appendingPathComponent(const std::string& base, std::string_view component) {
-  if (base.empty()) return std::string(component);
-  std::string joined = base;
-  if (joined.back() != '/') joined.push_back('/');
-  joined.append(component);
-  return joined;
-}
-
 std::string homeDirectory() {
   if (const char* home = std::getenv("HOME"); home && *home) return home;
   if (const passwd* entry = getpwuid(getuid()); entry && entry->pw_dir) return entry->pw_dir;
@@ -125,7 +118,7 @@ std::vector<std::string> SUPSymbolicationProxy::applicationSearchFolders() {
     if (state().searchFoldersOverride) return *state().searchFoldersOverride;
   }
   std::vector<std::string> folders{"/Applications"};
-  if (std::string home = homeDirectory(); !home.empty()) folders.push_back(appendingPathComponent(home, "Applications"));
+  if (std::string home = homeDirectory(); !home.empty()) folders.push_back(support::appendingPathComponent(home, "Applications"));
   return folders;
 }
 
@@ -146,8 +139,8 @@ std::vector<std::string> SUPSymbolicationProxy::applicationPathsForBundleIdentif
     }
     std::sort(names.begin(), names.end());
     for (const std::string& name : names) {
-      std::string bundle = appendingPathComponent(folder, name);
-      auto info = support::PropertyList::fromFile(appendingPathComponent(bundle, "Contents/Info.plist"));
+      std::string bundle = support::appendingPathComponent(folder, name);
+      auto info = support::PropertyList::fromFile(support::appendingPathComponent(bundle, "Contents/Info.plist"));
       auto identifier = info.stringForKey("CFBundleIdentifier");
       if (identifier && *identifier == bundleIdentifier) applications.push_back(std::move(bundle));
     }
@@ -162,7 +155,7 @@ std::optional<std::string> SUPSymbolicationProxy::xcodePathWithMaxCSVersion(floa
   std::optional<std::string> bestPath;
   const float defaultMax = defaultMaxCoreSymbolicationVersion();
   for (const std::string& application : applications) {
-    auto versionPlist = support::PropertyList::fromFile(appendingPathComponent(application, kCoreSymbolicationVersionPlist));
+    auto versionPlist = support::PropertyList::fromFile(support::appendingPathComponent(application, kCoreSymbolicationVersionPlist));
     if (!versionPlist) continue;
     auto bundleVersion = versionPlist.stringForKey("CFBundleVersion");
     float version = bundleVersion ? leadingVersionNumber(*bundleVersion) : 0.0f;
@@ -178,8 +171,8 @@ std::optional<std::string> SUPSymbolicationProxy::xcodePathWithMaxCSVersion(floa
 
 void SUPSymbolicationProxy::dynamicallyLoadLatestCoreSymbolication(float maxVersion) {
   std::optional<std::string> xcode = xcodePathWithMaxCSVersion(maxVersion);
-  std::string symbolicationPath = xcode ? appendingPathComponent(*xcode, kCoreSymbolicationLibrary) : std::string();
-  std::string debugSymbolsPath = xcode ? appendingPathComponent(*xcode, kDebugSymbolsLibrary) : std::string();
+  std::string symbolicationPath = xcode ? support::appendingPathComponent(*xcode, kCoreSymbolicationLibrary) : std::string();
+  std::string debugSymbolsPath = xcode ? support::appendingPathComponent(*xcode, kDebugSymbolsLibrary) : std::string();
   if (symbolicationPath.empty()) {
     support::systemLog("Path to CoreSymbolication is invalid, aborting");
     return;

@@ -6,7 +6,7 @@
 #include <regex>
 
 #include "support/captured_output.h"
-#include "cli/console_log.h"
+#include "console/console_log.h"
 
 namespace symlift::buildenv {
 namespace {
@@ -52,19 +52,19 @@ TEST(BuildDSYMPaths, ObfuscationWarningOnlyForExactlyTrue) {
       "or upload dSYMs manually using the Pelloran console web uploader at "
       "https://console.pelloran.example/project/_/vantrel\n";
   for (bool lumo : {false, true})
-    EXPECT_EQ(consoleOutput(cli::kLogLevelInfo, [&] { dSYMPathsFromEnvironment(environment, lumo); }), warning);
+    EXPECT_EQ(consoleOutput(console::kLogLevelInfo, [&] { dSYMPathsFromEnvironment(environment, lumo); }), warning);
   for (const char* value : {"TRUE", "True", "1", ""}) {
     environment["VEXA_OBFUSCATION"] = value;
-    EXPECT_EQ(consoleOutput(cli::kLogLevelInfo, [&] { dSYMPathsFromEnvironment(environment, true); }), "") << value;
+    EXPECT_EQ(consoleOutput(console::kLogLevelInfo, [&] { dSYMPathsFromEnvironment(environment, true); }), "") << value;
   }
 }
 
 TEST(BuildDSYMPaths, SplitDebugInfoDebugLineInLumoModeOnly) {
   auto environment = kLumo;
   environment["SPLIT_DEBUG_INFO"] = "";  // set, even empty, is enough
-  EXPECT_EQ(consoleOutput(cli::kLogLevelDebug, [&] { dSYMPathsFromEnvironment(environment, true); }),
+  EXPECT_EQ(consoleOutput(console::kLogLevelDebug, [&] { dSYMPathsFromEnvironment(environment, true); }),
             "--split-debug-info enabled, using dSYMs at path (/p/Release-iphoneos/)\n");
-  EXPECT_EQ(consoleOutput(cli::kLogLevelDebug, [&] { dSYMPathsFromEnvironment(environment, false); }), "");
+  EXPECT_EQ(consoleOutput(console::kLogLevelDebug, [&] { dSYMPathsFromEnvironment(environment, false); }), "");
 }
 
 class BuildEnvironmentValidation : public ::testing::Test {
@@ -72,7 +72,7 @@ class BuildEnvironmentValidation : public ::testing::Test {
   void SetUp() override { dir_.write("R.app.dSYM/Contents/Info.plist", ""); }
   std::optional<std::string> validate(std::string* printed = nullptr) {
     std::optional<std::string> message;
-    std::string out = consoleOutput(cli::kLogLevelDebug, [&] { message = validateBuildEnvironment(env_, false); });
+    std::string out = consoleOutput(console::kLogLevelDebug, [&] { message = validateBuildEnvironment(env_, false); });
     if (printed) *printed = out;
     return message;
   }
@@ -108,7 +108,7 @@ TEST_F(BuildEnvironmentValidation, MissingDSYMIsOnlyABuildWarning) {
 }
 
 TEST(BuildWarning, WithAndWithoutLocation) {
-  EXPECT_EQ(consoleOutput(cli::kLogLevelError, [] {
+  EXPECT_EQ(consoleOutput(console::kLogLevelError, [] {
               printBuildWarning(std::string("Sources/App.swift"), 42, "something odd");
               printBuildWarning(std::nullopt, 42, "no place");
               printBuildWarningFormat("{} of {}", 1, "two");
@@ -124,7 +124,7 @@ TEST(DSYMFileSize, SizesAndTheSystemLogLine) {
   const std::string missing = dir.str() + "/none.dSYM/Contents/Resources/DWARF";
   std::int64_t size = -1;
   CapturedOutput err(STDERR_FILENO);
-  EXPECT_EQ(consoleOutput(cli::kLogLevelDebug, [&] { size = fileSizeAtPath(missing); }), "");
+  EXPECT_EQ(consoleOutput(console::kLogLevelDebug, [&] { size = fileSizeAtPath(missing); }), "");
   std::string logged = err.take();
   EXPECT_EQ(size, 0);
   // "<date> <time> <process>[<pid>] <message>"

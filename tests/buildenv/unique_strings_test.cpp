@@ -1,4 +1,4 @@
-#include "buildenv/unique_strings.h"
+#include "support/unique_strings.h"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -6,10 +6,10 @@
 #include <regex>
 #include <set>
 
-#include "buildenv/path_component.h"
+#include "support/path_component.h"
 #include "support/temporary_directory.h"
 
-namespace symlift::buildenv {
+namespace symlift::support {
 namespace {
 
 // Sets TMPDIR (nullptr: unsets it) for one scope.
@@ -68,4 +68,4 @@ TEST(AppendingPathComponent, JoinsWithoutDoubledSlashes) {
 }
 
 }  // namespace
-}  // namespace symlift::buildenv
+}  // namespace symlift::support

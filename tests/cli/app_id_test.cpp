@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "cli/console_log.h"
+#include "console/console_log.h"
 #include "support/test_support.h"
 
 namespace symlift::cli {
@@ -27,7 +27,7 @@ std::string binaryPlistWithAppID(const char* appID) { return symlift::testing::b
 
 class AppIDTest : public ::testing::Test {
  protected:
-  void SetUp() override { SYLLogging::sharedInstance().setColorsEnabled(true); }
+  void SetUp() override { console::SYLLogging::sharedInstance().setColorsEnabled(true); }
 
   // Runs f with standard output captured; keeps f's result in result_.
   template <typename F>

@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <string>
 
-#include "cli/console_log.h"
+#include "console/console_log.h"
 #include "dsym/code_mapping.h"
 #include "dsym/code_mapping_info_container.h"
 #include "dsym/dsym.h"
@@ -105,7 +105,7 @@ TEST(SUPDSYMFile, UUIDSet) {
 }
 
 TEST(SUPDSYMFile, SliceWithoutUUIDIsWarnedAboutAndLeftOut) {
-  cli::SYLLogging::sharedInstance().setColorsEnabled(false);
+  console::SYLLogging::sharedInstance().setColorsEnabled(false);
   TempDir dir;
   fs::path dwarf = makeBundle(dir, "", "no-uuid");
   auto file = SUPDSYMFile::initWithDWARFURL(dwarf, dir.path() / "App.dSYM");

@@ -45,7 +45,7 @@ std::string hiddenWarning(const std::string& path) {
 
 // The console output of validating paths, without colours.
 std::string validated(const std::vector<std::string>& paths) {
-  return consoleOutput(cli::SYLLogging::sharedInstance().logLevel(), [&] { DSYMValidator::validateDSYMs(paths); });
+  return consoleOutput(console::SYLLogging::sharedInstance().logLevel(), [&] { DSYMValidator::validateDSYMs(paths); });
 }
 
 // A bundle named name in folder whose DWARF file is a copy of source; with no

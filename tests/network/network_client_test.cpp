@@ -146,7 +146,7 @@ TEST(NetworkClientTest, RecoversAfterRetryableFailures) {
   URLRequest request("https://symbols.vantrel.example/v1/up");
   request.setValueForHTTPHeaderField("7/7", "x-vantrel-retries");  // replaced, whatever its spelling
   request.addValueForHTTPHeaderField("symlift/1", "User-Agent");
-  std::string output = symlift::testing::consoleOutput(cli::kLogLevelDebug, [&] { f.send(10, request); });
+  std::string output = symlift::testing::consoleOutput(console::kLogLevelDebug, [&] { f.send(10, request); });
   EXPECT_NE(output.find("Retrying symbol upload with number of retries: 1/10\n"), std::string::npos) << output;
   EXPECT_NE(output.find("Retrying symbol upload with number of retries: 2/10\n"), std::string::npos) << output;
   EXPECT_EQ(output.find("3/10"), std::string::npos) << output;

@@ -80,7 +80,7 @@ struct TestClient {
         std::lock_guard<std::mutex> guard(mutex);
         delays.push_back(static_cast<double>(delay.count()) / 1e9);
       }
-      operations::backgroundQueue().async(std::move(block));
+      dispatch::backgroundQueue().async(std::move(block));
     });
   }
   std::size_t retries() {
@@ -382,7 +382,7 @@ TEST(NetworkClientTransportTest, DestructionWaitsForOutstandingTransfers) {
 
 TEST(NetworkClientTransportTest, CompletionsGoToTheDelegateQueue) {
   // A queue that counts what it is given and runs it on a thread of its own.
-  class CountingQueue : public operations::DispatchQueue {
+  class CountingQueue : public dispatch::DispatchQueue {
    public:
     std::atomic<int> items{0};
     std::thread::id lastThread;

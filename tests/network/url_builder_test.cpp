@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "cli/console_log.h"
+#include "console/console_log.h"
 #include "support/test_support.h"
 
 namespace symlift::network {

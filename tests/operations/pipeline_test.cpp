@@ -7,13 +7,13 @@
 #include <fstream>
 
 #include "support/captured_output.h"
-#include "cli/console_log.h"
+#include "console/console_log.h"
 #include "network/fake_service_process.h"
 #include "network/network_client.h"
 #include "network/network_constants.h"
 #include "operations/compress_csym_operation.h"
 #include "operations/delete_file_operation.h"
-#include "operations/operation_queue.h"
+#include "dispatch/operation_queue.h"
 #include "operations/pipeline_errors.h"
 #include "operations/pipeline_test_support.h"
 #include "operations/process_dsym_operation.h"
@@ -44,9 +44,9 @@ std::string failureReason(const support::ErrorPtr& error) {
 // endpoint pointed at a stand-in service when one is given.
 class PipelineTest : public ::testing::Test {
  protected:
-  void SetUp() override { cli::SYLLogging::sharedInstance().setLogLevel(cli::kLogLevelDebug); }
+  void SetUp() override { console::SYLLogging::sharedInstance().setLogLevel(console::kLogLevelDebug); }
   void TearDown() override {
-    cli::SYLLogging::sharedInstance().setLogLevel(cli::kLogLevelInfo);
+    console::SYLLogging::sharedInstance().setLogLevel(console::kLogLevelInfo);
     ::unsetenv("VantrelUploadEndpoint");
   }
 
@@ -55,7 +55,7 @@ class PipelineTest : public ::testing::Test {
     auto client = network::SUPKITNetworkClient::create();
     if (client && immediateRetries)
       client->setDelayScheduler([](std::chrono::nanoseconds, std::function<void()> block) {
-        backgroundQueue().async(std::move(block));
+        dispatch::backgroundQueue().async(std::move(block));
       });
     return client;
   }
@@ -68,7 +68,7 @@ class PipelineTest : public ::testing::Test {
       outcome = error;
       reported = true;
     });
-    OperationQueue::create()->addOperationAndWait(operation);
+    dispatch::OperationQueue::create()->addOperationAndWait(operation);
     EXPECT_TRUE(reported);
     return outcome;
   }
@@ -213,7 +213,7 @@ TEST_F(PipelineTest, MissingCSYMIsCompressedToAnEmptyStreamAndAFailedUploadIsWra
   auto container = containerForBundle(fixturesDir() / "Hello.dSYM", "Hello", false)->copyWithZone();
   container->setUUID("00000000000000000000000000000000");
   container->setArchitecture("arm64");
-  auto queue = OperationQueue::create();
+  auto queue = dispatch::OperationQueue::create();
 
   auto compress = SUPCompressCSYMOperation::initWithCodeMappingInfo(container, {});
   compress->setOperationQueue(queue);

@@ -13,9 +13,8 @@
 #include <string>
 
 #include "support/captured_output.h"
-#include "cli/console_log.h"
+#include "console/console_log.h"
 #include "macho/macho_binary.h"
-#include "records/record_upload.h"
 #include "support/scoped_environment.h"
 #include "records/upload_record_archive.h"
 #include "records/upload_recorder.h"
@@ -187,19 +186,12 @@ TEST_F(UploadRecorderTest, StaleTemporaryFilesOfACrashedWriterAreRemoved) {
 TEST_F(UploadRecorderTest, UnwritableCachesFolderIsReportedAndNothingIsRecorded) {
   std::ofstream(caches_.path() / "file") << "a file where a folder should be";
   ScopedEnvironment blocked("XDG_CACHE_HOME", (caches_.path() / "file").string());
-  std::string text = consoleOutput(cli::kLogLevelDebug, [&] {
+  std::string text = consoleOutput(console::kLogLevelDebug, [&] {
     EXPECT_FALSE(recorder_->recordSuccessfulUploadBinary(fatApp()));
     EXPECT_FALSE(recorder_->isAlreadyUploadedBinary(fatApp()));
   });
   EXPECT_NE(text.find("error: Unable to write directory for cache: "), std::string::npos) << text;
   EXPECT_NE(text.find("Create directory error: "), std::string::npos) << text;
-}
-
-TEST_F(UploadRecorderTest, RecordUploadRecordsOnlyOutsideCI) {
-  buildenv::recordUpload(recorder_, fatApp(), /*isCI=*/true);
-  EXPECT_FALSE(fs::exists(storeFile()));
-  buildenv::recordUpload(recorder_, fatApp(), /*isCI=*/false);
-  EXPECT_TRUE(recorder_->isAlreadyUploadedBinary(fatApp()));
 }
 
 // Two processes record 50 different executables each at the same time; the

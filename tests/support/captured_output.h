@@ -7,7 +7,7 @@
 
 #include <cstdio>
 
-#include "cli/console_log.h"
+#include "console/console_log.h"
 #include "support/test_support.h"
 
 namespace symlift::testing {
@@ -45,7 +45,7 @@ class CapturedOutput {
 // console's settings are restored afterwards.
 template <typename Body>
 std::string consoleOutput(std::uint64_t level, Body&& body) {
-  auto& log = cli::SYLLogging::sharedInstance();
+  auto& log = console::SYLLogging::sharedInstance();
   auto savedLevel = log.logLevel();
   auto savedColors = log.colorsEnabled();
   log.setLogLevel(level);

@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "symbols/dwarf/debug_info.h"
-#include "symbols/dwarf/demangle.h"
+#include "demangle/demangle.h"
 #include "symbols/dwarf/dwarf_sections.h"
 #include "symbols/dwarf/line_table.h"
 #include "symbols/dwarf/symbol_table.h"
@@ -53,8 +53,8 @@ void setNames(ImageSymbol& symbol, const Candidate& candidate, const DebugInfo* 
     }
   }
   if (!symbol.mangledName) return;
-  if (auto demangled = demangleItanium(*symbol.mangledName)) symbol.name = out.names.copy(*demangled);
-  else symbol.name = plainDisplayName(*symbol.mangledName);
+  if (auto demangled = demangle::demangleItanium(*symbol.mangledName)) symbol.name = out.names.copy(*demangled);
+  else symbol.name = demangle::plainDisplayName(*symbol.mangledName);
 }
 
 // The spans of every sequence inside the text section, in address order,

@@ -1,0 +1,94 @@
+#include "dispatch/async_operation.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "dispatch/operation_queue.h"
+#include "dispatch/test_operations.h"
+
+namespace symlift::dispatch {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::DelayedAsyncOperation;
+
+struct RecordedNotice {
+  std::string key;
+  bool prior;
+  bool executing;
+  bool finished;
+  bool operator==(const RecordedNotice&) const = default;
+};
+
+TEST(SUPKITAsyncOperationTest, NoticesComeInLifecycleOrder) {
+  auto op = std::make_shared<DelayedAsyncOperation>(5ms);
+  std::mutex mutex;
+  std::vector<RecordedNotice> notices;
+  // The observer reads the state from inside the notice: the lock is recursive.
+  op->addObserver([&, raw = op.get()](std::string_view key, bool prior) {
+    std::lock_guard<std::mutex> guard(mutex);
+    notices.push_back({std::string(key), prior, raw->isExecuting(), raw->isFinished()});
+  });
+  auto queue = OperationQueue::create();
+  queue->addOperationAndWait(op);
+  std::lock_guard<std::mutex> guard(mutex);
+  EXPECT_EQ(notices, (std::vector<RecordedNotice>{
+                         {"isExecuting", true, false, false},
+                         {"isExecuting", false, true, false},
+                         {"isExecuting", true, true, false},
+                         {"isExecuting", false, false, false},
+                         {"isFinished", true, false, false},
+                         {"isFinished", false, false, true},
+                     }));
+}
+
+TEST(SUPKITAsyncOperationTest, CompletionHasReturnedBeforeFinishedReadsTrue) {
+  auto op = std::make_shared<DelayedAsyncOperation>(5ms, support::makeError("D", 7));
+  std::atomic<bool> finishedDuringCompletion{true};
+  std::atomic<bool> executingDuringCompletion{false};
+  support::ErrorPtr received;
+  op->setAsyncCompletion([&, raw = op.get()](const support::ErrorPtr& error) {
+    std::this_thread::sleep_for(20ms);  // the queue must not see the finish meanwhile
+    finishedDuringCompletion = raw->isFinished();
+    executingDuringCompletion = raw->isExecuting();
+    received = error;
+  });
+  OperationQueue::create()->addOperationAndWait(op);
+  EXPECT_FALSE(finishedDuringCompletion.load());
+  EXPECT_TRUE(executingDuringCompletion.load());
+  ASSERT_TRUE(received);
+  EXPECT_EQ(received->code, 7);
+}
+
+TEST(SUPKITAsyncOperationTest, CancelledBeforeStartSkipsMainAndCompletion) {
+  auto op = std::make_shared<DelayedAsyncOperation>();
+  std::atomic<bool> completionCalled{false};
+  op->setAsyncCompletion([&](const support::ErrorPtr&) { completionCalled = true; });
+  op->cancel();
+  OperationQueue::create()->addOperationAndWait(op);
+  EXPECT_EQ(op->mainRuns.load(), 0);
+  EXPECT_FALSE(completionCalled.load());
+  EXPECT_TRUE(op->isFinished());
+  EXPECT_FALSE(op->isExecuting());
+}
+
+TEST(SUPKITAsyncOperationTest, FinishWithoutCompletionOnlyMarksDone) {
+  auto op = std::make_shared<DelayedAsyncOperation>();
+  OperationQueue::create()->addOperationAndWait(op);
+  EXPECT_TRUE(op->isFinished());
+  EXPECT_FALSE(op->isExecuting());
+}
+
+TEST(SUPKITAsyncOperationTest, LockNameCarriesTheConcreteClassName) {
+  DelayedAsyncOperation op;
+  EXPECT_EQ(op.lockName(), "com.omvara.pelloran.vantrel.DelayedAsyncOperation-lock");
+  EXPECT_TRUE(op.isAsynchronous());
+  EXPECT_TRUE(op.isConcurrent());
+}
+
+}  // namespace
+}  // namespace symlift::dispatch
