@@ -4,10 +4,10 @@
 
 namespace symlift::dispatch {
 
-SUPCompoundOperation::SUPCompoundOperation()
+SUPCompoundOperation::SUPCompoundOperation(ThreadPool& pool)
     : SUPKITAsyncOperation("SUPCompoundOperation"),
-      compoundQueue_(OperationQueue::create()),
-      countingQueue_(SerialDispatchQueue::create(
+      compoundQueue_(OperationQueue::create(pool)),
+      countingQueue_(SerialDispatchQueue::create(pool,
           "com.omvara.pelloran.vantrel.SUPCompoundOperation.dispatch-queue.counting-queue")) {}
 
 std::shared_ptr<SUPCompoundOperation> SUPCompoundOperation::self() {

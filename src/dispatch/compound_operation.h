@@ -23,7 +23,7 @@ inline constexpr std::int64_t SUPCompoundOperationErrorCodeSubOperationFailed = 
 
 class SUPCompoundOperation : public SUPKITAsyncOperation {
  public:
-  SUPCompoundOperation();
+  explicit SUPCompoundOperation(ThreadPool& pool);
 
   void setOperations(std::vector<std::shared_ptr<SUPKITAsyncOperation>> operations);
   std::vector<std::shared_ptr<SUPKITAsyncOperation>> operations() const;

@@ -1,7 +1,7 @@
 #pragma once
-// Dispatch queues: serial queues (asynchronous, synchronous and delayed
-// work, one item at a time in submission order) and the process-wide
-// concurrent background queue of default priority.
+// Dispatch queues on a run's thread pool: serial queues (asynchronous,
+// synchronous and delayed work, one item at a time in submission order);
+// the pool itself offers the concurrent background queue.
 
 #include <chrono>
 #include <condition_variable>
@@ -13,8 +13,11 @@
 
 namespace symlift::dispatch {
 
+class ThreadPool;
+
 class DispatchQueue {
  public:
+  explicit DispatchQueue(ThreadPool& pool) : pool_(pool) {}
   virtual ~DispatchQueue() = default;
   virtual void async(std::function<void()> work) = 0;
   // Runs work on the calling thread once every earlier item has run, with
@@ -23,18 +26,23 @@ class DispatchQueue {
   virtual void sync(const std::function<void()>& work) = 0;
   // Runs work asynchronously on this queue after the delay.
   void asyncAfter(std::chrono::nanoseconds delay, std::function<void()> work);
+
+  ThreadPool& pool() const { return pool_; }
+
+ private:
+  ThreadPool& pool_;  // outlives every queue on it
 };
 
 class SerialDispatchQueue : public DispatchQueue, public std::enable_shared_from_this<SerialDispatchQueue> {
  public:
-  static std::shared_ptr<SerialDispatchQueue> create(std::string label);
+  static std::shared_ptr<SerialDispatchQueue> create(ThreadPool& pool, std::string label);
   const std::string& label() const { return label_; }
 
   void async(std::function<void()> work) override;
   void sync(const std::function<void()>& work) override;
 
  private:
-  explicit SerialDispatchQueue(std::string label) : label_(std::move(label)) {}
+  SerialDispatchQueue(ThreadPool& pool, std::string label) : DispatchQueue(pool), label_(std::move(label)) {}
   struct SyncTurn;
   struct Item {
     std::function<void()> work;          // an asynchronous item
@@ -52,8 +60,5 @@ class SerialDispatchQueue : public DispatchQueue, public std::enable_shared_from
   std::deque<Item> items_;
   bool busy_ = false;  // held by a drainer or a synchronous caller
 };
-
-// The process-wide concurrent queue of default priority.
-DispatchQueue& backgroundQueue();
 
 }  // namespace symlift::dispatch

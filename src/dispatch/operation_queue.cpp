@@ -1,14 +1,13 @@
 #include "dispatch/operation_queue.h"
 
 #include <algorithm>
-#include <thread>
 
 #include "dispatch/thread_pool.h"
 
 namespace symlift::dispatch {
 
-std::shared_ptr<OperationQueue> OperationQueue::create(std::string name) {
-  return std::shared_ptr<OperationQueue>(new OperationQueue(std::move(name)));
+std::shared_ptr<OperationQueue> OperationQueue::create(ThreadPool& pool, std::string name) {
+  return std::shared_ptr<OperationQueue>(new OperationQueue(pool, std::move(name)));
 }
 
 void OperationQueue::setMaxConcurrentOperationCount(int count) {
@@ -27,7 +26,7 @@ int OperationQueue::maxConcurrentOperationCount() const {
 int OperationQueue::effectiveMaxConcurrentOperationCount() const {
   std::lock_guard<std::mutex> guard(mutex_);
   if (maxConcurrent_ > 0) return maxConcurrent_;
-  return std::max(2, static_cast<int>(std::thread::hardware_concurrency()));
+  return std::max(2, static_cast<int>(ThreadPool::hardwareConcurrency()));
 }
 
 void OperationQueue::addOperation(const std::shared_ptr<Operation>& operation) {
@@ -49,7 +48,7 @@ void OperationQueue::addOperations(const std::vector<std::shared_ptr<Operation>>
     // Hooks run while the finishing operation holds its own lock, so they
     // only hand work to the pool and never take the queue's lock themselves.
     for (const auto& dependency : operation->dependencies())
-      dependency->whenFinished([self] { ThreadPool::shared().submit([self] { self->scheduleReadyOperations(); }); });
+      dependency->whenFinished([self] { self->pool_.submit([self] { self->scheduleReadyOperations(); }); });
   }
   scheduleReadyOperations();
   if (waitUntilFinished)
@@ -90,20 +89,20 @@ void OperationQueue::scheduleReadyOperations() {
 
 void OperationQueue::startReadyOperationsLocked() {
   int limit = maxConcurrent_ > 0 ? maxConcurrent_
-                                 : std::max(2, static_cast<int>(std::thread::hardware_concurrency()));
+                                 : std::max(2, static_cast<int>(ThreadPool::hardwareConcurrency()));
   for (auto& entry : entries_) {
     if (running_ >= limit) break;
     if (entry.started || !entry.operation->isReady()) continue;
     entry.started = true;
     ++running_;
-    ThreadPool::shared().submit([self = shared_from_this(), operation = entry.operation] { operation->start(); });
+    pool_.submit([self = shared_from_this(), operation = entry.operation] { operation->start(); });
   }
 }
 
 void OperationQueue::operationDidFinish(const std::shared_ptr<Operation>& operation) {
   // The completion block runs after the finish, off the finishing thread,
   // and only then is the slot given to the next operation.
-  ThreadPool::shared().submit([self = shared_from_this(), operation] {
+  pool_.submit([self = shared_from_this(), operation] {
     if (auto block = operation->completionBlock()) block();
     std::lock_guard<std::mutex> guard(self->mutex_);
     auto it = std::find_if(self->entries_.begin(), self->entries_.end(),

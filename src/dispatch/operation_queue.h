@@ -16,11 +16,13 @@
 
 namespace symlift::dispatch {
 
+class ThreadPool;
+
 class OperationQueue : public std::enable_shared_from_this<OperationQueue> {
  public:
   static constexpr int kDefaultMaxConcurrentOperationCount = -1;
 
-  static std::shared_ptr<OperationQueue> create(std::string name = {});
+  static std::shared_ptr<OperationQueue> create(ThreadPool& pool, std::string name = {});
 
   // -1 (the default) lets the queue decide: the number of cores, at least 2.
   void setMaxConcurrentOperationCount(int count);
@@ -39,9 +41,10 @@ class OperationQueue : public std::enable_shared_from_this<OperationQueue> {
   void waitUntilAllOperationsAreFinished();
 
   const std::string& name() const { return name_; }
+  ThreadPool& pool() const { return pool_; }
 
  private:
-  explicit OperationQueue(std::string name) : name_(std::move(name)) {}
+  OperationQueue(ThreadPool& pool, std::string name) : pool_(pool), name_(std::move(name)) {}
   struct Entry {
     std::shared_ptr<Operation> operation;
     bool started = false;
@@ -50,6 +53,7 @@ class OperationQueue : public std::enable_shared_from_this<OperationQueue> {
   void scheduleReadyOperations();
   void operationDidFinish(const std::shared_ptr<Operation>& operation);
 
+  ThreadPool& pool_;  // outlives the queue
   std::string name_;
   mutable std::mutex mutex_;  // guards entries_, running_ and maxConcurrent_
   std::condition_variable drained_;
