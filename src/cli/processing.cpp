@@ -1,4 +1,5 @@
 #include "cli/processing.h"
+#include "dispatch/thread_pool.h"
 
 #include <unistd.h>
 
@@ -44,7 +45,7 @@ void retireClient(std::shared_ptr<network::SUPKITNetworkClient> client) {
 }
 
 void replaceSharedObjects() {
-  auto queue = dispatch::OperationQueue::create("symlift.processing");
+  auto queue = dispatch::OperationQueue::create(dispatch::ThreadPool::shared(), "symlift.processing");
   auto client = network::SUPKITNetworkClient::create();
   std::shared_ptr<network::SUPKITNetworkClient> previous;
   {

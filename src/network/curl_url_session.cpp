@@ -1,4 +1,5 @@
 #include "network/curl_url_session.h"
+#include "dispatch/thread_pool.h"
 
 #include <curl/curl.h>
 
@@ -372,7 +373,7 @@ void CurlURLSession::stopThread() {
     };
     auto holder = std::make_shared<JoinOnRelease>();
     holder->thread = std::move(thread_);
-    dispatch::backgroundQueue().async([holder]() mutable { holder.reset(); });
+    dispatch::ThreadPool::shared().concurrentQueue().async([holder]() mutable { holder.reset(); });
     return;
   }
   thread_.join();

@@ -1,4 +1,5 @@
 #include "network/network_client.h"
+#include "dispatch/thread_pool.h"
 
 #include <cmath>
 #include <cstdlib>
@@ -126,7 +127,7 @@ void SUPKITNetworkClient::runAfterRetryValueFromResponse(const Response& respons
                     std::move(block));
     return;
   }
-  runAfterRetryValueFromResponse(response, attempts, dispatch::backgroundQueue(), std::move(block));
+  runAfterRetryValueFromResponse(response, attempts, dispatch::ThreadPool::shared().concurrentQueue(), std::move(block));
 }
 
 void SUPKITNetworkClient::handleResponse(Response response, std::optional<Data> data, support::ErrorPtr taskError,

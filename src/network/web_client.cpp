@@ -1,4 +1,5 @@
 #include "network/web_client.h"
+#include "dispatch/thread_pool.h"
 
 #include <curl/curl.h>
 
@@ -29,7 +30,7 @@ std::shared_ptr<SUPWebClient> SUPWebClient::initWithURL(std::string url) {
 }
 
 SUPWebClient::SUPWebClient(std::string url)
-    : url_(std::move(url)), queue_(dispatch::SerialDispatchQueue::create("com.vantrel.rest-client")) {
+    : url_(std::move(url)), queue_(dispatch::SerialDispatchQueue::create(dispatch::ThreadPool::shared(), "com.vantrel.rest-client")) {
   // The JSON reader is always built in.
   customHeaders_.setValue("application/json, application/x-plist", "Accept");
 }
@@ -77,7 +78,7 @@ void SUPWebClient::start(std::shared_ptr<SUPWebRequest> request, std::optional<u
     std::weak_ptr<SUPWebClientTransaction> weakTransaction = transaction;
     transaction->startWithCompletionHandler(
         [self, weakTransaction, expectedStatus, completion](const std::shared_ptr<SUPWebResponse>& response) {
-          dispatch::backgroundQueue().async([self, weakTransaction, expectedStatus, completion, response] {
+          dispatch::ThreadPool::shared().concurrentQueue().async([self, weakTransaction, expectedStatus, completion, response] {
             applyExpectedStatus(*response, expectedStatus);
             if (completion) completion(response);
             self->queue_->async([self, weakTransaction] {

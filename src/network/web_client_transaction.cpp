@@ -1,4 +1,5 @@
 #include "network/web_client_transaction.h"
+#include "dispatch/thread_pool.h"
 
 #include <curl/curl.h>
 #include <openssl/ssl.h>
@@ -198,7 +199,7 @@ std::shared_ptr<SUPWebClientTransaction> SUPWebClientTransaction::transactionWit
 SUPWebClientTransaction::SUPWebClientTransaction(std::shared_ptr<SUPWebRequest> request)
     : request_(std::move(request)),
       response_(std::make_shared<SUPWebResponse>()),
-      queue_(dispatch::SerialDispatchQueue::create("com.vantrel.web-transaction")) {}
+      queue_(dispatch::SerialDispatchQueue::create(dispatch::ThreadPool::shared(), "com.vantrel.web-transaction")) {}
 
 SUPWebClientTransaction::~SUPWebClientTransaction() {
   std::lock_guard<std::mutex> guard(threadMutex_);
@@ -207,7 +208,7 @@ SUPWebClientTransaction::~SUPWebClientTransaction() {
     // Released by its own transfer thread, which cannot join itself: a
     // background worker joins it once it has returned.
     auto thread = std::make_shared<std::thread>(std::move(transferThread_));
-    dispatch::backgroundQueue().async([thread] { thread->join(); });
+    dispatch::ThreadPool::shared().concurrentQueue().async([thread] { thread->join(); });
     return;
   }
   transferThread_.join();

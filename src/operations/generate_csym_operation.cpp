@@ -1,4 +1,5 @@
 #include "operations/generate_csym_operation.h"
+#include "dispatch/thread_pool.h"
 
 #include <fmt/format.h>
 
@@ -25,7 +26,7 @@ SUPGenerateCSYMOperation::SUPGenerateCSYMOperation(std::shared_ptr<dsym::SUPCode
                                                    std::weak_ptr<network::SUPKITNetworkClient> networkClient)
     : dispatch::SUPKITAsyncOperation("SUPGenerateCSYMOperation"),
       codeMappingInfo_(std::move(codeMappingInfo)),
-      xpcReplyQueue_(dispatch::SerialDispatchQueue::create("csymgenerator reply queue")),
+      xpcReplyQueue_(dispatch::SerialDispatchQueue::create(dispatch::ThreadPool::shared(), "csymgenerator reply queue")),
       networkClient_(std::move(networkClient)) {}
 
 std::shared_ptr<SUPGenerateCSYMOperation> SUPGenerateCSYMOperation::initWithCodeMappingInfo(

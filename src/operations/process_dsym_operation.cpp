@@ -1,4 +1,5 @@
 #include "operations/process_dsym_operation.h"
+#include "dispatch/thread_pool.h"
 
 #include <filesystem>
 
@@ -12,7 +13,7 @@ namespace symlift::operations {
 using console::SYLLogDebug;
 
 SUPProcessDSYMOperation::SUPProcessDSYMOperation()
-    : dispatch::SUPKITAsyncOperation("SUPProcessDSYMOperation"), operationQueue_(dispatch::OperationQueue::create("SUPProcessDSYMOperation")) {
+    : dispatch::SUPKITAsyncOperation("SUPProcessDSYMOperation"), operationQueue_(dispatch::OperationQueue::create(dispatch::ThreadPool::shared(), "SUPProcessDSYMOperation")) {
   operationQueue_->setMaxConcurrentOperationCount(1);
 }
 

@@ -1,4 +1,5 @@
 #include "operations/submit_all_csyms_operation.h"
+#include "dispatch/thread_pool.h"
 
 #include "dispatch/compound_operation.h"
 #include "operations/generate_csym_operation.h"
@@ -10,7 +11,7 @@ SUPSubmitAllCSYMsOperation::SUPSubmitAllCSYMsOperation(
     std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
     std::weak_ptr<network::SUPKITNetworkClient> networkClient)
     : dispatch::SUPKITAsyncOperation("SUPSubmitAllCSYMsOperation"),
-      privateQueue_(dispatch::OperationQueue::create("SUPSubmitAllCSYMsOperation")),
+      privateQueue_(dispatch::OperationQueue::create(dispatch::ThreadPool::shared(), "SUPSubmitAllCSYMsOperation")),
       networkClient_(std::move(networkClient)),
       codeMappingInfo_(std::move(codeMappingInfo)) {
   privateQueue_->setMaxConcurrentOperationCount(1);
@@ -48,7 +49,7 @@ void SUPSubmitAllCSYMsOperation::enqueueGenerateCSYMsOperation() {
 
 void SUPSubmitAllCSYMsOperation::enqueueSubmitCSYMOperations(
     const std::vector<std::shared_ptr<dsym::SUPCodeMappingInfoContainer>>& containers) {
-  auto compound = std::make_shared<dispatch::SUPCompoundOperation>();
+  auto compound = std::make_shared<dispatch::SUPCompoundOperation>(dispatch::ThreadPool::shared());
   std::vector<std::shared_ptr<dispatch::SUPKITAsyncOperation>> submissions;
   for (const auto& container : containers)
     submissions.push_back(SUPSubmitCSYMOperation::initWithCSYMInfo(container, networkClient_));

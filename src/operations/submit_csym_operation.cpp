@@ -1,4 +1,5 @@
 #include "operations/submit_csym_operation.h"
+#include "dispatch/thread_pool.h"
 
 #include <fmt/format.h>
 
@@ -14,7 +15,7 @@ SUPSubmitCSYMOperation::SUPSubmitCSYMOperation(std::shared_ptr<dsym::SUPCodeMapp
     : dispatch::SUPKITAsyncOperation("SUPSubmitCSYMOperation"),
       cSYMInfo_(std::move(cSYMInfo)),
       networkClient_(std::move(networkClient)),
-      privateQueue_(dispatch::OperationQueue::create("SUPSubmitCSYMOperation")) {
+      privateQueue_(dispatch::OperationQueue::create(dispatch::ThreadPool::shared(), "SUPSubmitCSYMOperation")) {
   privateQueue_->setMaxConcurrentOperationCount(1);
 }
 

@@ -1,4 +1,5 @@
 #include "dispatch/async_operation.h"
+#include "dispatch/thread_pool.h"
 
 #include <gtest/gtest.h>
 
@@ -33,7 +34,7 @@ TEST(SUPKITAsyncOperationTest, NoticesComeInLifecycleOrder) {
     std::lock_guard<std::mutex> guard(mutex);
     notices.push_back({std::string(key), prior, raw->isExecuting(), raw->isFinished()});
   });
-  auto queue = OperationQueue::create();
+  auto queue = OperationQueue::create(dispatch::ThreadPool::shared());
   queue->addOperationAndWait(op);
   std::lock_guard<std::mutex> guard(mutex);
   EXPECT_EQ(notices, (std::vector<RecordedNotice>{
@@ -57,7 +58,7 @@ TEST(SUPKITAsyncOperationTest, CompletionHasReturnedBeforeFinishedReadsTrue) {
     executingDuringCompletion = raw->isExecuting();
     received = error;
   });
-  OperationQueue::create()->addOperationAndWait(op);
+  OperationQueue::create(dispatch::ThreadPool::shared())->addOperationAndWait(op);
   EXPECT_FALSE(finishedDuringCompletion.load());
   EXPECT_TRUE(executingDuringCompletion.load());
   ASSERT_TRUE(received);
@@ -69,7 +70,7 @@ TEST(SUPKITAsyncOperationTest, CancelledBeforeStartSkipsMainAndCompletion) {
   std::atomic<bool> completionCalled{false};
   op->setAsyncCompletion([&](const support::ErrorPtr&) { completionCalled = true; });
   op->cancel();
-  OperationQueue::create()->addOperationAndWait(op);
+  OperationQueue::create(dispatch::ThreadPool::shared())->addOperationAndWait(op);
   EXPECT_EQ(op->mainRuns.load(), 0);
   EXPECT_FALSE(completionCalled.load());
   EXPECT_TRUE(op->isFinished());
@@ -78,7 +79,7 @@ TEST(SUPKITAsyncOperationTest, CancelledBeforeStartSkipsMainAndCompletion) {
 
 TEST(SUPKITAsyncOperationTest, FinishWithoutCompletionOnlyMarksDone) {
   auto op = std::make_shared<DelayedAsyncOperation>();
-  OperationQueue::create()->addOperationAndWait(op);
+  OperationQueue::create(dispatch::ThreadPool::shared())->addOperationAndWait(op);
   EXPECT_TRUE(op->isFinished());
   EXPECT_FALSE(op->isExecuting());
 }

@@ -1,4 +1,5 @@
 #include "dispatch/compound_operation.h"
+#include "dispatch/thread_pool.h"
 
 #include <gtest/gtest.h>
 
@@ -34,12 +35,12 @@ std::shared_ptr<Outcome> watch(const std::shared_ptr<SUPCompoundOperation>& comp
 }
 
 TEST(SUPCompoundOperationTest, FinishesWithoutErrorAfterTheLastSuccess) {
-  auto compound = std::make_shared<SUPCompoundOperation>();
+  auto compound = std::make_shared<SUPCompoundOperation>(dispatch::ThreadPool::shared());
   std::vector<std::shared_ptr<SUPKITAsyncOperation>> subs;
   for (int delay : {30, 5, 15}) subs.push_back(std::make_shared<DelayedAsyncOperation>(std::chrono::milliseconds(delay)));
   compound->setOperations(subs);
   auto outcome = watch(compound);
-  OperationQueue::create()->addOperationAndWait(compound);
+  OperationQueue::create(dispatch::ThreadPool::shared())->addOperationAndWait(compound);
   EXPECT_EQ(outcome->calls.load(), 1);
   EXPECT_FALSE(outcome->error);
   for (const auto& sub : subs) EXPECT_TRUE(sub->isFinished());
@@ -47,7 +48,7 @@ TEST(SUPCompoundOperationTest, FinishesWithoutErrorAfterTheLastSuccess) {
 }
 
 TEST(SUPCompoundOperationTest, CollectsEveryFailureAndFinishesOnce) {
-  auto compound = std::make_shared<SUPCompoundOperation>();
+  auto compound = std::make_shared<SUPCompoundOperation>(dispatch::ThreadPool::shared());
   auto first = support::makeError("sub", 1);
   auto second = support::makeError("sub", 2);
   // Far enough apart that the order of the reports holds under the sanitizers.
@@ -56,7 +57,7 @@ TEST(SUPCompoundOperationTest, CollectsEveryFailureAndFinishesOnce) {
                            std::make_shared<DelayedAsyncOperation>(1ms),
                            std::make_shared<DelayedAsyncOperation>(5ms, first)});
   auto outcome = watch(compound);
-  OperationQueue::create()->addOperationAndWait(compound);
+  OperationQueue::create(dispatch::ThreadPool::shared())->addOperationAndWait(compound);
   std::this_thread::sleep_for(20ms);  // any late second report would show up here
   EXPECT_EQ(outcome->calls.load(), 1);
   ASSERT_TRUE(outcome->error);
@@ -84,9 +85,9 @@ TEST(SUPCompoundOperationTest, SubOperationsEndingTogetherReportOnce) {
   constexpr int kRounds = 200;
   std::vector<std::shared_ptr<Outcome>> outcomes;
   std::vector<std::shared_ptr<SUPCompoundOperation>> compounds;
-  auto queue = OperationQueue::create();
+  auto queue = OperationQueue::create(dispatch::ThreadPool::shared());
   for (int round = 0; round < kRounds; ++round) {
-    auto compound = std::make_shared<SUPCompoundOperation>();
+    auto compound = std::make_shared<SUPCompoundOperation>(dispatch::ThreadPool::shared());
     auto a = std::make_shared<HandFinishedOperation>();
     auto b = std::make_shared<HandFinishedOperation>();
     compound->setOperations({a, b});
@@ -107,7 +108,7 @@ TEST(SUPCompoundOperationTest, SubOperationsEndingTogetherReportOnce) {
 }
 
 TEST(SUPCompoundOperationTest, EarlierCompletionsOfSubOperationsStillRunFirst) {
-  auto compound = std::make_shared<SUPCompoundOperation>();
+  auto compound = std::make_shared<SUPCompoundOperation>(dispatch::ThreadPool::shared());
   auto sub = std::make_shared<DelayedAsyncOperation>(1ms);
   std::atomic<bool> earlierAsync{false};
   std::atomic<bool> earlierBlock{false};
@@ -119,16 +120,16 @@ TEST(SUPCompoundOperationTest, EarlierCompletionsOfSubOperationsStillRunFirst) {
   });
   compound->setOperations({sub});
   auto outcome = watch(compound);
-  OperationQueue::create()->addOperationAndWait(compound);
+  OperationQueue::create(dispatch::ThreadPool::shared())->addOperationAndWait(compound);
   EXPECT_TRUE(earlierAsync.load());
   EXPECT_TRUE(earlierBlock.load());
   EXPECT_FALSE(compoundFinishedBeforeEarlierBlock.load());
 }
 
 TEST(SUPCompoundOperationTest, EmptyListNeverFinishes) {
-  auto compound = std::make_shared<SUPCompoundOperation>();
+  auto compound = std::make_shared<SUPCompoundOperation>(dispatch::ThreadPool::shared());
   auto outcome = watch(compound);
-  OperationQueue::create()->addOperation(compound);
+  OperationQueue::create(dispatch::ThreadPool::shared())->addOperation(compound);
   auto done = outcome->done.get_future();
   EXPECT_EQ(done.wait_for(100ms), std::future_status::timeout);
   EXPECT_TRUE(compound->isExecuting());
@@ -140,13 +141,13 @@ TEST(SUPCompoundOperationTest, EmptyListNeverFinishes) {
 }
 
 TEST(SUPCompoundOperationTest, CancelBeforeMainFinishesEverythingSilently) {
-  auto compound = std::make_shared<SUPCompoundOperation>();
+  auto compound = std::make_shared<SUPCompoundOperation>(dispatch::ThreadPool::shared());
   auto a = std::make_shared<DelayedAsyncOperation>(1ms);
   auto b = std::make_shared<DelayedAsyncOperation>(1ms);
   compound->setOperations({a, b});
   auto outcome = watch(compound);
   compound->cancel();
-  OperationQueue::create()->addOperationAndWait(compound);
+  OperationQueue::create(dispatch::ThreadPool::shared())->addOperationAndWait(compound);
   a->waitUntilFinished();
   b->waitUntilFinished();
   EXPECT_EQ(a->mainRuns.load() + b->mainRuns.load(), 0);
@@ -155,10 +156,10 @@ TEST(SUPCompoundOperationTest, CancelBeforeMainFinishesEverythingSilently) {
 }
 
 TEST(SUPCompoundOperationTest, CancelWhileRunningReportsCancelledOnce) {
-  auto compound = std::make_shared<SUPCompoundOperation>();
+  auto compound = std::make_shared<SUPCompoundOperation>(dispatch::ThreadPool::shared());
   auto quick = std::make_shared<DelayedAsyncOperation>(1ms);
   auto slow = std::make_shared<DelayedAsyncOperation>(300ms);
-  auto queue = OperationQueue::create();
+  auto queue = OperationQueue::create(dispatch::ThreadPool::shared());
   queue->setMaxConcurrentOperationCount(1);
   compound->setOperations({quick, slow});
   compound->compoundQueue()->setMaxConcurrentOperationCount(1);  // slow waits behind quick

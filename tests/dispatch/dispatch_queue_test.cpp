@@ -20,7 +20,7 @@ namespace {
 using namespace std::chrono_literals;
 
 TEST(SerialDispatchQueueTest, AsyncItemsRunOneAtATimeInOrder) {
-  auto queue = SerialDispatchQueue::create("test.serial");
+  auto queue = SerialDispatchQueue::create(dispatch::ThreadPool::shared(), "test.serial");
   std::vector<int> order;  // touched only on the queue
   std::atomic<int> inside{0};
   std::atomic<bool> overlapped{false};
@@ -38,7 +38,7 @@ TEST(SerialDispatchQueueTest, AsyncItemsRunOneAtATimeInOrder) {
 }
 
 TEST(SerialDispatchQueueTest, SyncFromManyThreadsIsExclusiveAndRunsOnTheCaller) {
-  auto queue = SerialDispatchQueue::create("test.sync");
+  auto queue = SerialDispatchQueue::create(dispatch::ThreadPool::shared(), "test.sync");
   std::atomic<int> inside{0};
   std::atomic<bool> overlapped{false};
   std::atomic<bool> wrongThread{false};
@@ -114,7 +114,7 @@ TEST(SerialDispatchQueueTest, SyncCallerIsHandedTheQueueWithoutThePool) {
   }
   ASSERT_EQ(pool.threadCount(), kPoolCap);
 
-  auto queue = SerialDispatchQueue::create("test.handover");
+  auto queue = SerialDispatchQueue::create(dispatch::ThreadPool::shared(), "test.handover");
   std::promise<void> firstEntered, firstMayLeave;
   std::shared_future<void> mayLeave = firstMayLeave.get_future().share();
   std::thread first([&] {
@@ -140,7 +140,7 @@ TEST(SerialDispatchQueueTest, SyncCallerIsHandedTheQueueWithoutThePool) {
 }
 
 TEST(DispatchQueueTest, AsyncAfterWaitsAtLeastTheDelay) {
-  auto queue = SerialDispatchQueue::create("test.after");
+  auto queue = SerialDispatchQueue::create(dispatch::ThreadPool::shared(), "test.after");
   std::promise<std::chrono::steady_clock::time_point> fired;
   auto began = std::chrono::steady_clock::now();
   queue->asyncAfter(40ms, [&] { fired.set_value(std::chrono::steady_clock::now()); });
@@ -148,13 +148,13 @@ TEST(DispatchQueueTest, AsyncAfterWaitsAtLeastTheDelay) {
 
   std::promise<void> background;
   began = std::chrono::steady_clock::now();
-  backgroundQueue().asyncAfter(20ms, [&] { background.set_value(); });
+  dispatch::ThreadPool::shared().concurrentQueue().asyncAfter(20ms, [&] { background.set_value(); });
   background.get_future().wait();
   EXPECT_GE(std::chrono::steady_clock::now() - began, 20ms);
 }
 
 TEST(DispatchQueueTest, DelayedItemsFireInDueOrder) {
-  auto queue = SerialDispatchQueue::create("test.order");
+  auto queue = SerialDispatchQueue::create(dispatch::ThreadPool::shared(), "test.order");
   std::vector<int> order;
   std::promise<void> done;
   // The items run on the serial queue; the last of the three, whichever it
@@ -184,7 +184,7 @@ TEST(DispatchQueueTest, DelayedChainsScheduledFromFiredWorkAllFinish) {
     std::atomic<int> steps{0};
   };
   auto shared = std::make_shared<Shared>();
-  auto queue = SerialDispatchQueue::create("test.chains");
+  auto queue = SerialDispatchQueue::create(dispatch::ThreadPool::shared(), "test.chains");
   std::function<void(int, int)> step = [&](int chain, int remaining) {
     ++shared->steps;
     if (remaining == 0) {
@@ -194,7 +194,7 @@ TEST(DispatchQueueTest, DelayedChainsScheduledFromFiredWorkAllFinish) {
       return;
     }
     auto delay = std::chrono::microseconds((chain * 7 + remaining * 13) % 2000);
-    DispatchQueue& target = chain % 3 == 0 ? static_cast<DispatchQueue&>(*queue) : backgroundQueue();
+    DispatchQueue& target = chain % 3 == 0 ? static_cast<DispatchQueue&>(*queue) : dispatch::ThreadPool::shared().concurrentQueue();
     target.asyncAfter(delay, [&step, chain, remaining] { step(chain, remaining - 1); });
   };
   std::vector<std::thread> starters;
@@ -215,11 +215,11 @@ TEST(DispatchQueueTest, DelayedChainsScheduledFromFiredWorkAllFinish) {
 // not held back by it.
 TEST(DispatchQueueTest, ShortDelayIsNotHeldBehindALongerOne) {
   auto late = std::make_shared<std::atomic<bool>>(false);
-  backgroundQueue().asyncAfter(30s, [late] { late->store(true); });
+  dispatch::ThreadPool::shared().concurrentQueue().asyncAfter(30s, [late] { late->store(true); });
   std::this_thread::sleep_for(20ms);  // the dispatcher is now asleep until then
   std::promise<void> fired;
   auto began = std::chrono::steady_clock::now();
-  backgroundQueue().asyncAfter(1ms, [&] { fired.set_value(); });
+  dispatch::ThreadPool::shared().concurrentQueue().asyncAfter(1ms, [&] { fired.set_value(); });
   ASSERT_EQ(fired.get_future().wait_for(10s), std::future_status::ready);
   EXPECT_LT(std::chrono::steady_clock::now() - began, 2s);
   EXPECT_FALSE(late->load());

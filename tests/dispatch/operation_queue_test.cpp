@@ -1,4 +1,5 @@
 #include "dispatch/operation_queue.h"
+#include "dispatch/thread_pool.h"
 
 #include <gtest/gtest.h>
 
@@ -17,7 +18,7 @@ using testing::BlockOperation;
 using testing::DelayedAsyncOperation;
 
 TEST(OperationQueueTest, WidthOneRunsInOrderWithoutOverlap) {
-  auto queue = OperationQueue::create();
+  auto queue = OperationQueue::create(dispatch::ThreadPool::shared());
   queue->setMaxConcurrentOperationCount(1);
   std::mutex mutex;
   std::vector<int> order;
@@ -44,7 +45,7 @@ TEST(OperationQueueTest, WidthOneRunsInOrderWithoutOverlap) {
 }
 
 TEST(OperationQueueTest, WidthOneHoldsTheSlotUntilAnAsyncOperationFinishes) {
-  auto queue = OperationQueue::create();
+  auto queue = OperationQueue::create(dispatch::ThreadPool::shared());
   queue->setMaxConcurrentOperationCount(1);
   auto slow = std::make_shared<DelayedAsyncOperation>(50ms);
   std::atomic<bool> slowFinishedFirst{false};
@@ -56,7 +57,7 @@ TEST(OperationQueueTest, WidthOneHoldsTheSlotUntilAnAsyncOperationFinishes) {
 }
 
 TEST(OperationQueueTest, DefaultWidthIsAtLeastTwoAndRunsSideBySide) {
-  auto queue = OperationQueue::create();
+  auto queue = OperationQueue::create(dispatch::ThreadPool::shared());
   EXPECT_GE(queue->effectiveMaxConcurrentOperationCount(), 2);
   // Two operations that each wait for the other can only finish side by side.
   std::promise<void> bStarted;
@@ -69,8 +70,8 @@ TEST(OperationQueueTest, DefaultWidthIsAtLeastTwoAndRunsSideBySide) {
 }
 
 TEST(OperationQueueTest, DependencyOnAnotherQueueDelaysStart) {
-  auto first = OperationQueue::create();
-  auto second = OperationQueue::create();
+  auto first = OperationQueue::create(dispatch::ThreadPool::shared());
+  auto second = OperationQueue::create(dispatch::ThreadPool::shared());
   auto dependency = std::make_shared<DelayedAsyncOperation>(40ms);
   std::atomic<bool> sawDependencyFinished{false};
   auto dependent = std::make_shared<BlockOperation>([&] { sawDependencyFinished = dependency->isFinished(); });
@@ -84,7 +85,7 @@ TEST(OperationQueueTest, DependencyOnAnotherQueueDelaysStart) {
 }
 
 TEST(OperationQueueTest, CompletionBlockRunsAfterFinishAndBeforeTheSlotIsReused) {
-  auto queue = OperationQueue::create();
+  auto queue = OperationQueue::create(dispatch::ThreadPool::shared());
   queue->setMaxConcurrentOperationCount(1);
   std::vector<std::string> events;
   std::mutex mutex;
@@ -101,7 +102,7 @@ TEST(OperationQueueTest, CompletionBlockRunsAfterFinishAndBeforeTheSlotIsReused)
 }
 
 TEST(OperationQueueTest, CancelledOperationsSkipMainButStillComplete) {
-  auto queue = OperationQueue::create();
+  auto queue = OperationQueue::create(dispatch::ThreadPool::shared());
   std::atomic<bool> ran{false};
   std::atomic<bool> completed{false};
   auto blocker = std::make_shared<DelayedAsyncOperation>(1000ms);
@@ -118,7 +119,7 @@ TEST(OperationQueueTest, CancelledOperationsSkipMainButStillComplete) {
 }
 
 TEST(OperationQueueTest, AddAndWaitReturnsOnlyAfterAnAsyncFinish) {
-  auto queue = OperationQueue::create();
+  auto queue = OperationQueue::create(dispatch::ThreadPool::shared());
   auto op = std::make_shared<DelayedAsyncOperation>(30ms);
   auto began = std::chrono::steady_clock::now();
   queue->addOperationAndWait(op);

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "dispatch/async_operation.h"
+#include "dispatch/thread_pool.h"
 #include "dispatch/dispatch_queue.h"
 #include "dispatch/operation.h"
 
@@ -35,7 +36,7 @@ class DelayedAsyncOperation : public SUPKITAsyncOperation {
     mainRuns++;
     auto self = std::static_pointer_cast<DelayedAsyncOperation>(shared_from_this());
     // Finishes later, on another thread, after main has returned.
-    backgroundQueue().asyncAfter(delay_, [self] { self->finishWithError(self->error_); });
+    dispatch::ThreadPool::shared().concurrentQueue().asyncAfter(delay_, [self] { self->finishWithError(self->error_); });
   }
   std::atomic<int> mainRuns{0};
 

@@ -12,6 +12,7 @@
 #include <mutex>
 
 #include "fake_service_process.h"
+#include "dispatch/thread_pool.h"
 #include "network/curl_url_session.h"
 #include "network/network_client.h"
 #include "network/network_constants.h"
@@ -80,7 +81,7 @@ struct TestClient {
         std::lock_guard<std::mutex> guard(mutex);
         delays.push_back(static_cast<double>(delay.count()) / 1e9);
       }
-      dispatch::backgroundQueue().async(std::move(block));
+      dispatch::ThreadPool::shared().concurrentQueue().async(std::move(block));
     });
   }
   std::size_t retries() {
@@ -384,6 +385,7 @@ TEST(NetworkClientTransportTest, CompletionsGoToTheDelegateQueue) {
   // A queue that counts what it is given and runs it on a thread of its own.
   class CountingQueue : public dispatch::DispatchQueue {
    public:
+    CountingQueue() : dispatch::DispatchQueue(dispatch::ThreadPool::shared()) {}
     std::atomic<int> items{0};
     std::thread::id lastThread;
     void async(std::function<void()> work) override {

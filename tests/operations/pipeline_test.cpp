@@ -7,6 +7,7 @@
 #include <fstream>
 
 #include "support/captured_output.h"
+#include "dispatch/thread_pool.h"
 #include "console/console_log.h"
 #include "network/fake_service_process.h"
 #include "network/network_client.h"
@@ -55,7 +56,7 @@ class PipelineTest : public ::testing::Test {
     auto client = network::SUPKITNetworkClient::create();
     if (client && immediateRetries)
       client->setDelayScheduler([](std::chrono::nanoseconds, std::function<void()> block) {
-        dispatch::backgroundQueue().async(std::move(block));
+        dispatch::ThreadPool::shared().concurrentQueue().async(std::move(block));
       });
     return client;
   }
@@ -68,7 +69,7 @@ class PipelineTest : public ::testing::Test {
       outcome = error;
       reported = true;
     });
-    dispatch::OperationQueue::create()->addOperationAndWait(operation);
+    dispatch::OperationQueue::create(dispatch::ThreadPool::shared())->addOperationAndWait(operation);
     EXPECT_TRUE(reported);
     return outcome;
   }
@@ -213,7 +214,7 @@ TEST_F(PipelineTest, MissingCSYMIsCompressedToAnEmptyStreamAndAFailedUploadIsWra
   auto container = containerForBundle(fixturesDir() / "Hello.dSYM", "Hello", false)->copyWithZone();
   container->setUUID("00000000000000000000000000000000");
   container->setArchitecture("arm64");
-  auto queue = dispatch::OperationQueue::create();
+  auto queue = dispatch::OperationQueue::create(dispatch::ThreadPool::shared());
 
   auto compress = SUPCompressCSYMOperation::initWithCodeMappingInfo(container, {});
   compress->setOperationQueue(queue);
