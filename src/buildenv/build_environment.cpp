@@ -51,13 +51,6 @@ void sleepOneSecond(const WaitHooks& hooks) {
     std::this_thread::sleep_for(std::chrono::seconds(1));
 }
 
-void exitProcess(const WaitHooks& hooks, int status) {
-  if (hooks.exitProcess)
-    hooks.exitProcess(status);
-  else
-    std::exit(status);
-}
-
 // A program of that name on PATH, or nothing.
 std::optional<std::string> programOnPath(const std::string& name) {
   const char* path = std::getenv("PATH");
@@ -138,18 +131,11 @@ bool waitUntil(std::int64_t timeoutSeconds, const std::function<bool()>& predica
   if (predicate()) return true;
   std::int64_t roundsLeft = std::max<std::int64_t>(timeoutSeconds, 0);
   for (;;) {
-    if (roundsLeft == 0) {
-      exitProcess(hooks, 1);
-      return false;
-    }
+    if (roundsLeft == 0) return false;
     --roundsLeft;
     sleepOneSecond(hooks);
     if (predicate()) return true;
   }
-}
-
-void waitUntil(std::int64_t timeoutSeconds, const std::function<bool()>& predicate) {
-  waitUntil(timeoutSeconds, predicate, WaitHooks{});
 }
 
 bool waitForDSYM(const Environment& environment, const std::string& dSYMPath, const WaitHooks& hooks,
@@ -184,8 +170,8 @@ bool waitForDSYM(const Environment& environment, const std::string& dSYMPath, co
   }, hooks);
 }
 
-void waitForDSYM(const Environment& environment, const std::string& dSYMPath) {
-  waitForDSYM(environment, dSYMPath, WaitHooks{}, fileSizeAtPath);
+bool waitForDSYM(const Environment& environment, const std::string& dSYMPath) {
+  return waitForDSYM(environment, dSYMPath, WaitHooks{}, fileSizeAtPath);
 }
 
 std::int64_t fileSizeAtPath(const std::string& path) {

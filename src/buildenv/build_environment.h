@@ -39,25 +39,20 @@ std::vector<std::string> dSYMPathsFromEnvironment(const Environment& environment
 // dSYM file only prints a build warning.
 std::optional<std::string> validateBuildEnvironment(const Environment& environment, bool isLumoProject);
 
-// Evaluates the predicate, then up to max(timeout, 0) more times one second
-// apart; ends the process with status 1 when it never holds.
-void waitUntil(std::int64_t timeoutSeconds, const std::function<bool()>& predicate);
-
 // Waits until the dSYM at path has a non-empty, stable DWARF folder (and the
-// debug dylib, when the build makes one). May end the process with status 1.
-void waitForDSYM(const Environment& environment, const std::string& dSYMPath);
+// debug dylib, when the build makes one); false when one of its waits gave
+// up (the run then ends with status 1).
+bool waitForDSYM(const Environment& environment, const std::string& dSYMPath);
 
-// The sleep and the process exit of the waits, replaceable so that the
-// waiting logic can be exercised without waiting or exiting. An empty hook
-// does the real thing.
+// The sleep of the waits, replaceable so that the waiting logic can be
+// exercised without waiting. An empty hook does the real thing.
 struct WaitHooks {
-  std::function<void()> sleepOneSecond;         // default: sleep one second
-  std::function<void(int status)> exitProcess;  // default: std::exit
+  std::function<void()> sleepOneSecond;  // default: sleep one second
 };
 
-// waitUntil with hooks: true when the predicate held; false when the rounds
-// ran out and hooks.exitProcess returned (the real exit never returns).
-bool waitUntil(std::int64_t timeoutSeconds, const std::function<bool()>& predicate, const WaitHooks& hooks);
+// Evaluates the predicate, then up to max(timeout, 0) more times one second
+// apart; true as soon as it holds, false when it never did.
+bool waitUntil(std::int64_t timeoutSeconds, const std::function<bool()>& predicate, const WaitHooks& hooks = {});
 
 // waitForDSYM with hooks and the size reading to use (fileSizeAtPath by
 // default); false as soon as one of its waits gave up.

@@ -3,6 +3,7 @@
 #include <charconv>
 
 #include "support/property_list.h"
+#include "support/files.h"
 
 namespace symlift::buildenv {
 

@@ -4,6 +4,7 @@
 
 #include "console/console_log.h"
 #include "support/property_list.h"
+#include "support/files.h"
 
 namespace symlift::cli {
 

@@ -13,6 +13,7 @@
 #include "cli/platform_names.h"
 #include "cli/process_environment.h"
 #include "cli/processing.h"
+#include "cli/run_context.h"
 #include "cli/run_info.h"
 #include "cli/service_pages.h"
 #include "cli/symbolication_version.h"
@@ -80,8 +81,8 @@ int runManualMode(const ArgumentList& arguments, SYLUploadSettings settings) {
     return kExitSuccess;
   }
 
-  // Returns once every dSYM found went through; a failure ends the run.
-  if (int status = processPaths(paths, /*recursive=*/false, settings); status != kExitSuccess) return status;
+  RunContext run(settings.convertOnly);
+  if (int status = processPaths(run, settings, paths); status != kExitSuccess) return status;
   // By hand the validator's warnings follow the upload; they never stop it.
   if (!arguments.hasFlag(kSkipDSYMValidationOption)) dsym::DSYMValidator::validateDSYMs(paths);
   SYLLogSuccess("Successfully uploaded Vantrel symbols");
@@ -118,7 +119,8 @@ int runBuildPhaseMode(const ArgumentList& arguments, const buildenv::Environment
   }
 
   SYLLogInfo("Processing dSYMs...");
-  for (const auto& path : paths) buildenv::waitForDSYM(environment, path);
+  for (const auto& path : paths)
+    if (!buildenv::waitForDSYM(environment, path)) return kExitDSYMWaitTimedOut;
 
   // In a build the validator's warnings come before the upload, so they are
   // shown even when the upload is skipped as already done.
@@ -138,8 +140,9 @@ int runBuildPhaseMode(const ArgumentList& arguments, const buildenv::Environment
     return kExitSuccess;
   }
 
-  if (int status = processPaths(paths, /*recursive=*/false, settings); status != kExitSuccess) return status;
-  cli::recordUpload(recorder, executable, settings.isCI);
+  RunContext run(settings.convertOnly);
+  if (int status = processPaths(run, settings, paths); status != kExitSuccess) return status;
+  recordUpload(recorder, executable, settings.isCI);
   SYLLogSuccess("Successfully uploaded Vantrel build event and symbols");
   return kExitSuccess;
 }
@@ -191,8 +194,10 @@ int run(const ArgumentList& arguments) {
 
 int runMain(int argc, char** argv) {
   // Before any thread starts, so that every thread leaves the signals to one.
-  installInterruptionHandling();
-  return run(ArgumentList(argc, argv));
+  InterruptionHandling interruption;
+  const int status = run(ArgumentList(argc, argv));
+  std::fflush(stdout);
+  return status;
 }
 
 }  // namespace symlift::cli

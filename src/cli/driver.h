@@ -6,13 +6,12 @@
 
 namespace symlift::cli {
 
-// The whole run for the process's arguments; returns (or exits with) the
-// run's status.
+// The whole run for the process's arguments, with interruption handling;
+// returns the run's status once every thread of the run has ended.
 int runMain(int argc, char** argv);
 
 // The run for the given argument words (program path first), reading the
-// process environment in build-phase mode. Returns the exit status; a dSYM
-// that never becomes complete ends the process from the build-phase wait.
+// process environment in build-phase mode. Returns the exit status.
 int run(const ArgumentList& arguments);
 
 }  // namespace symlift::cli

@@ -4,7 +4,8 @@
 namespace symlift::cli {
 
 inline constexpr int kExitSuccess = 0;
-inline constexpr int kExitMissingPlatform = 1;  // also: a dSYM did not become complete in time
+inline constexpr int kExitMissingPlatform = 1;
+inline constexpr int kExitDSYMWaitTimedOut = 1;  // a dSYM did not become complete in time
 inline constexpr int kExitNoDSYMPaths = 2;
 inline constexpr int kExitHelp = 5;
 inline constexpr int kExitVersion = 6;

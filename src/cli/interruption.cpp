@@ -4,10 +4,12 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -70,11 +72,20 @@ void stopChildProcesses() {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
+// Set while a run is under way. Taken under the lock by the waiting thread,
+// so a run cannot end (and its registry go) while it is being cleaned up.
+std::mutex cleanupMutex;
+support::CleanupRegistry* currentCleanup = nullptr;
+std::atomic<bool> stopWaiting{false};
+
 // Signals are taken synchronously on this thread rather than in a handler,
 // so the clean-up may lock, allocate and print like any other code.
 void waitForInterruption(sigset_t signals) {
   int signal = 0;
-  while (sigwait(&signals, &signal) != 0) {
+  for (;;) {
+    if (sigwait(&signals, &signal) != 0) continue;
+    if (stopWaiting.load()) return;  // woken by the end of the process, not by the user
+    break;
   }
   // The console closes first: a step failing because its files vanish below
   // it cannot report that, nor end the run with its own status, since both
@@ -85,20 +96,33 @@ void waitForInterruption(sigset_t signals) {
   stopChildProcesses();
   // From here on nothing new can be registered, so nothing is created behind
   // the clean-up's back; the threads still working never get further.
-  support::CleanupRegistry::removeAllAndSeal();
+  cleanupMutex.lock();  // deliberately never released: the process ends here
+  if (currentCleanup) currentCleanup->removeAllAndSeal();
   std::fflush(stderr);
   ::_exit(128 + signal);
 }
 
 }  // namespace
 
-void installInterruptionHandling() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
-  if (pthread_sigmask(SIG_BLOCK, &signals, nullptr) != 0) return;
-  std::thread(waitForInterruption, signals).detach();
+InterruptionHandling::InterruptionHandling() {
+  sigemptyset(&signals_);
+  sigaddset(&signals_, SIGINT);
+  sigaddset(&signals_, SIGTERM);
+  if (pthread_sigmask(SIG_BLOCK, &signals_, nullptr) != 0) return;
+  waiter_ = std::thread(waitForInterruption, signals_);
+}
+
+InterruptionHandling::~InterruptionHandling() {
+  if (!waiter_.joinable()) return;
+  stopWaiting.store(true);
+  // A signal of the set, sent to the waiting thread alone, wakes it.
+  pthread_kill(waiter_.native_handle(), SIGTERM);
+  waiter_.join();
+}
+
+void setInterruptionCleanup(support::CleanupRegistry* cleanup) {
+  std::lock_guard<std::mutex> guard(cleanupMutex);
+  currentCleanup = cleanup;
 }
 
 }  // namespace symlift::cli

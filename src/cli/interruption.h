@@ -2,11 +2,34 @@
 // Ending a run on SIGINT or SIGTERM: the temporary files and folders the run
 // made are removed and the process exits with 128 + the signal's number.
 
+#include <thread>
+
+#include <signal.h>
+
+namespace symlift::support {
+class CleanupRegistry;
+}
+
 namespace symlift::cli {
 
 // Blocks SIGINT and SIGTERM in the calling thread (every thread started
-// afterwards inherits that) and starts the one thread that waits for them.
-// Call first thing in main, before any other thread exists.
-void installInterruptionHandling();
+// afterwards inherits that) and starts the one thread that waits for them;
+// the destructor stops that thread and joins it. Make one first thing in
+// main, before any other thread exists.
+class InterruptionHandling {
+ public:
+  InterruptionHandling();
+  ~InterruptionHandling();
+  InterruptionHandling(const InterruptionHandling&) = delete;
+  InterruptionHandling& operator=(const InterruptionHandling&) = delete;
+
+ private:
+  sigset_t signals_{};
+  std::thread waiter_;
+};
+
+// The registry whose paths an interruption removes (the running run's), or
+// none. Waits while an interruption is cleaning up.
+void setInterruptionCleanup(support::CleanupRegistry* cleanup);
 
 }  // namespace symlift::cli

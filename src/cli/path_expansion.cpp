@@ -15,13 +15,10 @@
 #include "buildenv/task.h"
 #include "console/console_log.h"
 #include "cli/exit_status.h"
-#include "cli/processing.h"
+#include "cli/run_context.h"
 #include "dsym/bundle.h"
 #include "dsym/code_mapping.h"
-#include "dsym/code_mapping_info_container.h"
 #include "operations/delete_file_operation.h"
-#include "dispatch/operation_queue.h"
-#include "operations/process_dsym_operation.h"
 #include "support/cleanup_registry.h"
 #include "support/temporary_directory.h"
 
@@ -78,7 +75,8 @@ std::optional<std::vector<std::string>> deepEntries(const fs::path& folder) {
 // at that predictable name. Folders made are registered for removal should
 // the run be interrupted. On failure, failedPath and the returned errno say
 // where and why.
-int createPrivateParents(const fs::path& folder, const fs::path& temporaryDirectory, std::string& failedPath) {
+int createPrivateParents(const fs::path& folder, const fs::path& temporaryDirectory, std::string& failedPath,
+                         support::CleanupRegistry& cleanup) {
   const auto trusted = static_cast<std::size_t>(std::distance(temporaryDirectory.begin(), temporaryDirectory.end()));
   fs::path partial;
   std::size_t index = 0;
@@ -86,10 +84,10 @@ int createPrivateParents(const fs::path& folder, const fs::path& temporaryDirect
     partial /= part;
     if (part.empty()) continue;  // the empty part after a doubled slash
     const bool below = index++ >= trusted;
-    support::CleanupRegistry::add(partial.string());
+    cleanup.add(partial.string());
     const bool made = ::mkdir(partial.c_str(), 0700) == 0;
     int reason = made ? 0 : errno;
-    if (!made) support::CleanupRegistry::remove(partial.string());
+    if (!made) cleanup.remove(partial.string());
     if (reason == EEXIST) {
       reason = 0;
       struct stat info {};
@@ -160,19 +158,6 @@ bool isPathOfType(const std::string& path, PathType type) {
   return false;
 }
 
-bool expandDirectory(const std::string& path, const SYLUploadSettings& settings) {
-  auto entries = deepEntries(path);
-  if (!entries) {
-    SYLLogWarning("Unable to enumerate contents of directory: {}", path);
-    return false;
-  }
-  std::vector<std::string> paths;
-  paths.reserve(entries->size());
-  for (const auto& entry : *entries) paths.push_back(path + "/" + entry);
-  processPaths(paths, /*recursive=*/true, settings);
-  return !paths.empty();
-}
-
 bool isValidDSYMBundle(const std::string& path) {
   std::error_code error;
   if (!fs::exists(path, error)) return false;
@@ -193,47 +178,6 @@ bool isValidDSYMBundle(const std::string& path) {
   return true;
 }
 
-void processDSYMBundle(const std::string& path, const SYLUploadSettings& settings) {
-  if (!isValidDSYMBundle(path)) return;
-  const fs::path dwarfFolder = fs::path(path) / kDWARFFolder;
-  for (const auto& entry : deepEntries(dwarfFolder).value_or(std::vector<std::string>{})) {
-    const fs::path dwarfPath = (dwarfFolder / entry).lexically_normal();
-    auto dSYMFile = dsym::SUPDSYMFile::initWithDWARFURL(dwarfPath, path);
-    if (dSYMFile && isSystemLibraryDSYM(*dSYMFile)) {
-      SYLLogWarning("Skipping Apple dSYM: {}", path);
-      return;
-    }
-    // A dSYM operation over no slices would wait forever for a compound
-    // operation with nothing in it; such a file has nothing to upload.
-    if (dSYMFile && !hasArchitectureSlices(*dSYMFile)) {
-      SYLLogWarning("No architecture slices in dSYM at {}", dwarfPath.string());
-      continue;
-    }
-
-    auto container = std::make_shared<dsym::SUPCodeMappingInfoContainer>();
-    container->setDSYMFile(dSYMFile);
-    container->setMaxCoreSymbolicationVersion(settings.maxSymbolicationVersion);
-    container->setPlatform(settings.platform);
-    container->setOmvaraAppId(settings.appID);
-    container->setConvertOnly(settings.convertOnly);
-
-    auto client = sharedNetworkClient();
-    auto operation = std::make_shared<operations::SUPProcessDSYMOperation>();
-    operation->setNetworkClient(client);
-    operation->setCodeMappingInfo(container);
-    operation->setAsyncCompletion([path, convertOnly = settings.convertOnly](const support::ErrorPtr& error) {
-      if (!error) return;
-      SYLLogError("Could not complete submission of dSYM at {}: {}", path, error->description());
-      // The run ends before the pipeline's own deletions: the cSYM and gzip
-      // files it made go now, unless the user asked to keep them.
-      if (!convertOnly) support::CleanupRegistry::removeAllAndSeal();
-      exitRun(kExitProcessingFailed);
-    });
-    // container and client stay alive here for the whole wait.
-    sharedOperationQueue()->addOperationAndWait(operation);
-  }
-}
-
 std::string unpackFolderForArchive(const std::string& archivePath) {
   std::string archive = archivePath;
   const fs::path given(archivePath);
@@ -244,16 +188,81 @@ std::string unpackFolderForArchive(const std::string& archivePath) {
   return support::temporaryDirectory() + "/" + archive + ".unzipped";
 }
 
-void processArchive(const std::string& path, const SYLUploadSettings& settings) {
+PathExpansion::PathExpansion(RunContext& run, const SYLUploadSettings& settings, DWARFInputHandler handle)
+    : run_(run), settings_(settings), handle_(std::move(handle)) {}
+
+int PathExpansion::processPaths(const std::vector<std::string>& paths, bool recursive) {
+  for (const auto& path : paths) {
+    SYLLogDebug("Inspecting next path: {}", path);
+    int status = kExitSuccess;
+    if (path.find("__MACOSX") != std::string::npos) {
+      SYLLogDebug("Skipping OS X archive metadata file: {}", path);
+    } else if (isPathOfType(path, PathType::DSYMBundle)) {
+      SYLLogDebug("Found dSYM at path: {}", path);
+      status = processDSYMBundle(path);
+    } else if (!recursive && isPathOfType(path, PathType::Folder)) {
+      SYLLogDebug("Found directory at path: {}", path);
+      bool found = false;
+      status = expandDirectory(path, found);
+      if (status == kExitSuccess && !found) SYLLogWarning("No dSYMs found in {}", path);
+    } else if (isPathOfType(path, PathType::ZipArchive)) {
+      SYLLogDebug("Found archive at path: {}", path);
+      status = processArchive(path);
+    } else if (!recursive) {
+      SYLLogWarning("Path is not a .dSYM, directory, or archive: {}", path);
+    }
+    if (status != kExitSuccess) return status;
+  }
+  return kExitSuccess;
+}
+
+int PathExpansion::expandDirectory(const std::string& path, bool& found) {
+  found = false;
+  auto entries = deepEntries(path);
+  if (!entries) {
+    SYLLogWarning("Unable to enumerate contents of directory: {}", path);
+    return kExitSuccess;
+  }
+  std::vector<std::string> paths;
+  paths.reserve(entries->size());
+  for (const auto& entry : *entries) paths.push_back(path + "/" + entry);
+  // Deliberately the count of all entries, not of dSYMs.
+  found = !paths.empty();
+  return processPaths(paths, /*recursive=*/true);
+}
+
+int PathExpansion::processDSYMBundle(const std::string& path) {
+  if (!isValidDSYMBundle(path)) return kExitSuccess;
+  const fs::path dwarfFolder = fs::path(path) / kDWARFFolder;
+  for (const auto& entry : deepEntries(dwarfFolder).value_or(std::vector<std::string>{})) {
+    const fs::path dwarfPath = (dwarfFolder / entry).lexically_normal();
+    auto dSYMFile = dsym::SUPDSYMFile::initWithDWARFURL(dwarfPath, path);
+    if (dSYMFile && isSystemLibraryDSYM(*dSYMFile)) {
+      SYLLogWarning("Skipping Apple dSYM: {}", path);
+      return kExitSuccess;
+    }
+    // A dSYM operation over no slices would wait forever for a compound
+    // operation with nothing in it; such a file has nothing to upload.
+    if (dSYMFile && !hasArchitectureSlices(*dSYMFile)) {
+      SYLLogWarning("No architecture slices in dSYM at {}", dwarfPath.string());
+      continue;
+    }
+    if (int status = handle_(DWARFInput{path, dwarfPath, dSYMFile}); status != kExitSuccess) return status;
+  }
+  return kExitSuccess;
+}
+
+int PathExpansion::processArchive(const std::string& path) {
   const std::string folder = unpackFolderForArchive(path);
   const auto failedToCreate = [&folder](const std::string& failedPath, int reason) {
     SYLLogError("Failed to create directory {}", folder);
     SYLLogError("Could not create {}: {}", failedPath, std::strerror(reason));
-    exitRun(kExitUnpackFolderNotCreatable);
+    return kExitUnpackFolderNotCreatable;
   };
+  support::CleanupRegistry& cleanup = run_.cleanup();
   std::string failedPath;
-  if (const int reason = createPrivateParents(folder, support::temporaryDirectory(), failedPath); reason != 0)
-    failedToCreate(failedPath, reason);
+  if (const int reason = createPrivateParents(folder, support::temporaryDirectory(), failedPath, cleanup); reason != 0)
+    return failedToCreate(failedPath, reason);
   // An unpack folder left by an earlier run (or anything else at its name,
   // a link included: remove_all does not follow it) makes way for a fresh
   // private one; one that appears meanwhile is not ours to use.
@@ -262,11 +271,11 @@ void processArchive(const std::string& path, const SYLUploadSettings& settings) 
     fs::remove_all(folder, error);
     if (error) SYLLogWarning("Failed to remove {}", folder);
   }
-  support::CleanupRegistry::add(folder);
+  cleanup.add(folder);
   if (::mkdir(folder.c_str(), 0700) != 0) {
     const int reason = errno;
-    support::CleanupRegistry::remove(folder);
-    failedToCreate(folder, reason);
+    cleanup.remove(folder);
+    return failedToCreate(folder, reason);
   }
 
   std::string unzip = buildenv::SUPTask::stdoutWithLaunchPath("/usr/bin/which", {"unzip"}).value_or("");
@@ -275,13 +284,11 @@ void processArchive(const std::string& path, const SYLUploadSettings& settings) 
   unzip.erase(std::find_if(unzip.rbegin(), unzip.rend(), notSpace).base(), unzip.end());
   if (unzip.empty()) {
     SYLLogError("Could not find \u2018unzip\u2018 command");
-    exitRun(kExitNoUnzip);
+    return kExitNoUnzip;
   }
 
   // unzip fills the fresh private folder made above (it would make a folder
   // of its own with the default mode, readable by everyone).
-  if (!settings.convertOnly) registerTemporaryFolder(folder);
-
   std::int32_t status = -1;
   std::string standardError;
   const bool launched = buildenv::SUPTask::launchWithPath(
@@ -294,11 +301,15 @@ void processArchive(const std::string& path, const SYLUploadSettings& settings) 
   if (!launched || status != 0) {
     const std::string detail = buildenv::SUPTask::isValidUTF8(standardError) ? ": " + standardError : "";
     SYLLogError("Failed to unzip archive at {}{}", path, detail);
-    exitRun(kExitUnzipFailed);
+    return kExitUnzipFailed;
   }
 
-  if (!expandDirectory(folder, settings)) SYLLogWarning("No dSYMs found in {}", path);
-  if (!settings.convertOnly) sharedOperationQueue()->addOperation(operations::SUPDeleteFileOperation::initWithPath(folder));
+  bool found = false;
+  if (int result = expandDirectory(folder, found); result != kExitSuccess) return result;
+  if (!found) SYLLogWarning("No dSYMs found in {}", path);
+  if (!settings_.convertOnly)
+    run_.queue()->addOperation(operations::SUPDeleteFileOperation::initWithPath(folder, cleanup));
+  return kExitSuccess;
 }
 
 }  // namespace symlift::cli

@@ -42,11 +42,6 @@ struct ParallelLoop {
 
 }  // namespace
 
-ThreadPool& ThreadPool::shared() {
-  static ThreadPool* pool = new ThreadPool();  // TEMPORARY, never destroyed
-  return *pool;
-}
-
 ThreadPool::ThreadPool(std::size_t maxThreads)
     : maxThreads_(maxThreads == 0 ? 1 : maxThreads), concurrentQueue_(std::make_unique<ConcurrentQueue>(*this)) {}
 

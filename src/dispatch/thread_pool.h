@@ -25,9 +25,6 @@ class ThreadPool {
  public:
   static constexpr std::size_t kDefaultMaxThreads = 128;
 
-  // TEMPORARY while the run context is being introduced.
-  static ThreadPool& shared();
-
   explicit ThreadPool(std::size_t maxThreads = kDefaultMaxThreads);
   ~ThreadPool();
   ThreadPool(const ThreadPool&) = delete;

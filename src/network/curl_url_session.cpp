@@ -323,7 +323,8 @@ void CurlURLSession::Core::run() {
   }
 }
 
-std::shared_ptr<CurlURLSession> CurlURLSession::create(const URLSessionConfiguration& configuration,
+std::shared_ptr<CurlURLSession> CurlURLSession::create(dispatch::ThreadPool& pool,
+                                                       const URLSessionConfiguration& configuration,
                                                        std::shared_ptr<dispatch::DispatchQueue> delegateQueue) {
   initialiseCurlOnce();
   auto core = std::make_shared<Core>();
@@ -332,52 +333,22 @@ std::shared_ptr<CurlURLSession> CurlURLSession::create(const URLSessionConfigura
   core->multi = curl_multi_init();
   if (!core->multi) return nullptr;
   std::shared_ptr<CurlURLSession> session(new CurlURLSession(core));
-  try {
-    std::lock_guard<std::mutex> guard(core->mutex);
-    session->thread_ = std::thread([core] {
-      core->run();
+  pool.submit([core] {
+    {
       std::lock_guard<std::mutex> guard(core->mutex);
-      core->finished = true;
-      core->stopped.notify_all();
-    });
-    core->threadId = session->thread_.get_id();
-  } catch (const std::system_error&) {
-    return nullptr;
-  }
+      core->threadId = std::this_thread::get_id();
+    }
+    core->run();
+    std::lock_guard<std::mutex> guard(core->mutex);
+    core->finished = true;
+    core->stopped.notify_all();
+  });
   return session;
 }
 
 CurlURLSession::CurlURLSession(std::shared_ptr<Core> core) : core_(std::move(core)) {}
 
-CurlURLSession::~CurlURLSession() {
-  finishTasksAndInvalidate();
-  stopThread();
-}
-
-void CurlURLSession::stopThread() {
-  if (!thread_.joinable()) return;
-  if (thread_.get_id() == std::this_thread::get_id()) {
-    // Released from one of its own completions: the thread cannot join
-    // itself, so a background worker joins it once its loop has ended.
-    // The holder joins whether the worker runs it or the pool drops it at
-    // exit, so the thread is never left joinable.
-    struct JoinOnRelease {
-      std::thread thread;
-      ~JoinOnRelease() {
-        if (!thread.joinable()) return;
-        if (thread.get_id() == std::this_thread::get_id())
-          thread.detach();  // the process is ending on this very thread
-        else
-          thread.join();
-      }
-    };
-    auto holder = std::make_shared<JoinOnRelease>();
-    holder->thread = std::move(thread_);
-    dispatch::ThreadPool::shared().concurrentQueue().async([holder]() mutable { holder.reset(); });
-    return;
-  }
-  thread_.join();
-}
+CurlURLSession::~CurlURLSession() { finishTasksAndInvalidate(); }
 
 bool CurlURLSession::startDataTask(const URLRequest& request, DataTaskCompletion completion) {
   auto transfer = std::make_unique<Transfer>();
@@ -403,8 +374,8 @@ void CurlURLSession::finishTasksAndInvalidate() {
   core_->invalidated = true;
   lock.unlock();
   core_->wake();
-  if (std::this_thread::get_id() == core_->threadId) return;
   lock.lock();
+  if (std::this_thread::get_id() == core_->threadId) return;  // the loop ends once this completion returns
   core_->stopped.wait(lock, [&] { return core_->finished; });
 }
 

@@ -1,5 +1,4 @@
 #include "network/network_client.h"
-#include "dispatch/thread_pool.h"
 
 #include <cmath>
 #include <cstdlib>
@@ -38,23 +37,28 @@ void deliverWithoutClient(const SUPKITNetworkClient::Response& response, std::op
 
 }  // namespace
 
-std::shared_ptr<SUPKITNetworkClient> SUPKITNetworkClient::create() { return createWithQueue(nullptr); }
+std::shared_ptr<SUPKITNetworkClient> SUPKITNetworkClient::create(dispatch::ThreadPool& pool) {
+  return createWithQueue(pool, nullptr);
+}
 
 std::shared_ptr<SUPKITNetworkClient> SUPKITNetworkClient::createWithQueue(
-    std::shared_ptr<dispatch::DispatchQueue> queue) {
-  return createWithSessionConfiguration(URLSessionConfiguration::defaultSessionConfiguration(), std::move(queue));
+    dispatch::ThreadPool& pool, std::shared_ptr<dispatch::DispatchQueue> queue) {
+  return createWithSessionConfiguration(pool, URLSessionConfiguration::defaultSessionConfiguration(),
+                                        std::move(queue));
 }
 
 std::shared_ptr<SUPKITNetworkClient> SUPKITNetworkClient::createWithSessionConfiguration(
-    const URLSessionConfiguration& configuration, std::shared_ptr<dispatch::DispatchQueue> queue) {
-  auto session = CurlURLSession::create(configuration, std::move(queue));
+    dispatch::ThreadPool& pool, const URLSessionConfiguration& configuration,
+    std::shared_ptr<dispatch::DispatchQueue> queue) {
+  auto session = CurlURLSession::create(pool, configuration, std::move(queue));
   if (!session) return nullptr;
-  return createWithSession(std::move(session));
+  return createWithSession(pool, std::move(session));
 }
 
-std::shared_ptr<SUPKITNetworkClient> SUPKITNetworkClient::createWithSession(std::shared_ptr<URLSession> session) {
+std::shared_ptr<SUPKITNetworkClient> SUPKITNetworkClient::createWithSession(dispatch::ThreadPool& pool,
+                                                                            std::shared_ptr<URLSession> session) {
   if (!session) return nullptr;
-  return std::shared_ptr<SUPKITNetworkClient>(new SUPKITNetworkClient(std::move(session)));
+  return std::shared_ptr<SUPKITNetworkClient>(new SUPKITNetworkClient(pool, std::move(session)));
 }
 
 SUPKITNetworkClient::~SUPKITNetworkClient() {
@@ -127,7 +131,7 @@ void SUPKITNetworkClient::runAfterRetryValueFromResponse(const Response& respons
                     std::move(block));
     return;
   }
-  runAfterRetryValueFromResponse(response, attempts, dispatch::ThreadPool::shared().concurrentQueue(), std::move(block));
+  runAfterRetryValueFromResponse(response, attempts, pool_.concurrentQueue(), std::move(block));
 }
 
 void SUPKITNetworkClient::handleResponse(Response response, std::optional<Data> data, support::ErrorPtr taskError,

@@ -13,6 +13,7 @@
 #include "network/url_request.h"
 #include "network/url_session.h"
 #include "dispatch/dispatch_queue.h"
+#include "dispatch/thread_pool.h"
 #include "support/error.h"
 
 namespace symlift::network {
@@ -26,13 +27,17 @@ class SUPKITNetworkClient : public std::enable_shared_from_this<SUPKITNetworkCli
   using DelayScheduler = std::function<void(std::chrono::nanoseconds delay, std::function<void()> block)>;
 
   // The session delivers completions on its own thread, or on the queue
-  // when one is given. Nothing when no session can be made.
-  static std::shared_ptr<SUPKITNetworkClient> create();
-  static std::shared_ptr<SUPKITNetworkClient> createWithQueue(std::shared_ptr<dispatch::DispatchQueue> queue);
+  // when one is given; the session and the retries' delays work on the
+  // pool, which outlives the client. Nothing when no session can be made.
+  static std::shared_ptr<SUPKITNetworkClient> create(dispatch::ThreadPool& pool);
+  static std::shared_ptr<SUPKITNetworkClient> createWithQueue(dispatch::ThreadPool& pool,
+                                                              std::shared_ptr<dispatch::DispatchQueue> queue);
   static std::shared_ptr<SUPKITNetworkClient> createWithSessionConfiguration(
-      const URLSessionConfiguration& configuration, std::shared_ptr<dispatch::DispatchQueue> queue);
+      dispatch::ThreadPool& pool, const URLSessionConfiguration& configuration,
+      std::shared_ptr<dispatch::DispatchQueue> queue);
   // Over a session of the caller's making.
-  static std::shared_ptr<SUPKITNetworkClient> createWithSession(std::shared_ptr<URLSession> session);
+  static std::shared_ptr<SUPKITNetworkClient> createWithSession(dispatch::ThreadPool& pool,
+                                                                std::shared_ptr<URLSession> session);
 
   // Lets outstanding transfers finish, then ends the session. A retry whose
   // delay runs out after this finds no session and ends with code -3.
@@ -55,8 +60,8 @@ class SUPKITNetworkClient : public std::enable_shared_from_this<SUPKITNetworkCli
 
   void runAfterRetryValueFromResponse(const Response& response, std::uint64_t attempts,
                                       dispatch::DispatchQueue& queue, std::function<void()> block);
-  // On the process-wide background queue, or through the delay scheduler
-  // when one has been set.
+  // On the pool's background queue, or through the delay scheduler when one
+  // has been set.
   void runAfterRetryValueFromResponse(const Response& response, std::uint64_t attempts, std::function<void()> block);
 
   void handleResponse(Response response, std::optional<Data> data, support::ErrorPtr taskError,
@@ -77,8 +82,10 @@ class SUPKITNetworkClient : public std::enable_shared_from_this<SUPKITNetworkCli
   const std::shared_ptr<URLSession>& session() const { return session_; }
 
  private:
-  explicit SUPKITNetworkClient(std::shared_ptr<URLSession> session) : session_(std::move(session)) {}
+  SUPKITNetworkClient(dispatch::ThreadPool& pool, std::shared_ptr<URLSession> session)
+      : pool_(pool), session_(std::move(session)) {}
 
+  dispatch::ThreadPool& pool_;
   std::shared_ptr<URLSession> session_;
   DelayScheduler delayScheduler_;
 };

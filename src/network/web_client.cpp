@@ -25,12 +25,12 @@ std::optional<std::string> urlPart(CURLU* url, CURLUPart part) {
 
 }  // namespace
 
-std::shared_ptr<SUPWebClient> SUPWebClient::initWithURL(std::string url) {
-  return std::shared_ptr<SUPWebClient>(new SUPWebClient(std::move(url)));
+std::shared_ptr<SUPWebClient> SUPWebClient::initWithURL(dispatch::ThreadPool& pool, std::string url) {
+  return std::shared_ptr<SUPWebClient>(new SUPWebClient(pool, std::move(url)));
 }
 
-SUPWebClient::SUPWebClient(std::string url)
-    : url_(std::move(url)), queue_(dispatch::SerialDispatchQueue::create(dispatch::ThreadPool::shared(), "com.vantrel.rest-client")) {
+SUPWebClient::SUPWebClient(dispatch::ThreadPool& pool, std::string url)
+    : url_(std::move(url)), queue_(dispatch::SerialDispatchQueue::create(pool, "com.vantrel.rest-client")) {
   // The JSON reader is always built in.
   customHeaders_.setValue("application/json, application/x-plist", "Accept");
 }
@@ -65,7 +65,7 @@ std::shared_ptr<SUPWebClientTransaction> SUPWebClient::prepareTransaction(
     const std::shared_ptr<SUPWebRequest>& request) {
   if (!request->URL) request->URL = resolveURL(url_, request->path).value_or(url_ + request->path);
   request->addHeaders(customHeaders_);
-  auto transaction = SUPWebClientTransaction::transactionWithRequest(request);
+  auto transaction = SUPWebClientTransaction::transactionWithRequest(queue_->pool(), request);
   connections_.insert(transaction);
   return transaction;
 }
@@ -78,14 +78,13 @@ void SUPWebClient::start(std::shared_ptr<SUPWebRequest> request, std::optional<u
     std::weak_ptr<SUPWebClientTransaction> weakTransaction = transaction;
     transaction->startWithCompletionHandler(
         [self, weakTransaction, expectedStatus, completion](const std::shared_ptr<SUPWebResponse>& response) {
-          dispatch::ThreadPool::shared().concurrentQueue().async([self, weakTransaction, expectedStatus, completion, response] {
+          self->queue_->pool().submit([self, weakTransaction, expectedStatus, completion, response] {
             applyExpectedStatus(*response, expectedStatus);
             if (completion) completion(response);
             self->queue_->async([self, weakTransaction] {
               auto transaction = weakTransaction.lock();
               if (!transaction) return;
               self->connections_.erase(transaction);
-              transaction->joinTransferThread();
             });
           });
         });

@@ -24,7 +24,7 @@ class SUPWebClient : public std::enable_shared_from_this<SUPWebClient> {
  public:
   using Completion = std::function<void(const std::shared_ptr<SUPWebResponse>& response)>;
 
-  static std::shared_ptr<SUPWebClient> initWithURL(std::string url);
+  static std::shared_ptr<SUPWebClient> initWithURL(dispatch::ThreadPool& pool, std::string url);
   SUPWebClient(const SUPWebClient&) = delete;
   SUPWebClient& operator=(const SUPWebClient&) = delete;
 
@@ -58,7 +58,7 @@ class SUPWebClient : public std::enable_shared_from_this<SUPWebClient> {
   static std::optional<std::string> resolveURL(const std::string& base, const std::string& path);
 
  private:
-  explicit SUPWebClient(std::string url);
+  SUPWebClient(dispatch::ThreadPool& pool, std::string url);
   void start(std::shared_ptr<SUPWebRequest> request, std::optional<unsigned long> expectedStatus,
              Completion completion);
   void syncStart(std::shared_ptr<SUPWebRequest> request, std::optional<unsigned long> expectedStatus,

@@ -192,61 +192,22 @@ struct SUPWebClientTransaction::Transfer {
 };
 
 std::shared_ptr<SUPWebClientTransaction> SUPWebClientTransaction::transactionWithRequest(
-    std::shared_ptr<SUPWebRequest> request) {
-  return std::shared_ptr<SUPWebClientTransaction>(new SUPWebClientTransaction(std::move(request)));
+    dispatch::ThreadPool& pool, std::shared_ptr<SUPWebRequest> request) {
+  return std::shared_ptr<SUPWebClientTransaction>(new SUPWebClientTransaction(pool, std::move(request)));
 }
 
-SUPWebClientTransaction::SUPWebClientTransaction(std::shared_ptr<SUPWebRequest> request)
+SUPWebClientTransaction::SUPWebClientTransaction(dispatch::ThreadPool& pool, std::shared_ptr<SUPWebRequest> request)
     : request_(std::move(request)),
       response_(std::make_shared<SUPWebResponse>()),
-      queue_(dispatch::SerialDispatchQueue::create(dispatch::ThreadPool::shared(), "com.vantrel.web-transaction")) {}
-
-SUPWebClientTransaction::~SUPWebClientTransaction() {
-  std::lock_guard<std::mutex> guard(threadMutex_);
-  if (!transferThread_.joinable()) return;
-  if (transferThread_.get_id() == std::this_thread::get_id()) {
-    // Released by its own transfer thread, which cannot join itself: a
-    // background worker joins it once it has returned.
-    auto thread = std::make_shared<std::thread>(std::move(transferThread_));
-    dispatch::ThreadPool::shared().concurrentQueue().async([thread] { thread->join(); });
-    return;
-  }
-  transferThread_.join();
-}
-
-void SUPWebClientTransaction::releaseOwnThread() {
-  // The transfer is over and its completion delivered: nothing needs to wait
-  // for this thread any more. Detached, it cannot outlive the process as a
-  // thread nobody joined when the process ends before the client's clean-up
-  // (which joins it) got its turn.
-  std::lock_guard<std::mutex> guard(threadMutex_);
-  if (transferThread_.joinable() && transferThread_.get_id() == std::this_thread::get_id()) transferThread_.detach();
-}
-
-void SUPWebClientTransaction::joinTransferThread() {
-  std::thread thread;
-  {
-    std::lock_guard<std::mutex> guard(threadMutex_);
-    if (!transferThread_.joinable() || transferThread_.get_id() == std::this_thread::get_id()) return;
-    thread = std::move(transferThread_);
-  }
-  thread.join();
-}
+      queue_(dispatch::SerialDispatchQueue::create(pool, "com.vantrel.web-transaction")) {}
 
 void SUPWebClientTransaction::startWithCompletionHandler(CompletionHandler completionHandler) {
   auto self = shared_from_this();
   queue_->async([self, completionHandler = std::move(completionHandler)]() mutable {
     self->completionHandler_ = std::move(completionHandler);
     self->response_->requestURL = self->request_->fullURL();
-    std::lock_guard<std::mutex> guard(self->threadMutex_);
-    try {
-      self->transferThread_ = std::thread([self] {
-        self->perform(true);
-        self->releaseOwnThread();
-      });
-    } catch (const std::system_error&) {
-      self->didFail(missingError());
-    }
+    // The transfer blocks for as long as it takes; the pool grows for it.
+    self->queue_->pool().submit([self] { self->perform(true); });
   });
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 // One request of the web client, from start to its decoded response. The
-// transfer runs on its own thread (or, for the blocking start, on the
-// caller's); every step that touches the transaction's state runs on the
+// transfer runs as a task on the run's pool (or, for the blocking start, on
+// the caller's thread); every step that touches the transaction's state runs on the
 // transaction's serial queue, in the order: response head, data, failure or
 // finish, completion.
 
@@ -10,7 +10,6 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 
 #include "network/web_request.h"
 #include "network/web_response.h"
@@ -22,18 +21,16 @@ class SUPWebClientTransaction : public std::enable_shared_from_this<SUPWebClient
  public:
   using CompletionHandler = std::function<void(const std::shared_ptr<SUPWebResponse>& response)>;
 
-  static std::shared_ptr<SUPWebClientTransaction> transactionWithRequest(std::shared_ptr<SUPWebRequest> request);
-  ~SUPWebClientTransaction();
+  static std::shared_ptr<SUPWebClientTransaction> transactionWithRequest(dispatch::ThreadPool& pool,
+                                                                         std::shared_ptr<SUPWebRequest> request);
   SUPWebClientTransaction(const SUPWebClientTransaction&) = delete;
   SUPWebClientTransaction& operator=(const SUPWebClientTransaction&) = delete;
 
-  // Starts the transfer on a thread of its own; the handler is called once,
-  // on the transaction queue.
+  // Starts the transfer on the pool; the handler is called once, on the
+  // transaction queue.
   void startWithCompletionHandler(CompletionHandler completionHandler);
   // One blocking transfer; the handler is called before this returns.
   void syncStartWithCompletionHandler(CompletionHandler completionHandler);
-  // Waits until the transfer thread has ended (a no-op on that thread).
-  void joinTransferThread();
 
   const std::shared_ptr<SUPWebRequest>& request() const { return request_; }
   const std::shared_ptr<SUPWebResponse>& response() const { return response_; }
@@ -45,7 +42,7 @@ class SUPWebClientTransaction : public std::enable_shared_from_this<SUPWebClient
   struct Transfer;
 
  private:
-  explicit SUPWebClientTransaction(std::shared_ptr<SUPWebRequest> request);
+  SUPWebClientTransaction(dispatch::ThreadPool& pool, std::shared_ptr<SUPWebRequest> request);
 
   // The steps, each run on the transaction queue.
   void didReceiveResponse(long statusCode, const HTTPHeaders& headers);
@@ -55,8 +52,6 @@ class SUPWebClientTransaction : public std::enable_shared_from_this<SUPWebClient
   void complete();
 
   void perform(bool asynchronous);
-  // Called last on the transfer thread: detaches it.
-  void releaseOwnThread();
   bool askProtectionSpaceHandler(const SUPServerTrust& trust);
 
   std::shared_ptr<SUPWebRequest> request_;
@@ -64,9 +59,6 @@ class SUPWebClientTransaction : public std::enable_shared_from_this<SUPWebClient
   std::optional<std::string> contentType_;
   std::shared_ptr<dispatch::SerialDispatchQueue> queue_;
   CompletionHandler completionHandler_;
-
-  std::mutex threadMutex_;  // guards transferThread_ between start, join and destruction
-  std::thread transferThread_;
 };
 
 }  // namespace symlift::network

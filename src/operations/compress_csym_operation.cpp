@@ -6,8 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 
 #include "support/unique_strings.h"
 #include "console/console_log.h"
@@ -16,6 +14,7 @@
 #include "operations/parallel_gzip.h"
 #include "operations/pipeline_errors.h"
 #include "support/cleanup_registry.h"
+#include "support/files.h"
 #include "symbols/csym_generator.h"
 
 namespace symlift::operations {
@@ -23,53 +22,20 @@ namespace symlift::operations {
 using console::SYLLogDebug;
 using console::SYLLogError;
 
-namespace {
 
-std::optional<std::vector<std::uint8_t>> readWholeFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return std::nullopt;
-  std::vector<std::uint8_t> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-  if (in.bad()) return std::nullopt;
-  return bytes;
-}
-
-// The temporary directory is shared with other users on many systems: never
-// follow a link someone placed at our name, never reuse an existing file.
-int openNewFile(const std::string& path) {
-  support::CleanupRegistry::add(path);  // before it exists: an interrupted run removes it
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-  if (fd < 0) {
-    const int savedErrno = errno;
-    support::CleanupRegistry::remove(path);
-    errno = savedErrno;
-  }
-  return fd;
-}
-
-bool writeAll(int fd, const std::vector<std::uint8_t>& bytes) {
-  std::size_t written = 0;
-  while (written < bytes.size()) {
-    const ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
-    if (n < 0 && errno == EINTR) continue;
-    if (n == 0) errno = ENOSPC;
-    if (n <= 0) return false;
-    written += static_cast<std::size_t>(n);
-  }
-  return true;
-}
-
-}  // namespace
-
-SUPCompressCSYMOperation::SUPCompressCSYMOperation(std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
+SUPCompressCSYMOperation::SUPCompressCSYMOperation(const PipelineContext& context,
+                                               std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
                                                    std::weak_ptr<network::SUPKITNetworkClient> networkClient)
     : dispatch::SUPKITAsyncOperation("SUPCompressCSYMOperation"),
+      context_(context),
       codeMappingInfo_(std::move(codeMappingInfo)),
       networkClient_(std::move(networkClient)) {}
 
 std::shared_ptr<SUPCompressCSYMOperation> SUPCompressCSYMOperation::initWithCodeMappingInfo(
+    const PipelineContext& context,
     std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
     std::weak_ptr<network::SUPKITNetworkClient> networkClient) {
-  return std::make_shared<SUPCompressCSYMOperation>(std::move(codeMappingInfo), std::move(networkClient));
+  return std::make_shared<SUPCompressCSYMOperation>(context, std::move(codeMappingInfo), std::move(networkClient));
 }
 
 void SUPCompressCSYMOperation::main() {
@@ -111,14 +77,14 @@ bool SUPCompressCSYMOperation::gzipCSYMAtPath(const std::string& path, const std
   // The stream made while the generator went on to the next slice, when the
   // file is still the one it wrote; otherwise the file is read and gzipped
   // here. An unreadable source is written as an empty stream, not as a failure.
-  std::optional<std::vector<std::uint8_t>> stream = CompressedCSYMCache::shared().take(path);
+  std::optional<std::vector<std::uint8_t>> stream = context_.compressedCSYMs.take(path);
   if (!stream) {
-    std::vector<std::uint8_t> source = readWholeFile(path).value_or(std::vector<std::uint8_t>{});
-    stream = gzipInChunks(source);
+    const std::string source = support::readWholeFile(path).value_or(std::string());
+    stream = gzipInChunks(context_.pool, std::span(reinterpret_cast<const std::uint8_t*>(source.data()), source.size()));
   }
   bool writeFailed = !stream;
   int writeErrno = 0;
-  const int fd = writeFailed ? -1 : openNewFile(location);
+  const int fd = writeFailed ? -1 : support::createPrivateFile(location, &context_.cleanup);
   if (writeFailed) {
     // zlib could not compress: nothing is written.
   } else if (fd < 0) {
@@ -126,7 +92,7 @@ bool SUPCompressCSYMOperation::gzipCSYMAtPath(const std::string& path, const std
     writeFailed = true;
     writeErrno = errno;
   } else {
-    if (!writeAll(fd, *stream)) {
+    if (!support::writeAll(fd, std::span<const std::uint8_t>(*stream))) {
       writeFailed = true;
       writeErrno = errno;
     }
@@ -153,7 +119,7 @@ bool SUPCompressCSYMOperation::gzipCSYMAtPath(const std::string& path, const std
 void SUPCompressCSYMOperation::scheduleDeletionOfFileAtPath(const std::string& path) {
   auto queue = operationQueue_.lock();
   if (!queue) return;
-  auto deletion = SUPDeleteFileOperation::initWithPath(path);
+  auto deletion = SUPDeleteFileOperation::initWithPath(path, context_.cleanup);
   deletion->addDependency(shared_from_this());
   queue->addOperation(deletion);
 }

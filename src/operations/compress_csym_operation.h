@@ -13,14 +13,16 @@
 #include "network/network_client.h"
 #include "dispatch/async_operation.h"
 #include "dispatch/operation_queue.h"
+#include "operations/pipeline_context.h"
 
 namespace symlift::operations {
 
 class SUPCompressCSYMOperation : public dispatch::SUPKITAsyncOperation {
  public:
-  SUPCompressCSYMOperation(std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
+  SUPCompressCSYMOperation(const PipelineContext& context, std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
                            std::weak_ptr<network::SUPKITNetworkClient> networkClient);
   static std::shared_ptr<SUPCompressCSYMOperation> initWithCodeMappingInfo(
+      const PipelineContext& context,
       std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
       std::weak_ptr<network::SUPKITNetworkClient> networkClient);
 
@@ -40,6 +42,7 @@ class SUPCompressCSYMOperation : public dispatch::SUPKITAsyncOperation {
   std::shared_ptr<network::SUPKITNetworkClient> networkClient() const { return networkClient_.lock(); }
 
  private:
+  PipelineContext context_;
   void scheduleDeletionOfFileAtPath(const std::string& path);
 
   std::weak_ptr<dispatch::OperationQueue> operationQueue_;

@@ -9,11 +9,9 @@
 
 namespace symlift::operations {
 
-CompressedCSYMCache& CompressedCSYMCache::shared() {
-  // Never destroyed: a compression still running when the process exits
-  // must not find its cache gone.
-  static auto* cache = new CompressedCSYMCache;
-  return *cache;
+CompressedCSYMCache::~CompressedCSYMCache() {
+  for (auto& [path, entry] : entries_)
+    if (entry.stream.valid()) entry.stream.wait();
 }
 
 std::optional<CompressedCSYMCache::Identity> CompressedCSYMCache::identityOf(const std::string& path) {
@@ -34,18 +32,16 @@ std::optional<CompressedCSYMCache::Identity> CompressedCSYMCache::identityOf(con
 void CompressedCSYMCache::compressInBackground(const std::string& path, std::string text) {
   std::optional<Identity> identity = identityOf(path);
   if (!identity || static_cast<std::uint64_t>(identity->size) != text.size()) return;
-  std::future<std::optional<Bytes>> stream;
-  try {
-    stream = std::async(std::launch::async, [text = std::move(text)]() mutable -> std::optional<Bytes> {
-      // The text goes as soon as its stream exists, not with the future.
-      const std::string mine = std::move(text);
-      return gzipInChunks(std::span(reinterpret_cast<const std::uint8_t*>(mine.data()), mine.size()));
-    });
-  } catch (const std::system_error&) {
-    return;  // no thread to spare: the compress step does the work itself
+  auto promise = std::make_shared<std::promise<std::optional<Bytes>>>();
+  {
+    std::lock_guard lock(mutex_);
+    entries_[path] = Entry{*identity, promise->get_future()};
   }
-  std::lock_guard lock(mutex_);
-  entries_[path] = Entry{*identity, std::move(stream)};
+  pool_.submit([this, promise, text = std::move(text)]() mutable {
+    // The text goes as soon as its stream exists, not with the task.
+    const std::string mine = std::move(text);
+    promise->set_value(gzipInChunks(pool_, std::span(reinterpret_cast<const std::uint8_t*>(mine.data()), mine.size())));
+  });
 }
 
 std::optional<CompressedCSYMCache::Bytes> CompressedCSYMCache::take(const std::string& path) {

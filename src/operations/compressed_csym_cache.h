@@ -15,13 +15,18 @@
 #include <string>
 #include <vector>
 
+#include "dispatch/thread_pool.h"
+
 namespace symlift::operations {
 
 class CompressedCSYMCache {
  public:
   using Bytes = std::vector<std::uint8_t>;
 
-  static CompressedCSYMCache& shared();
+  // Compresses on the pool, which outlives the cache.
+  explicit CompressedCSYMCache(dispatch::ThreadPool& pool) : pool_(pool) {}
+  // Waits for compressions still under way.
+  ~CompressedCSYMCache();
 
   // Starts gzipping text, the whole contents of the file just written at path.
   void compressInBackground(const std::string& path, std::string text);
@@ -49,6 +54,7 @@ class CompressedCSYMCache {
 
   static std::optional<Identity> identityOf(const std::string& path);
 
+  dispatch::ThreadPool& pool_;
   mutable std::mutex mutex_;
   std::map<std::string, Entry> entries_;
 };

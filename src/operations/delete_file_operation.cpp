@@ -21,7 +21,7 @@ void SUPDeleteFileOperation::deleteFile() {
   }
   std::filesystem::remove_all(path_, error);
   if (!error) {
-    support::CleanupRegistry::remove(path_);
+    cleanup_.remove(path_);
     SYLLogDebug("Deleted file at path {}", path_);
   } else {
     SYLLogWarning("Unable to remove file at {} due to error {}", path_, error.message());

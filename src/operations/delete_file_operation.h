@@ -5,14 +5,18 @@
 #include <string>
 
 #include "dispatch/operation.h"
+#include "support/cleanup_registry.h"
 
 namespace symlift::operations {
 
 class SUPDeleteFileOperation : public dispatch::Operation {
  public:
-  explicit SUPDeleteFileOperation(std::string path) : path_(std::move(path)) {}
-  static std::shared_ptr<SUPDeleteFileOperation> initWithPath(const std::string& path) {
-    return std::make_shared<SUPDeleteFileOperation>(path);
+  // A path removed is forgotten by the registry.
+  SUPDeleteFileOperation(std::string path, support::CleanupRegistry& cleanup)
+      : path_(std::move(path)), cleanup_(cleanup) {}
+  static std::shared_ptr<SUPDeleteFileOperation> initWithPath(const std::string& path,
+                                                              support::CleanupRegistry& cleanup) {
+    return std::make_shared<SUPDeleteFileOperation>(path, cleanup);
   }
 
   void main() override { deleteFile(); }
@@ -21,6 +25,7 @@ class SUPDeleteFileOperation : public dispatch::Operation {
 
  private:
   const std::string path_;
+  support::CleanupRegistry& cleanup_;
 };
 
 }  // namespace symlift::operations

@@ -22,17 +22,20 @@ void enumerateSlices(const dsym::SUPCodeMappingInfoContainer& info,
 }
 }  // namespace
 
-SUPGenerateCSYMOperation::SUPGenerateCSYMOperation(std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
+SUPGenerateCSYMOperation::SUPGenerateCSYMOperation(const PipelineContext& context,
+                                               std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
                                                    std::weak_ptr<network::SUPKITNetworkClient> networkClient)
     : dispatch::SUPKITAsyncOperation("SUPGenerateCSYMOperation"),
+      context_(context),
       codeMappingInfo_(std::move(codeMappingInfo)),
-      xpcReplyQueue_(dispatch::SerialDispatchQueue::create(dispatch::ThreadPool::shared(), "csymgenerator reply queue")),
+      xpcReplyQueue_(dispatch::SerialDispatchQueue::create(context.pool, "csymgenerator reply queue")),
       networkClient_(std::move(networkClient)) {}
 
 std::shared_ptr<SUPGenerateCSYMOperation> SUPGenerateCSYMOperation::initWithCodeMappingInfo(
+    const PipelineContext& context,
     std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
     std::weak_ptr<network::SUPKITNetworkClient> networkClient) {
-  return std::make_shared<SUPGenerateCSYMOperation>(std::move(codeMappingInfo), std::move(networkClient));
+  return std::make_shared<SUPGenerateCSYMOperation>(context, std::move(codeMappingInfo), std::move(networkClient));
 }
 
 void SUPGenerateCSYMOperation::main() { generateCSYMs(codeMappingInfo_->maxCoreSymbolicationVersion()); }
@@ -43,13 +46,14 @@ void SUPGenerateCSYMOperation::generateCSYMs(float maxCoreSymbolicationVersion) 
   // The long part of the run: every slice is read and written here. Each
   // file is gzipped on the other cores while the next slice is read; the
   // compress step picks the stream up.
-  CompressedCSYMCache& cache = CompressedCSYMCache::shared();
+  CompressedCSYMCache& cache = context_.compressedCSYMs;
   std::vector<std::string> written;
   ArchitecturesByUUID result = symbols::CSYMGenerator::generateCSYMsFromDSYMAtPath(
       path, maxCoreSymbolicationVersion, [&](const std::string& csymPath, std::string&& contents) {
         written.push_back(csymPath);
         cache.compressInBackground(csymPath, std::move(contents));
-      });
+      },
+      &context_.cleanup);
   ArchitecturesByUUID missing = checkForMissingCSYMsInResult(result);
   if (!missing.empty()) {
     // No compress step follows: nobody will ask for these streams.

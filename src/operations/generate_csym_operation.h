@@ -11,6 +11,7 @@
 #include "network/network_client.h"
 #include "dispatch/async_operation.h"
 #include "dispatch/dispatch_queue.h"
+#include "operations/pipeline_context.h"
 
 namespace symlift::operations {
 
@@ -18,9 +19,10 @@ class SUPGenerateCSYMOperation : public dispatch::SUPKITAsyncOperation {
  public:
   using ArchitecturesByUUID = std::map<std::string, std::string>;
 
-  SUPGenerateCSYMOperation(std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
+  SUPGenerateCSYMOperation(const PipelineContext& context, std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
                            std::weak_ptr<network::SUPKITNetworkClient> networkClient);
   static std::shared_ptr<SUPGenerateCSYMOperation> initWithCodeMappingInfo(
+      const PipelineContext& context,
       std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
       std::weak_ptr<network::SUPKITNetworkClient> networkClient);
 
@@ -44,6 +46,7 @@ class SUPGenerateCSYMOperation : public dispatch::SUPKITAsyncOperation {
   std::shared_ptr<network::SUPKITNetworkClient> networkClient() const { return networkClient_.lock(); }
 
  private:
+  PipelineContext context_;
   std::vector<std::shared_ptr<dsym::SUPCodeMappingInfoContainer>> cSYMInfoContainers_;
   std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo_;
   std::shared_ptr<dispatch::SerialDispatchQueue> xpcReplyQueue_;

@@ -1,15 +1,10 @@
 #include "operations/parallel_gzip.h"
 
-#include <unistd.h>
 #include <zlib.h>
 
 #include <algorithm>
-#include <atomic>
-#include <cerrno>
 #include <climits>
 #include <memory>
-#include <system_error>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -118,40 +113,10 @@ void appendLittleEndian32(std::vector<std::uint8_t>& out, std::uint32_t value) {
   for (int i = 0; i < 4; ++i) out.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
 }
 
-bool writeAll(int fd, std::span<const std::uint8_t> bytes) {
-  while (!bytes.empty()) {
-    const std::size_t n = std::min<std::size_t>(bytes.size(), kMaxZlibCount);
-    const ssize_t written = ::write(fd, bytes.data(), n);
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return false;
-    bytes = bytes.subspan(static_cast<std::size_t>(written));
-  }
-  return true;
-}
-
-bool writeWithZlibGzip(int fd, std::span<const std::uint8_t> data) {
-  gzFile file = gzdopen(fd, "w");
-  if (!file) {
-    ::close(fd);
-    return false;
-  }
-  bool ok = true;
-  // gzwrite takes an unsigned count; write large inputs in pieces.
-  while (!data.empty()) {
-    const std::size_t n = std::min(data.size(), kMaxZlibCount);
-    if (gzwrite(file, data.data(), static_cast<unsigned>(n)) != static_cast<int>(n)) {
-      ok = false;
-      break;
-    }
-    data = data.subspan(n);
-  }
-  if (gzclose(file) != Z_OK) ok = false;
-  return ok;
-}
-
 }  // namespace
 
-std::optional<std::vector<std::uint8_t>> gzipInChunks(std::span<const std::uint8_t> data, const GzipOptions& options) {
+std::optional<std::vector<std::uint8_t>> gzipInChunks(dispatch::ThreadPool& pool, std::span<const std::uint8_t> data,
+                                                      const GzipOptions& options) {
   const std::size_t chunkSize = std::max<std::size_t>(options.chunkSize, 1);
   const std::size_t chunkCount = std::max<std::size_t>((data.size() + chunkSize - 1) / chunkSize, 1);
   std::vector<Chunk> chunks(chunkCount);
@@ -164,24 +129,7 @@ std::optional<std::vector<std::uint8_t>> gzipInChunks(std::span<const std::uint8
     chunks[i].last = i + 1 == chunkCount;
   }
 
-  unsigned threads = options.maxThreads ? options.maxThreads : std::max(1u, std::thread::hardware_concurrency());
-  threads = static_cast<unsigned>(std::min<std::size_t>(threads, chunkCount));
-  std::atomic<std::size_t> next{0};
-  auto work = [&chunks, &next] {
-    for (std::size_t i; (i = next.fetch_add(1)) < chunks.size();) deflateChunk(chunks[i]);
-  };
-  {
-    std::vector<std::jthread> workers;
-    for (unsigned t = 1; t < threads; ++t) {
-      // Out of threads: the chunks left over are deflated on this one.
-      try {
-        workers.emplace_back(work);
-      } catch (const std::system_error&) {
-        break;
-      }
-    }
-    work();
-  }  // the workers are joined here
+  pool.parallelFor(chunkCount, [&chunks](std::size_t i) { deflateChunk(chunks[i]); }, options.maxThreads);
 
   // Header: deflate, no flags, no time stamp, no extra flags, OS Unix —
   // the header zlib's own gzip writer produces.
@@ -201,14 +149,6 @@ std::optional<std::vector<std::uint8_t>> gzipInChunks(std::span<const std::uint8
   appendLittleEndian32(out, static_cast<std::uint32_t>(crc));
   appendLittleEndian32(out, static_cast<std::uint32_t>(data.size() & 0xffffffffu));
   return out;
-}
-
-bool writeGzipToDescriptor(int fd, std::span<const std::uint8_t> data, const GzipOptions& options) {
-  if (data.size() < options.parallelThreshold) return writeWithZlibGzip(fd, data);
-  auto bytes = gzipInChunks(data, options);
-  bool ok = bytes && writeAll(fd, *bytes);
-  if (::close(fd) != 0) ok = false;
-  return ok;
 }
 
 }  // namespace symlift::operations

@@ -12,15 +12,17 @@ namespace symlift::operations {
 
 using console::SYLLogDebug;
 
-SUPProcessDSYMOperation::SUPProcessDSYMOperation()
-    : dispatch::SUPKITAsyncOperation("SUPProcessDSYMOperation"), operationQueue_(dispatch::OperationQueue::create(dispatch::ThreadPool::shared(), "SUPProcessDSYMOperation")) {
+SUPProcessDSYMOperation::SUPProcessDSYMOperation(const PipelineContext& context)
+    : dispatch::SUPKITAsyncOperation("SUPProcessDSYMOperation"),
+      context_(context),
+      operationQueue_(dispatch::OperationQueue::create(context.pool, "SUPProcessDSYMOperation")) {
   operationQueue_->setMaxConcurrentOperationCount(1);
 }
 
 std::shared_ptr<SUPProcessDSYMOperation> SUPProcessDSYMOperation::initWithCodeMappingInfo(
-    const std::shared_ptr<dsym::SUPCodeMappingInfoContainer>& codeMappingInfo,
+    const PipelineContext& context, const std::shared_ptr<dsym::SUPCodeMappingInfoContainer>& codeMappingInfo,
     const std::shared_ptr<network::SUPKITNetworkClient>& networkClient) {
-  auto operation = std::make_shared<SUPProcessDSYMOperation>();
+  auto operation = std::make_shared<SUPProcessDSYMOperation>(context);
   operation->setCodeMappingInfo(codeMappingInfo);
   operation->setNetworkClient(networkClient);
   operation->processDSYMAttributes_[kProcessDSYMAttributeSubmissionTool] = "symlift";
@@ -88,7 +90,7 @@ void SUPProcessDSYMOperation::submitCodeMappingsFromDSYM(const std::shared_ptr<d
 
 void SUPProcessDSYMOperation::enqueueSubmitCSYMOperationWithDSYM(const std::shared_ptr<dsym::SUPDSYMFile>&,
                                                                  Completion completion) {
-  auto submitAll = SUPSubmitAllCSYMsOperation::initWithCodeMappingInfo(codeMappingInfo_.lock(), networkClient_);
+  auto submitAll = SUPSubmitAllCSYMsOperation::initWithCodeMappingInfo(context_, codeMappingInfo_.lock(), networkClient_);
   std::weak_ptr<SUPProcessDSYMOperation> weakSelf =
       std::static_pointer_cast<SUPProcessDSYMOperation>(shared_from_this());
   submitAll->setAsyncCompletion([weakSelf, completion](const support::ErrorPtr& error) {

@@ -11,6 +11,7 @@
 #include "network/network_client.h"
 #include "dispatch/async_operation.h"
 #include "dispatch/operation_queue.h"
+#include "operations/pipeline_context.h"
 
 namespace symlift::operations {
 
@@ -23,8 +24,9 @@ class SUPProcessDSYMOperation : public dispatch::SUPKITAsyncOperation {
  public:
   using Completion = std::function<void(const support::ErrorPtr& error)>;
 
-  SUPProcessDSYMOperation();
+  explicit SUPProcessDSYMOperation(const PipelineContext& context);
   static std::shared_ptr<SUPProcessDSYMOperation> initWithCodeMappingInfo(
+      const PipelineContext& context,
       const std::shared_ptr<dsym::SUPCodeMappingInfoContainer>& codeMappingInfo,
       const std::shared_ptr<network::SUPKITNetworkClient>& networkClient);
 
@@ -45,6 +47,7 @@ class SUPProcessDSYMOperation : public dispatch::SUPKITAsyncOperation {
   const std::shared_ptr<dispatch::OperationQueue>& operationQueue() const { return operationQueue_; }
 
  private:
+  PipelineContext context_;
   std::string dSYMPath() const;
   void finishWithReason(std::int64_t code, std::string reason);
 

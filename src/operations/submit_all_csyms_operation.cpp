@@ -8,19 +8,20 @@
 namespace symlift::operations {
 
 SUPSubmitAllCSYMsOperation::SUPSubmitAllCSYMsOperation(
-    std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
+    const PipelineContext& context, std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
     std::weak_ptr<network::SUPKITNetworkClient> networkClient)
     : dispatch::SUPKITAsyncOperation("SUPSubmitAllCSYMsOperation"),
-      privateQueue_(dispatch::OperationQueue::create(dispatch::ThreadPool::shared(), "SUPSubmitAllCSYMsOperation")),
+      context_(context),
+      privateQueue_(dispatch::OperationQueue::create(context.pool, "SUPSubmitAllCSYMsOperation")),
       networkClient_(std::move(networkClient)),
       codeMappingInfo_(std::move(codeMappingInfo)) {
   privateQueue_->setMaxConcurrentOperationCount(1);
 }
 
 std::shared_ptr<SUPSubmitAllCSYMsOperation> SUPSubmitAllCSYMsOperation::initWithCodeMappingInfo(
-    std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
+    const PipelineContext& context, std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
     std::weak_ptr<network::SUPKITNetworkClient> networkClient) {
-  return std::make_shared<SUPSubmitAllCSYMsOperation>(std::move(codeMappingInfo), std::move(networkClient));
+  return std::make_shared<SUPSubmitAllCSYMsOperation>(context, std::move(codeMappingInfo), std::move(networkClient));
 }
 
 std::shared_ptr<SUPSubmitAllCSYMsOperation> SUPSubmitAllCSYMsOperation::self() {
@@ -30,7 +31,7 @@ std::shared_ptr<SUPSubmitAllCSYMsOperation> SUPSubmitAllCSYMsOperation::self() {
 void SUPSubmitAllCSYMsOperation::main() { enqueueGenerateCSYMsOperation(); }
 
 void SUPSubmitAllCSYMsOperation::enqueueGenerateCSYMsOperation() {
-  auto generate = SUPGenerateCSYMOperation::initWithCodeMappingInfo(codeMappingInfo_, networkClient_);
+  auto generate = SUPGenerateCSYMOperation::initWithCodeMappingInfo(context_, codeMappingInfo_, networkClient_);
   std::weak_ptr<SUPGenerateCSYMOperation> weakGenerate = generate;
   std::weak_ptr<SUPSubmitAllCSYMsOperation> weakSelf = self();
   generate->setAsyncCompletion([weakSelf, weakGenerate](const support::ErrorPtr& error) {
@@ -49,10 +50,10 @@ void SUPSubmitAllCSYMsOperation::enqueueGenerateCSYMsOperation() {
 
 void SUPSubmitAllCSYMsOperation::enqueueSubmitCSYMOperations(
     const std::vector<std::shared_ptr<dsym::SUPCodeMappingInfoContainer>>& containers) {
-  auto compound = std::make_shared<dispatch::SUPCompoundOperation>(dispatch::ThreadPool::shared());
+  auto compound = std::make_shared<dispatch::SUPCompoundOperation>(context_.pool);
   std::vector<std::shared_ptr<dispatch::SUPKITAsyncOperation>> submissions;
   for (const auto& container : containers)
-    submissions.push_back(SUPSubmitCSYMOperation::initWithCSYMInfo(container, networkClient_));
+    submissions.push_back(SUPSubmitCSYMOperation::initWithCSYMInfo(context_, container, networkClient_));
   compound->setOperations(std::move(submissions));
   std::weak_ptr<SUPSubmitAllCSYMsOperation> weakSelf = self();
   compound->setAsyncCompletion([weakSelf](const support::ErrorPtr& error) {

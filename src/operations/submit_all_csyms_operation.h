@@ -9,14 +9,16 @@
 #include "network/network_client.h"
 #include "dispatch/async_operation.h"
 #include "dispatch/operation_queue.h"
+#include "operations/pipeline_context.h"
 
 namespace symlift::operations {
 
 class SUPSubmitAllCSYMsOperation : public dispatch::SUPKITAsyncOperation {
  public:
-  SUPSubmitAllCSYMsOperation(std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
+  SUPSubmitAllCSYMsOperation(const PipelineContext& context, std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
                              std::weak_ptr<network::SUPKITNetworkClient> networkClient);
   static std::shared_ptr<SUPSubmitAllCSYMsOperation> initWithCodeMappingInfo(
+      const PipelineContext& context,
       std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
       std::weak_ptr<network::SUPKITNetworkClient> networkClient);
 
@@ -29,6 +31,7 @@ class SUPSubmitAllCSYMsOperation : public dispatch::SUPKITAsyncOperation {
   const std::shared_ptr<dsym::SUPCodeMappingInfoContainer>& codeMappingInfo() const { return codeMappingInfo_; }
 
  private:
+  PipelineContext context_;
   std::shared_ptr<SUPSubmitAllCSYMsOperation> self();
 
   std::shared_ptr<dispatch::OperationQueue> privateQueue_;

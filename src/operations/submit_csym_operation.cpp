@@ -10,19 +10,21 @@
 
 namespace symlift::operations {
 
-SUPSubmitCSYMOperation::SUPSubmitCSYMOperation(std::shared_ptr<dsym::SUPCodeMappingInfoContainer> cSYMInfo,
+SUPSubmitCSYMOperation::SUPSubmitCSYMOperation(const PipelineContext& context,
+                                               std::shared_ptr<dsym::SUPCodeMappingInfoContainer> cSYMInfo,
                                                std::weak_ptr<network::SUPKITNetworkClient> networkClient)
     : dispatch::SUPKITAsyncOperation("SUPSubmitCSYMOperation"),
+      context_(context),
       cSYMInfo_(std::move(cSYMInfo)),
       networkClient_(std::move(networkClient)),
-      privateQueue_(dispatch::OperationQueue::create(dispatch::ThreadPool::shared(), "SUPSubmitCSYMOperation")) {
+      privateQueue_(dispatch::OperationQueue::create(context.pool, "SUPSubmitCSYMOperation")) {
   privateQueue_->setMaxConcurrentOperationCount(1);
 }
 
 std::shared_ptr<SUPSubmitCSYMOperation> SUPSubmitCSYMOperation::initWithCSYMInfo(
-    std::shared_ptr<dsym::SUPCodeMappingInfoContainer> cSYMInfo,
+    const PipelineContext& context, std::shared_ptr<dsym::SUPCodeMappingInfoContainer> cSYMInfo,
     std::weak_ptr<network::SUPKITNetworkClient> networkClient) {
-  return std::make_shared<SUPSubmitCSYMOperation>(std::move(cSYMInfo), std::move(networkClient));
+  return std::make_shared<SUPSubmitCSYMOperation>(context, std::move(cSYMInfo), std::move(networkClient));
 }
 
 std::shared_ptr<SUPSubmitCSYMOperation> SUPSubmitCSYMOperation::self() {
@@ -32,7 +34,7 @@ std::shared_ptr<SUPSubmitCSYMOperation> SUPSubmitCSYMOperation::self() {
 void SUPSubmitCSYMOperation::main() { enqueueCompressCSYMOperation(); }
 
 void SUPSubmitCSYMOperation::enqueueCompressCSYMOperation() {
-  auto compress = SUPCompressCSYMOperation::initWithCodeMappingInfo(cSYMInfo_, networkClient_);
+  auto compress = SUPCompressCSYMOperation::initWithCodeMappingInfo(context_, cSYMInfo_, networkClient_);
   compress->setOperationQueue(privateQueue_);
   std::weak_ptr<SUPCompressCSYMOperation> weakCompress = compress;
   // The submit operation is held by its owner's queue until it finishes;

@@ -8,14 +8,16 @@
 #include "network/network_client.h"
 #include "dispatch/async_operation.h"
 #include "dispatch/operation_queue.h"
+#include "operations/pipeline_context.h"
 
 namespace symlift::operations {
 
 class SUPSubmitCSYMOperation : public dispatch::SUPKITAsyncOperation {
  public:
-  SUPSubmitCSYMOperation(std::shared_ptr<dsym::SUPCodeMappingInfoContainer> cSYMInfo,
+  SUPSubmitCSYMOperation(const PipelineContext& context, std::shared_ptr<dsym::SUPCodeMappingInfoContainer> cSYMInfo,
                          std::weak_ptr<network::SUPKITNetworkClient> networkClient);
   static std::shared_ptr<SUPSubmitCSYMOperation> initWithCSYMInfo(
+      const PipelineContext& context,
       std::shared_ptr<dsym::SUPCodeMappingInfoContainer> cSYMInfo,
       std::weak_ptr<network::SUPKITNetworkClient> networkClient);
 
@@ -31,6 +33,7 @@ class SUPSubmitCSYMOperation : public dispatch::SUPKITAsyncOperation {
   void setPrivateQueue(std::shared_ptr<dispatch::OperationQueue> queue) { privateQueue_ = std::move(queue); }
 
  private:
+  PipelineContext context_;
   std::shared_ptr<SUPSubmitCSYMOperation> self();
 
   std::shared_ptr<dsym::SUPCodeMappingInfoContainer> cSYMInfo_;

@@ -15,6 +15,7 @@
 #include "records/store_file.h"
 #include "records/upload_record_archive.h"
 #include "support/property_list.h"
+#include "support/files.h"
 
 namespace symlift::records {
 

@@ -1,4 +1,5 @@
 #include "support/property_list.h"
+#include "support/files.h"
 
 #include <cstdio>
 #include <limits>
@@ -80,17 +81,5 @@ std::optional<std::string> PropertyList::textOfNode(plist_t item) {
   }
 }
 
-std::optional<std::string> readWholeFile(const std::string& path) {
-  std::FILE* file = std::fopen(path.c_str(), "rb");
-  if (!file) return std::nullopt;
-  std::string bytes;
-  char buffer[65536];
-  std::size_t got;
-  while ((got = std::fread(buffer, 1, sizeof buffer, file)) > 0) bytes.append(buffer, got);
-  bool failed = std::ferror(file) != 0;
-  std::fclose(file);
-  if (failed) return std::nullopt;
-  return bytes;
-}
 
 }  // namespace symlift::support

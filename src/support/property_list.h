@@ -41,7 +41,4 @@ class PropertyList {
   std::shared_ptr<void> node_;
 };
 
-// Reads a whole file into a string; nothing when it cannot be opened or read.
-std::optional<std::string> readWholeFile(const std::string& path);
-
 }  // namespace symlift::support

@@ -1,6 +1,5 @@
 #include "symbols/csym_generator.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -10,6 +9,7 @@
 
 #include "console/console_log.h"
 #include "support/cleanup_registry.h"
+#include "support/files.h"
 #include "support/system_log.h"
 #include "support/temporary_directory.h"
 #include "symbols/symbol_processor.h"
@@ -21,19 +21,6 @@ namespace {
 
 constexpr std::uint64_t kCSYMFormatVersion = 1;
 
-bool writeAll(int fd, const std::string& bytes) {
-  std::size_t written = 0;
-  while (written < bytes.size()) {
-    ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    written += static_cast<std::size_t>(n);
-  }
-  return true;
-}
-
 }  // namespace
 
 std::string SUPCSYMGeneratorUtilities::csymPathForArchitecture(const std::string& architecture,
@@ -42,46 +29,24 @@ std::string SUPCSYMGeneratorUtilities::csymPathForArchitecture(const std::string
   return support::temporaryDirectory() + "/" + architecture + "-" + uuid + ".csym";
 }
 
-bool CSYMGenerator::writeFileAtomically(const std::string& path, const std::string& bytes) {
+bool CSYMGenerator::writeFileAtomically(const std::string& path, const std::string& bytes,
+                                        support::CleanupRegistry* cleanup) {
   static std::atomic<unsigned> counter{0};
-  std::string partial = path + ".partial." + std::to_string(getpid()) + "." + std::to_string(counter++);
-  // Private to the user, never through a link planted at the name, never an
-  // existing file; registered first so an interrupted run removes it.
-  support::CleanupRegistry::add(partial);
-  int fd = ::open(partial.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-  if (fd < 0) {
-    const int savedErrno = errno;
-    support::CleanupRegistry::remove(partial);
-    errno = savedErrno;
-    return false;
-  }
-  bool ok = writeAll(fd, bytes);
-  int savedErrno = errno;
-  if (::close(fd) != 0 && ok) {
-    ok = false;
-    savedErrno = errno;
-  }
-  // rename replaces a link at the final name itself, never its target.
-  if (ok && support::CleanupRegistry::renameRegistered(partial, path) != 0) {
-    ok = false;
-    savedErrno = errno;
-  }
-  if (!ok) {
-    ::unlink(partial.c_str());
-    support::CleanupRegistry::remove(partial);
-  }
-  errno = savedErrno;
-  return ok;
+  const std::string partial = path + ".partial." + std::to_string(getpid()) + "." + std::to_string(counter++);
+  // Registered while it exists, so an interrupted run removes it; the final
+  // name then takes its place in the registry.
+  return support::replaceFileAtomically(path, bytes, partial, {.cleanup = cleanup});
 }
 
 std::map<std::string, std::string> CSYMGenerator::generateCSYMsFromDSYMAtPath(const std::string& path,
                                                                               float maxCoreSymbolicationVersion) {
-  return generateCSYMsFromDSYMAtPath(path, maxCoreSymbolicationVersion, nullptr);
+  return generateCSYMsFromDSYMAtPath(path, maxCoreSymbolicationVersion, nullptr, nullptr);
 }
 
 std::map<std::string, std::string> CSYMGenerator::generateCSYMsFromDSYMAtPath(const std::string& path,
                                                                               float maxCoreSymbolicationVersion,
-                                                                              const WrittenFileHandler& handler) {
+                                                                              const WrittenFileHandler& handler,
+                                                                              support::CleanupRegistry* cleanup) {
   std::map<std::string, std::string> written;
   try {
     SUPSymbolProcessor::enumerateFormattedDataVersion(
@@ -90,7 +55,7 @@ std::map<std::string, std::string> CSYMGenerator::generateCSYMsFromDSYMAtPath(co
             std::string& data, const support::ErrorPtr& error) {
           if (error || !uuid) return;
           std::string csymPath = SUPCSYMGeneratorUtilities::csymPathForArchitecture(arch, *uuid, path);
-          if (!writeFileAtomically(csymPath, data)) {
+          if (!writeFileAtomically(csymPath, data, cleanup)) {
             console::SYLLogError("Could not write cSYM file {}: {}", csymPath, std::strerror(errno));
             return;
           }

@@ -6,6 +6,10 @@
 #include <map>
 #include <string>
 
+namespace symlift::support {
+class CleanupRegistry;
+}
+
 namespace symlift::symbols {
 
 class SUPCSYMGeneratorUtilities {
@@ -24,17 +28,20 @@ class CSYMGenerator {
   static std::map<std::string, std::string> generateCSYMsFromDSYMAtPath(const std::string& path,
                                                                         float maxCoreSymbolicationVersion);
   // The same, handing every file written and its contents (no longer needed
-  // by the generator) to written, before the next slice is read.
+  // by the generator) to written, before the next slice is read. The files
+  // are registered with cleanup (when given) from before they exist.
   using WrittenFileHandler = std::function<void(const std::string& csymPath, std::string&& contents)>;
   static std::map<std::string, std::string> generateCSYMsFromDSYMAtPath(const std::string& path,
                                                                         float maxCoreSymbolicationVersion,
-                                                                        const WrittenFileHandler& written);
+                                                                        const WrittenFileHandler& written,
+                                                                        support::CleanupRegistry* cleanup);
   // The same with the process-wide default maximum symbolication version.
   static std::map<std::string, std::string> generateCSYMsFromDSYMAtPath(const std::string& path);
 
   // Replaces the file at path with bytes as its whole contents (written beside
   // it and renamed into place, so a reader never sees half a file).
-  static bool writeFileAtomically(const std::string& path, const std::string& bytes);
+  static bool writeFileAtomically(const std::string& path, const std::string& bytes,
+                                  support::CleanupRegistry* cleanup = nullptr);
 };
 
 }  // namespace symlift::symbols

@@ -26,7 +26,8 @@ struct RecordedNotice {
 };
 
 TEST(SUPKITAsyncOperationTest, NoticesComeInLifecycleOrder) {
-  auto op = std::make_shared<DelayedAsyncOperation>(5ms);
+  ThreadPool pool;
+  auto op = std::make_shared<DelayedAsyncOperation>(pool, 5ms);
   std::mutex mutex;
   std::vector<RecordedNotice> notices;
   // The observer reads the state from inside the notice: the lock is recursive.
@@ -34,7 +35,7 @@ TEST(SUPKITAsyncOperationTest, NoticesComeInLifecycleOrder) {
     std::lock_guard<std::mutex> guard(mutex);
     notices.push_back({std::string(key), prior, raw->isExecuting(), raw->isFinished()});
   });
-  auto queue = OperationQueue::create(dispatch::ThreadPool::shared());
+  auto queue = OperationQueue::create(pool);
   queue->addOperationAndWait(op);
   std::lock_guard<std::mutex> guard(mutex);
   EXPECT_EQ(notices, (std::vector<RecordedNotice>{
@@ -48,7 +49,8 @@ TEST(SUPKITAsyncOperationTest, NoticesComeInLifecycleOrder) {
 }
 
 TEST(SUPKITAsyncOperationTest, CompletionHasReturnedBeforeFinishedReadsTrue) {
-  auto op = std::make_shared<DelayedAsyncOperation>(5ms, support::makeError("D", 7));
+  ThreadPool pool;
+  auto op = std::make_shared<DelayedAsyncOperation>(pool, 5ms, support::makeError("D", 7));
   std::atomic<bool> finishedDuringCompletion{true};
   std::atomic<bool> executingDuringCompletion{false};
   support::ErrorPtr received;
@@ -58,7 +60,7 @@ TEST(SUPKITAsyncOperationTest, CompletionHasReturnedBeforeFinishedReadsTrue) {
     executingDuringCompletion = raw->isExecuting();
     received = error;
   });
-  OperationQueue::create(dispatch::ThreadPool::shared())->addOperationAndWait(op);
+  OperationQueue::create(pool)->addOperationAndWait(op);
   EXPECT_FALSE(finishedDuringCompletion.load());
   EXPECT_TRUE(executingDuringCompletion.load());
   ASSERT_TRUE(received);
@@ -66,11 +68,12 @@ TEST(SUPKITAsyncOperationTest, CompletionHasReturnedBeforeFinishedReadsTrue) {
 }
 
 TEST(SUPKITAsyncOperationTest, CancelledBeforeStartSkipsMainAndCompletion) {
-  auto op = std::make_shared<DelayedAsyncOperation>();
+  ThreadPool pool;
+  auto op = std::make_shared<DelayedAsyncOperation>(pool);
   std::atomic<bool> completionCalled{false};
   op->setAsyncCompletion([&](const support::ErrorPtr&) { completionCalled = true; });
   op->cancel();
-  OperationQueue::create(dispatch::ThreadPool::shared())->addOperationAndWait(op);
+  OperationQueue::create(pool)->addOperationAndWait(op);
   EXPECT_EQ(op->mainRuns.load(), 0);
   EXPECT_FALSE(completionCalled.load());
   EXPECT_TRUE(op->isFinished());
@@ -78,14 +81,16 @@ TEST(SUPKITAsyncOperationTest, CancelledBeforeStartSkipsMainAndCompletion) {
 }
 
 TEST(SUPKITAsyncOperationTest, FinishWithoutCompletionOnlyMarksDone) {
-  auto op = std::make_shared<DelayedAsyncOperation>();
-  OperationQueue::create(dispatch::ThreadPool::shared())->addOperationAndWait(op);
+  ThreadPool pool;
+  auto op = std::make_shared<DelayedAsyncOperation>(pool);
+  OperationQueue::create(pool)->addOperationAndWait(op);
   EXPECT_TRUE(op->isFinished());
   EXPECT_FALSE(op->isExecuting());
 }
 
 TEST(SUPKITAsyncOperationTest, LockNameCarriesTheConcreteClassName) {
-  DelayedAsyncOperation op;
+  ThreadPool pool;
+  DelayedAsyncOperation op(pool);
   EXPECT_EQ(op.lockName(), "com.omvara.pelloran.vantrel.DelayedAsyncOperation-lock");
   EXPECT_TRUE(op.isAsynchronous());
   EXPECT_TRUE(op.isConcurrent());

@@ -35,12 +35,13 @@ std::shared_ptr<Outcome> watch(const std::shared_ptr<SUPCompoundOperation>& comp
 }
 
 TEST(SUPCompoundOperationTest, FinishesWithoutErrorAfterTheLastSuccess) {
-  auto compound = std::make_shared<SUPCompoundOperation>(dispatch::ThreadPool::shared());
+  ThreadPool pool;
+  auto compound = std::make_shared<SUPCompoundOperation>(pool);
   std::vector<std::shared_ptr<SUPKITAsyncOperation>> subs;
-  for (int delay : {30, 5, 15}) subs.push_back(std::make_shared<DelayedAsyncOperation>(std::chrono::milliseconds(delay)));
+  for (int delay : {30, 5, 15}) subs.push_back(std::make_shared<DelayedAsyncOperation>(pool, std::chrono::milliseconds(delay)));
   compound->setOperations(subs);
   auto outcome = watch(compound);
-  OperationQueue::create(dispatch::ThreadPool::shared())->addOperationAndWait(compound);
+  OperationQueue::create(pool)->addOperationAndWait(compound);
   EXPECT_EQ(outcome->calls.load(), 1);
   EXPECT_FALSE(outcome->error);
   for (const auto& sub : subs) EXPECT_TRUE(sub->isFinished());
@@ -48,16 +49,17 @@ TEST(SUPCompoundOperationTest, FinishesWithoutErrorAfterTheLastSuccess) {
 }
 
 TEST(SUPCompoundOperationTest, CollectsEveryFailureAndFinishesOnce) {
-  auto compound = std::make_shared<SUPCompoundOperation>(dispatch::ThreadPool::shared());
+  ThreadPool pool;
+  auto compound = std::make_shared<SUPCompoundOperation>(pool);
   auto first = support::makeError("sub", 1);
   auto second = support::makeError("sub", 2);
   // Far enough apart that the order of the reports holds under the sanitizers.
   const auto later = std::chrono::milliseconds(static_cast<long>(20 * symlift::testing::timeScale()));
-  compound->setOperations({std::make_shared<DelayedAsyncOperation>(later, second),
-                           std::make_shared<DelayedAsyncOperation>(1ms),
-                           std::make_shared<DelayedAsyncOperation>(5ms, first)});
+  compound->setOperations({std::make_shared<DelayedAsyncOperation>(pool, later, second),
+                           std::make_shared<DelayedAsyncOperation>(pool, 1ms),
+                           std::make_shared<DelayedAsyncOperation>(pool, 5ms, first)});
   auto outcome = watch(compound);
-  OperationQueue::create(dispatch::ThreadPool::shared())->addOperationAndWait(compound);
+  OperationQueue::create(pool)->addOperationAndWait(compound);
   std::this_thread::sleep_for(20ms);  // any late second report would show up here
   EXPECT_EQ(outcome->calls.load(), 1);
   ASSERT_TRUE(outcome->error);
@@ -82,12 +84,13 @@ class HandFinishedOperation : public SUPKITAsyncOperation {
 // the last two end together, both checks find every count in and the
 // compound must still report once.
 TEST(SUPCompoundOperationTest, SubOperationsEndingTogetherReportOnce) {
+  ThreadPool pool;
   constexpr int kRounds = 200;
   std::vector<std::shared_ptr<Outcome>> outcomes;
   std::vector<std::shared_ptr<SUPCompoundOperation>> compounds;
-  auto queue = OperationQueue::create(dispatch::ThreadPool::shared());
+  auto queue = OperationQueue::create(pool);
   for (int round = 0; round < kRounds; ++round) {
-    auto compound = std::make_shared<SUPCompoundOperation>(dispatch::ThreadPool::shared());
+    auto compound = std::make_shared<SUPCompoundOperation>(pool);
     auto a = std::make_shared<HandFinishedOperation>();
     auto b = std::make_shared<HandFinishedOperation>();
     compound->setOperations({a, b});
@@ -108,8 +111,9 @@ TEST(SUPCompoundOperationTest, SubOperationsEndingTogetherReportOnce) {
 }
 
 TEST(SUPCompoundOperationTest, EarlierCompletionsOfSubOperationsStillRunFirst) {
-  auto compound = std::make_shared<SUPCompoundOperation>(dispatch::ThreadPool::shared());
-  auto sub = std::make_shared<DelayedAsyncOperation>(1ms);
+  ThreadPool pool;
+  auto compound = std::make_shared<SUPCompoundOperation>(pool);
+  auto sub = std::make_shared<DelayedAsyncOperation>(pool, 1ms);
   std::atomic<bool> earlierAsync{false};
   std::atomic<bool> earlierBlock{false};
   std::atomic<bool> compoundFinishedBeforeEarlierBlock{false};
@@ -120,16 +124,17 @@ TEST(SUPCompoundOperationTest, EarlierCompletionsOfSubOperationsStillRunFirst) {
   });
   compound->setOperations({sub});
   auto outcome = watch(compound);
-  OperationQueue::create(dispatch::ThreadPool::shared())->addOperationAndWait(compound);
+  OperationQueue::create(pool)->addOperationAndWait(compound);
   EXPECT_TRUE(earlierAsync.load());
   EXPECT_TRUE(earlierBlock.load());
   EXPECT_FALSE(compoundFinishedBeforeEarlierBlock.load());
 }
 
 TEST(SUPCompoundOperationTest, EmptyListNeverFinishes) {
-  auto compound = std::make_shared<SUPCompoundOperation>(dispatch::ThreadPool::shared());
+  ThreadPool pool;
+  auto compound = std::make_shared<SUPCompoundOperation>(pool);
   auto outcome = watch(compound);
-  OperationQueue::create(dispatch::ThreadPool::shared())->addOperation(compound);
+  OperationQueue::create(pool)->addOperation(compound);
   auto done = outcome->done.get_future();
   EXPECT_EQ(done.wait_for(100ms), std::future_status::timeout);
   EXPECT_TRUE(compound->isExecuting());
@@ -141,13 +146,14 @@ TEST(SUPCompoundOperationTest, EmptyListNeverFinishes) {
 }
 
 TEST(SUPCompoundOperationTest, CancelBeforeMainFinishesEverythingSilently) {
-  auto compound = std::make_shared<SUPCompoundOperation>(dispatch::ThreadPool::shared());
-  auto a = std::make_shared<DelayedAsyncOperation>(1ms);
-  auto b = std::make_shared<DelayedAsyncOperation>(1ms);
+  ThreadPool pool;
+  auto compound = std::make_shared<SUPCompoundOperation>(pool);
+  auto a = std::make_shared<DelayedAsyncOperation>(pool, 1ms);
+  auto b = std::make_shared<DelayedAsyncOperation>(pool, 1ms);
   compound->setOperations({a, b});
   auto outcome = watch(compound);
   compound->cancel();
-  OperationQueue::create(dispatch::ThreadPool::shared())->addOperationAndWait(compound);
+  OperationQueue::create(pool)->addOperationAndWait(compound);
   a->waitUntilFinished();
   b->waitUntilFinished();
   EXPECT_EQ(a->mainRuns.load() + b->mainRuns.load(), 0);
@@ -156,10 +162,11 @@ TEST(SUPCompoundOperationTest, CancelBeforeMainFinishesEverythingSilently) {
 }
 
 TEST(SUPCompoundOperationTest, CancelWhileRunningReportsCancelledOnce) {
-  auto compound = std::make_shared<SUPCompoundOperation>(dispatch::ThreadPool::shared());
-  auto quick = std::make_shared<DelayedAsyncOperation>(1ms);
-  auto slow = std::make_shared<DelayedAsyncOperation>(300ms);
-  auto queue = OperationQueue::create(dispatch::ThreadPool::shared());
+  ThreadPool pool;
+  auto compound = std::make_shared<SUPCompoundOperation>(pool);
+  auto quick = std::make_shared<DelayedAsyncOperation>(pool, 1ms);
+  auto slow = std::make_shared<DelayedAsyncOperation>(pool, 300ms);
+  auto queue = OperationQueue::create(pool);
   queue->setMaxConcurrentOperationCount(1);
   compound->setOperations({quick, slow});
   compound->compoundQueue()->setMaxConcurrentOperationCount(1);  // slow waits behind quick

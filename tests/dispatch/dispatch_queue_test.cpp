@@ -20,7 +20,8 @@ namespace {
 using namespace std::chrono_literals;
 
 TEST(SerialDispatchQueueTest, AsyncItemsRunOneAtATimeInOrder) {
-  auto queue = SerialDispatchQueue::create(dispatch::ThreadPool::shared(), "test.serial");
+  ThreadPool pool;
+  auto queue = SerialDispatchQueue::create(pool, "test.serial");
   std::vector<int> order;  // touched only on the queue
   std::atomic<int> inside{0};
   std::atomic<bool> overlapped{false};
@@ -38,7 +39,8 @@ TEST(SerialDispatchQueueTest, AsyncItemsRunOneAtATimeInOrder) {
 }
 
 TEST(SerialDispatchQueueTest, SyncFromManyThreadsIsExclusiveAndRunsOnTheCaller) {
-  auto queue = SerialDispatchQueue::create(dispatch::ThreadPool::shared(), "test.sync");
+  ThreadPool pool;
+  auto queue = SerialDispatchQueue::create(pool, "test.sync");
   std::atomic<int> inside{0};
   std::atomic<bool> overlapped{false};
   std::atomic<bool> wrongThread{false};
@@ -75,8 +77,8 @@ TEST(SerialDispatchQueueTest, SyncFromManyThreadsIsExclusiveAndRunsOnTheCaller) 
 // wait for ever (and the pool, joining its threads at exit, with it). Here
 // every worker of the pool is kept busy while the two callers meet.
 TEST(SerialDispatchQueueTest, SyncCallerIsHandedTheQueueWithoutThePool) {
-  ThreadPool& pool = ThreadPool::shared();
-  constexpr std::size_t kPoolCap = 128;  // ThreadPool::shared()'s cap
+  ThreadPool pool;
+  constexpr std::size_t kPoolCap = ThreadPool::kDefaultMaxThreads;
   // Shared with the workers, which may still be waking when the test ends:
   // they own it with the test, and whatever way the test ends they are let go.
   struct Workers {
@@ -114,7 +116,7 @@ TEST(SerialDispatchQueueTest, SyncCallerIsHandedTheQueueWithoutThePool) {
   }
   ASSERT_EQ(pool.threadCount(), kPoolCap);
 
-  auto queue = SerialDispatchQueue::create(dispatch::ThreadPool::shared(), "test.handover");
+  auto queue = SerialDispatchQueue::create(pool, "test.handover");
   std::promise<void> firstEntered, firstMayLeave;
   std::shared_future<void> mayLeave = firstMayLeave.get_future().share();
   std::thread first([&] {
@@ -140,7 +142,8 @@ TEST(SerialDispatchQueueTest, SyncCallerIsHandedTheQueueWithoutThePool) {
 }
 
 TEST(DispatchQueueTest, AsyncAfterWaitsAtLeastTheDelay) {
-  auto queue = SerialDispatchQueue::create(dispatch::ThreadPool::shared(), "test.after");
+  ThreadPool pool;
+  auto queue = SerialDispatchQueue::create(pool, "test.after");
   std::promise<std::chrono::steady_clock::time_point> fired;
   auto began = std::chrono::steady_clock::now();
   queue->asyncAfter(40ms, [&] { fired.set_value(std::chrono::steady_clock::now()); });
@@ -148,13 +151,14 @@ TEST(DispatchQueueTest, AsyncAfterWaitsAtLeastTheDelay) {
 
   std::promise<void> background;
   began = std::chrono::steady_clock::now();
-  dispatch::ThreadPool::shared().concurrentQueue().asyncAfter(20ms, [&] { background.set_value(); });
+  pool.concurrentQueue().asyncAfter(20ms, [&] { background.set_value(); });
   background.get_future().wait();
   EXPECT_GE(std::chrono::steady_clock::now() - began, 20ms);
 }
 
 TEST(DispatchQueueTest, DelayedItemsFireInDueOrder) {
-  auto queue = SerialDispatchQueue::create(dispatch::ThreadPool::shared(), "test.order");
+  ThreadPool pool;
+  auto queue = SerialDispatchQueue::create(pool, "test.order");
   std::vector<int> order;
   std::promise<void> done;
   // The items run on the serial queue; the last of the three, whichever it
@@ -176,6 +180,7 @@ TEST(DispatchQueueTest, DelayedItemsFireInDueOrder) {
 // background queue, schedules the next delayed step. Many ladders at once,
 // with delays of a millisecond or two, must all reach their end.
 TEST(DispatchQueueTest, DelayedChainsScheduledFromFiredWorkAllFinish) {
+  ThreadPool pool;
   constexpr int kChains = 48, kSteps = 25;
   struct Shared {
     std::mutex mutex;
@@ -184,7 +189,7 @@ TEST(DispatchQueueTest, DelayedChainsScheduledFromFiredWorkAllFinish) {
     std::atomic<int> steps{0};
   };
   auto shared = std::make_shared<Shared>();
-  auto queue = SerialDispatchQueue::create(dispatch::ThreadPool::shared(), "test.chains");
+  auto queue = SerialDispatchQueue::create(pool, "test.chains");
   std::function<void(int, int)> step = [&](int chain, int remaining) {
     ++shared->steps;
     if (remaining == 0) {
@@ -194,7 +199,7 @@ TEST(DispatchQueueTest, DelayedChainsScheduledFromFiredWorkAllFinish) {
       return;
     }
     auto delay = std::chrono::microseconds((chain * 7 + remaining * 13) % 2000);
-    DispatchQueue& target = chain % 3 == 0 ? static_cast<DispatchQueue&>(*queue) : dispatch::ThreadPool::shared().concurrentQueue();
+    DispatchQueue& target = chain % 3 == 0 ? static_cast<DispatchQueue&>(*queue) : pool.concurrentQueue();
     target.asyncAfter(delay, [&step, chain, remaining] { step(chain, remaining - 1); });
   };
   std::vector<std::thread> starters;
@@ -214,12 +219,13 @@ TEST(DispatchQueueTest, DelayedChainsScheduledFromFiredWorkAllFinish) {
 // A short delay scheduled while the dispatcher sleeps towards a long one is
 // not held back by it.
 TEST(DispatchQueueTest, ShortDelayIsNotHeldBehindALongerOne) {
+  ThreadPool pool;
   auto late = std::make_shared<std::atomic<bool>>(false);
-  dispatch::ThreadPool::shared().concurrentQueue().asyncAfter(30s, [late] { late->store(true); });
+  pool.concurrentQueue().asyncAfter(30s, [late] { late->store(true); });
   std::this_thread::sleep_for(20ms);  // the dispatcher is now asleep until then
   std::promise<void> fired;
   auto began = std::chrono::steady_clock::now();
-  dispatch::ThreadPool::shared().concurrentQueue().asyncAfter(1ms, [&] { fired.set_value(); });
+  pool.concurrentQueue().asyncAfter(1ms, [&] { fired.set_value(); });
   ASSERT_EQ(fired.get_future().wait_for(10s), std::future_status::ready);
   EXPECT_LT(std::chrono::steady_clock::now() - began, 2s);
   EXPECT_FALSE(late->load());

@@ -18,7 +18,8 @@ using testing::BlockOperation;
 using testing::DelayedAsyncOperation;
 
 TEST(OperationQueueTest, WidthOneRunsInOrderWithoutOverlap) {
-  auto queue = OperationQueue::create(dispatch::ThreadPool::shared());
+  ThreadPool pool;
+  auto queue = OperationQueue::create(pool);
   queue->setMaxConcurrentOperationCount(1);
   std::mutex mutex;
   std::vector<int> order;
@@ -45,9 +46,10 @@ TEST(OperationQueueTest, WidthOneRunsInOrderWithoutOverlap) {
 }
 
 TEST(OperationQueueTest, WidthOneHoldsTheSlotUntilAnAsyncOperationFinishes) {
-  auto queue = OperationQueue::create(dispatch::ThreadPool::shared());
+  ThreadPool pool;
+  auto queue = OperationQueue::create(pool);
   queue->setMaxConcurrentOperationCount(1);
-  auto slow = std::make_shared<DelayedAsyncOperation>(50ms);
+  auto slow = std::make_shared<DelayedAsyncOperation>(pool, 50ms);
   std::atomic<bool> slowFinishedFirst{false};
   auto next = std::make_shared<BlockOperation>([&] { slowFinishedFirst = slow->isFinished(); });
   queue->addOperation(slow);
@@ -57,7 +59,8 @@ TEST(OperationQueueTest, WidthOneHoldsTheSlotUntilAnAsyncOperationFinishes) {
 }
 
 TEST(OperationQueueTest, DefaultWidthIsAtLeastTwoAndRunsSideBySide) {
-  auto queue = OperationQueue::create(dispatch::ThreadPool::shared());
+  ThreadPool pool;
+  auto queue = OperationQueue::create(pool);
   EXPECT_GE(queue->effectiveMaxConcurrentOperationCount(), 2);
   // Two operations that each wait for the other can only finish side by side.
   std::promise<void> bStarted;
@@ -70,9 +73,10 @@ TEST(OperationQueueTest, DefaultWidthIsAtLeastTwoAndRunsSideBySide) {
 }
 
 TEST(OperationQueueTest, DependencyOnAnotherQueueDelaysStart) {
-  auto first = OperationQueue::create(dispatch::ThreadPool::shared());
-  auto second = OperationQueue::create(dispatch::ThreadPool::shared());
-  auto dependency = std::make_shared<DelayedAsyncOperation>(40ms);
+  ThreadPool pool;
+  auto first = OperationQueue::create(pool);
+  auto second = OperationQueue::create(pool);
+  auto dependency = std::make_shared<DelayedAsyncOperation>(pool, 40ms);
   std::atomic<bool> sawDependencyFinished{false};
   auto dependent = std::make_shared<BlockOperation>([&] { sawDependencyFinished = dependency->isFinished(); });
   dependent->addDependency(dependency);
@@ -85,7 +89,8 @@ TEST(OperationQueueTest, DependencyOnAnotherQueueDelaysStart) {
 }
 
 TEST(OperationQueueTest, CompletionBlockRunsAfterFinishAndBeforeTheSlotIsReused) {
-  auto queue = OperationQueue::create(dispatch::ThreadPool::shared());
+  ThreadPool pool;
+  auto queue = OperationQueue::create(pool);
   queue->setMaxConcurrentOperationCount(1);
   std::vector<std::string> events;
   std::mutex mutex;
@@ -102,10 +107,11 @@ TEST(OperationQueueTest, CompletionBlockRunsAfterFinishAndBeforeTheSlotIsReused)
 }
 
 TEST(OperationQueueTest, CancelledOperationsSkipMainButStillComplete) {
-  auto queue = OperationQueue::create(dispatch::ThreadPool::shared());
+  ThreadPool pool;
+  auto queue = OperationQueue::create(pool);
   std::atomic<bool> ran{false};
   std::atomic<bool> completed{false};
-  auto blocker = std::make_shared<DelayedAsyncOperation>(1000ms);
+  auto blocker = std::make_shared<DelayedAsyncOperation>(pool, 1000ms);
   auto op = std::make_shared<BlockOperation>([&] { ran = true; });
   op->addDependency(blocker);  // would wait a second if it were not cancelled
   op->setCompletionBlock([&] { completed = true; });
@@ -119,8 +125,9 @@ TEST(OperationQueueTest, CancelledOperationsSkipMainButStillComplete) {
 }
 
 TEST(OperationQueueTest, AddAndWaitReturnsOnlyAfterAnAsyncFinish) {
-  auto queue = OperationQueue::create(dispatch::ThreadPool::shared());
-  auto op = std::make_shared<DelayedAsyncOperation>(30ms);
+  ThreadPool pool;
+  auto queue = OperationQueue::create(pool);
+  auto op = std::make_shared<DelayedAsyncOperation>(pool, 30ms);
   auto began = std::chrono::steady_clock::now();
   queue->addOperationAndWait(op);
   EXPECT_TRUE(op->isFinished());

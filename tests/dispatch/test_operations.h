@@ -29,18 +29,19 @@ class BlockOperation : public Operation {
 // optional delay, with the error it was given.
 class DelayedAsyncOperation : public SUPKITAsyncOperation {
  public:
-  explicit DelayedAsyncOperation(std::chrono::milliseconds delay = std::chrono::milliseconds(0),
+  explicit DelayedAsyncOperation(ThreadPool& pool, std::chrono::milliseconds delay = std::chrono::milliseconds(0),
                                  support::ErrorPtr error = nullptr)
-      : SUPKITAsyncOperation("DelayedAsyncOperation"), delay_(delay), error_(std::move(error)) {}
+      : SUPKITAsyncOperation("DelayedAsyncOperation"), pool_(pool), delay_(delay), error_(std::move(error)) {}
   void main() override {
     mainRuns++;
     auto self = std::static_pointer_cast<DelayedAsyncOperation>(shared_from_this());
     // Finishes later, on another thread, after main has returned.
-    dispatch::ThreadPool::shared().concurrentQueue().asyncAfter(delay_, [self] { self->finishWithError(self->error_); });
+    pool_.submitAfter(delay_, [self] { self->finishWithError(self->error_); });
   }
   std::atomic<int> mainRuns{0};
 
  private:
+  ThreadPool& pool_;
   std::chrono::milliseconds delay_;
   support::ErrorPtr error_;
 };

@@ -1,6 +1,7 @@
 // The retry policy of the client over a scripted session: no sockets.
 
 #include "network/network_client.h"
+#include "dispatch/thread_pool.h"
 
 #include <gtest/gtest.h>
 
@@ -66,8 +67,9 @@ struct Result {
 };
 
 struct Fixture {
+  dispatch::ThreadPool pool;
   std::shared_ptr<ScriptedSession> session = std::make_shared<ScriptedSession>();
-  std::shared_ptr<SUPKITNetworkClient> client = SUPKITNetworkClient::createWithSession(session);
+  std::shared_ptr<SUPKITNetworkClient> client = SUPKITNetworkClient::createWithSession(pool, session);
   std::vector<std::chrono::nanoseconds> delays;
   Result result;
 
@@ -160,9 +162,10 @@ TEST(NetworkClientTest, RecoversAfterRetryableFailures) {
 }
 
 TEST(NetworkClientTest, RetryAfterTheClientIsGoneEndsWithFailedToStart) {
+  dispatch::ThreadPool pool;
   auto session = std::make_shared<ScriptedSession>();
   session->holding = true;
-  auto client = SUPKITNetworkClient::createWithSession(session);
+  auto client = SUPKITNetworkClient::createWithSession(pool, session);
   std::function<void()> pendingRetry;
   client->setDelayScheduler([&](std::chrono::nanoseconds, std::function<void()> block) { pendingRetry = block; });
   Result result;
@@ -182,9 +185,10 @@ TEST(NetworkClientTest, RetryAfterTheClientIsGoneEndsWithFailedToStart) {
 }
 
 TEST(NetworkClientTest, TransferThatEndsAfterTheClientIsGoneIsStillDeliveredOnce) {
+  dispatch::ThreadPool pool;
   auto session = std::make_shared<ScriptedSession>();
   session->holding = true;
-  auto client = SUPKITNetworkClient::createWithSession(session);
+  auto client = SUPKITNetworkClient::createWithSession(pool, session);
   std::vector<Result> results(2);
   for (int i = 0; i < 2; ++i)
     client->startDataTaskWithRequest(URLRequest("https://x.example/"), 3, [&, i](auto, auto r, support::ErrorPtr e) {

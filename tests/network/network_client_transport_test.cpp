@@ -69,21 +69,24 @@ struct Outcome {
 // A client whose retries start at once from the background queue, with the
 // delays it was asked to wait recorded.
 struct TestClient {
+  dispatch::ThreadPool pool;
   std::shared_ptr<SUPKITNetworkClient> client;
   std::mutex mutex;  // guards delays
   std::vector<double> delays;
 
   explicit TestClient(URLSessionConfiguration configuration = {}) {
-    client = SUPKITNetworkClient::createWithSessionConfiguration(configuration, nullptr);
+    client = SUPKITNetworkClient::createWithSessionConfiguration(pool, configuration, nullptr);
     if (!client) return;
     client->setDelayScheduler([this](std::chrono::nanoseconds delay, std::function<void()> block) {
       {
         std::lock_guard<std::mutex> guard(mutex);
         delays.push_back(static_cast<double>(delay.count()) / 1e9);
       }
-      dispatch::ThreadPool::shared().concurrentQueue().async(std::move(block));
+      pool.submit(std::move(block));
     });
   }
+  // The client goes before the pool it works on.
+  ~TestClient() { client.reset(); }
   std::size_t retries() {
     std::lock_guard<std::mutex> guard(mutex);
     return delays.size();
@@ -96,7 +99,8 @@ struct SessionOutcome {
   support::ErrorPtr error;
 };
 SessionOutcome transferOnce(const URLRequest& request, URLSessionConfiguration configuration = {}) {
-  auto session = CurlURLSession::create(configuration, nullptr);
+  dispatch::ThreadPool pool;
+  auto session = CurlURLSession::create(pool, configuration, nullptr);
   std::promise<SessionOutcome> promise;
   EXPECT_TRUE(session->startDataTask(request, [&](auto, std::optional<HTTPURLResponse> r, support::ErrorPtr e) {
     promise.set_value({std::move(r), std::move(e)});
@@ -352,7 +356,8 @@ TEST(NetworkClientTransportTest, InvalidateAndCancelEndsTransfersAndRefusesNewOn
   ASSERT_TRUE(refused.error);
   EXPECT_EQ(refused.error->code, SUPNetworkErrorFailedToStartOperation);
 
-  auto session = CurlURLSession::create({}, nullptr);
+  dispatch::ThreadPool pool;
+  auto session = CurlURLSession::create(pool, {}, nullptr);
   std::promise<support::ErrorPtr> cancelled;
   session->startDataTask(uploadRequest(service.uploadURL(kApp, kUUID)),
                          [&](auto, auto, support::ErrorPtr e) { cancelled.set_value(e); });
@@ -368,7 +373,8 @@ TEST(NetworkClientTransportTest, InvalidateAndCancelEndsTransfersAndRefusesNewOn
 TEST(NetworkClientTransportTest, DestructionWaitsForOutstandingTransfers) {
   FakeServiceProcess service({"--delay-ms", "300"});
   ASSERT_TRUE(service.started());
-  auto client = SUPKITNetworkClient::createWithSessionConfiguration({}, nullptr);
+  dispatch::ThreadPool pool;
+  auto client = SUPKITNetworkClient::createWithSessionConfiguration(pool, {}, nullptr);
   std::vector<std::unique_ptr<Outcome>> outcomes;
   for (int i = 0; i < 3; ++i) {
     outcomes.push_back(std::make_unique<Outcome>());
@@ -382,25 +388,26 @@ TEST(NetworkClientTransportTest, DestructionWaitsForOutstandingTransfers) {
 }
 
 TEST(NetworkClientTransportTest, CompletionsGoToTheDelegateQueue) {
-  // A queue that counts what it is given and runs it on a thread of its own.
+  // A queue that counts what it is given and runs it on the pool.
   class CountingQueue : public dispatch::DispatchQueue {
    public:
-    CountingQueue() : dispatch::DispatchQueue(dispatch::ThreadPool::shared()) {}
+    explicit CountingQueue(dispatch::ThreadPool& pool) : dispatch::DispatchQueue(pool) {}
     std::atomic<int> items{0};
     std::thread::id lastThread;
     void async(std::function<void()> work) override {
       ++items;
-      std::thread([this, work = std::move(work)] {
+      pool().submit([this, work = std::move(work)] {
         lastThread = std::this_thread::get_id();
         work();
-      }).join();
+      });
     }
     void sync(const std::function<void()>& work) override { work(); }
   };
   FakeServiceProcess service({"--fail-first", "1", "--fail-status", "502"});
   ASSERT_TRUE(service.started());
-  auto queue = std::make_shared<CountingQueue>();
-  auto client = SUPKITNetworkClient::createWithSessionConfiguration({}, queue);
+  dispatch::ThreadPool pool;
+  auto queue = std::make_shared<CountingQueue>(pool);
+  auto client = SUPKITNetworkClient::createWithSessionConfiguration(pool, {}, queue);
   client->setDelayScheduler([](std::chrono::nanoseconds, std::function<void()> block) { block(); });
   Outcome outcome;
   std::thread::id callbackThread;

@@ -1,4 +1,5 @@
 #include "network/web_client.h"
+#include "dispatch/thread_pool.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -82,9 +83,10 @@ std::shared_ptr<SUPWebResponse> waitFor(std::future<std::shared_ptr<SUPWebRespon
 
 class WebClientTest : public ::testing::Test {
  protected:
+  dispatch::ThreadPool pool_;
   Seen seen;
   LoopbackHTTPServer server{routes(std::make_unique<httplib::Server>(), seen)};
-  std::shared_ptr<SUPWebClient> client = SUPWebClient::initWithURL(server.url() + "/");
+  std::shared_ptr<SUPWebClient> client = SUPWebClient::initWithURL(pool_, server.url() + "/");
 
   std::shared_ptr<SUPWebResponse> send(std::shared_ptr<SUPWebRequest> request,
                                        std::optional<unsigned long> expected = std::nullopt) {
@@ -247,7 +249,8 @@ TEST(WebClientTransportTest, RefusedConnectionReportsTheURLLoadingError) {
     port = ntohs(address.sin_port);
     ::close(probe);
   }
-  auto client = SUPWebClient::initWithURL("http://127.0.0.1:" + std::to_string(port));
+  dispatch::ThreadPool pool;
+  auto client = SUPWebClient::initWithURL(pool, "http://127.0.0.1:" + std::to_string(port));
   std::promise<std::shared_ptr<SUPWebResponse>> promise;
   auto future = promise.get_future();
   client->getPath("/anything", [&](const std::shared_ptr<SUPWebResponse>& response) { promise.set_value(response); });

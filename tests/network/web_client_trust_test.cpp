@@ -10,6 +10,7 @@
 #include "network/loopback_http_server.h"
 #include "network/url_error.h"
 #include "network/web_client.h"
+#include "dispatch/thread_pool.h"
 #include "support/test_support.h"
 
 namespace symlift::network {
@@ -20,6 +21,7 @@ using symlift::testing::TempDir;
 
 class WebClientTrustTest : public ::testing::Test {
  protected:
+  dispatch::ThreadPool pool_;
   void SetUp() override {
     if (!symlift::testing::haveProgram("openssl")) GTEST_SKIP() << "needs the openssl command";
     dir_.write("server.ext", "subjectAltName=IP:127.0.0.1,DNS:localhost\n");
@@ -50,7 +52,7 @@ class WebClientTrustTest : public ::testing::Test {
   }
 
   std::shared_ptr<SUPWebResponse> get(SUPProtectionSpaceHandler handler) {
-    auto client = SUPWebClient::initWithURL(server_->url());
+    auto client = SUPWebClient::initWithURL(pool_, server_->url());
     auto request = SUPWebRequest::requestWithMethod("GET", "/hello");
     request->protectionSpaceHandler = std::move(handler);
     std::promise<std::shared_ptr<SUPWebResponse>> promise;

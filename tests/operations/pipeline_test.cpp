@@ -13,6 +13,7 @@
 #include "network/network_client.h"
 #include "network/network_constants.h"
 #include "operations/compress_csym_operation.h"
+#include "operations/compressed_csym_cache.h"
 #include "operations/delete_file_operation.h"
 #include "dispatch/operation_queue.h"
 #include "operations/pipeline_errors.h"
@@ -53,10 +54,10 @@ class PipelineTest : public ::testing::Test {
 
   std::shared_ptr<network::SUPKITNetworkClient> clientFor(const FakeServiceProcess& service, bool immediateRetries) {
     ::setenv("VantrelUploadEndpoint", service.baseURL().c_str(), 1);
-    auto client = network::SUPKITNetworkClient::create();
+    auto client = network::SUPKITNetworkClient::create(pool_);
     if (client && immediateRetries)
-      client->setDelayScheduler([](std::chrono::nanoseconds, std::function<void()> block) {
-        dispatch::ThreadPool::shared().concurrentQueue().async(std::move(block));
+      client->setDelayScheduler([this](std::chrono::nanoseconds, std::function<void()> block) {
+        pool_.submit(std::move(block));
       });
     return client;
   }
@@ -69,12 +70,16 @@ class PipelineTest : public ::testing::Test {
       outcome = error;
       reported = true;
     });
-    dispatch::OperationQueue::create(dispatch::ThreadPool::shared())->addOperationAndWait(operation);
+    dispatch::OperationQueue::create(pool_)->addOperationAndWait(operation);
     EXPECT_TRUE(reported);
     return outcome;
   }
 
   ScopedTemporaryDirectory tmp_;
+  dispatch::ThreadPool pool_;
+  support::CleanupRegistry cleanup_;
+  CompressedCSYMCache compressed_{pool_};
+  PipelineContext context_{pool_, cleanup_, compressed_};
 };
 
 TEST(SystemVersionTest, TenTenOrLaterCanConvert) {
@@ -92,7 +97,7 @@ TEST_F(PipelineTest, ConvertOnlyKeepsEveryFileAndSendsNothing) {
   ASSERT_TRUE(service.started());
   auto client = clientFor(service, false);
   auto container = containerForBundle(fixturesDir() / "FatApp.dSYM", "FatApp", /*convertOnly=*/true);
-  auto operation = std::make_shared<SUPProcessDSYMOperation>();
+  auto operation = std::make_shared<SUPProcessDSYMOperation>(context_);
   operation->setCodeMappingInfo(container);
   operation->setNetworkClient(client);
 
@@ -140,7 +145,7 @@ TEST_F(PipelineTest, UploadsEverySliceThenNothingIsLeftBehind) {
   ASSERT_TRUE(service.started());
   auto client = clientFor(service, false);
   auto container = containerForBundle(fixturesDir() / "FatApp.dSYM", "FatApp", false, "1:7:ios:ab");
-  auto operation = SUPProcessDSYMOperation::initWithCodeMappingInfo(container, client);
+  auto operation = SUPProcessDSYMOperation::initWithCodeMappingInfo(context_, container, client);
 
   CapturedOutput out(STDOUT_FILENO);
   EXPECT_EQ(process(operation), nullptr);
@@ -180,7 +185,7 @@ TEST_F(PipelineTest, SliceThatCannotBeConvertedFailsTheDSYMBeforeAnyUpload) {
   ASSERT_FALSE(uuid.empty());
   fs::create_directory(tmp_.path() / (arch + "-" + uuid + ".csym"));
 
-  auto operation = SUPProcessDSYMOperation::initWithCodeMappingInfo(container, client);
+  auto operation = SUPProcessDSYMOperation::initWithCodeMappingInfo(context_, container, client);
   CapturedOutput out(STDOUT_FILENO);
   support::ErrorPtr error = process(operation);
   const std::string log = out.take();
@@ -200,7 +205,7 @@ TEST_F(PipelineTest, DSYMRemovedBeforeProcessingIsReportedAsGone) {
   auto container = containerForBundle(copy.path() / "Hello.dSYM", "Hello", false);
   fs::remove_all(copy.path() / "Hello.dSYM");
 
-  auto operation = std::make_shared<SUPProcessDSYMOperation>();
+  auto operation = std::make_shared<SUPProcessDSYMOperation>(context_);
   operation->setCodeMappingInfo(container);
   support::ErrorPtr error = process(operation);
   ASSERT_NE(error, nullptr);
@@ -214,9 +219,9 @@ TEST_F(PipelineTest, MissingCSYMIsCompressedToAnEmptyStreamAndAFailedUploadIsWra
   auto container = containerForBundle(fixturesDir() / "Hello.dSYM", "Hello", false)->copyWithZone();
   container->setUUID("00000000000000000000000000000000");
   container->setArchitecture("arm64");
-  auto queue = dispatch::OperationQueue::create(dispatch::ThreadPool::shared());
+  auto queue = dispatch::OperationQueue::create(pool_);
 
-  auto compress = SUPCompressCSYMOperation::initWithCodeMappingInfo(container, {});
+  auto compress = SUPCompressCSYMOperation::initWithCodeMappingInfo(context_, container, {});
   compress->setOperationQueue(queue);
   queue->addOperationAndWait(compress);
   queue->waitUntilAllOperationsAreFinished();
@@ -229,7 +234,7 @@ TEST_F(PipelineTest, MissingCSYMIsCompressedToAnEmptyStreamAndAFailedUploadIsWra
   FakeServiceProcess service;
   ASSERT_TRUE(service.started());
   auto client = clientFor(service, false);
-  auto submit = SUPSubmitCSYMOperation::initWithCSYMInfo(container, client);
+  auto submit = SUPSubmitCSYMOperation::initWithCSYMInfo(context_, container, client);
   support::ErrorPtr error;
   submit->setAsyncCompletion([&](const support::ErrorPtr& e) { error = e; });
   queue->addOperationAndWait(submit);
@@ -248,7 +253,7 @@ TEST_F(PipelineTest, ServerFailureOutlastingTheRetriesFailsTheSliceWithItsFilesG
   ASSERT_TRUE(service.started());
   auto client = clientFor(service, /*immediateRetries=*/true);
   auto container = containerForBundle(fixturesDir() / "Hello.dSYM", "Hello", false);
-  auto operation = SUPProcessDSYMOperation::initWithCodeMappingInfo(container, client);
+  auto operation = SUPProcessDSYMOperation::initWithCodeMappingInfo(context_, container, client);
 
   CapturedOutput out(STDOUT_FILENO);
   support::ErrorPtr error = process(operation);
@@ -293,8 +298,8 @@ TEST_F(PipelineTest, DeletionRemovesFoldersAndOnlyWarnsAboutMissingOnes) {
   TempDir dir;
   dir.write("unpacked/a/b.txt", "x");
   CapturedOutput out(STDOUT_FILENO);
-  SUPDeleteFileOperation((dir.path() / "unpacked").string()).deleteFile();
-  SUPDeleteFileOperation((dir.path() / "gone").string()).deleteFile();
+  SUPDeleteFileOperation((dir.path() / "unpacked").string(), cleanup_).deleteFile();
+  SUPDeleteFileOperation((dir.path() / "gone").string(), cleanup_).deleteFile();
   const std::string log = out.take();
   EXPECT_FALSE(fs::exists(dir.path() / "unpacked"));
   EXPECT_NE(log.find("Deleted file at path " + (dir.path() / "unpacked").string() + "\n"), std::string::npos) << log;
