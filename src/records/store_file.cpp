@@ -4,13 +4,15 @@
 #include <sys/file.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <system_error>
 
 #include <fmt/format.h>
+
+#include "support/files.h"
+#include "support/unique_strings.h"
 
 namespace symlift::records {
 
@@ -29,18 +31,6 @@ std::string temporaryPrefix(const fs::path& path) {
   std::string prefix = ".";
   prefix.append(path.filename().string()).push_back('.');
   return prefix;
-}
-
-bool writeAll(int fd, std::string_view bytes) {
-  while (!bytes.empty()) {
-    ssize_t written = ::write(fd, bytes.data(), bytes.size());
-    if (written < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    bytes.remove_prefix(static_cast<std::size_t>(written));
-  }
-  return true;
 }
 
 }  // namespace
@@ -66,52 +56,23 @@ StoreLock::~StoreLock() {
 }
 
 bool replaceFileAtomically(const std::string& path, std::string_view bytes, std::string* error) {
-  static std::atomic<unsigned> counter{0};
   const fs::path target(path);
   const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path(".");
-
-  std::string temporary;
-  int fd = -1;
-  // The name is unique to this process and call; O_EXCL guards against
-  // anything left over with the same name.
-  for (int attempt = 0; attempt < 100 && fd < 0; ++attempt) {
-    temporary = (folder / fmt::format("{}{}-{}{}", temporaryPrefix(target), ::getpid(), counter.fetch_add(1),
-                                      kTemporarySuffix))
-                    .string();
-    fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0 && errno != EEXIST) break;
+  // A unique name; anything left over under it is never reused.
+  const std::string temporary =
+      (folder / (temporaryPrefix(target) + support::SUPStrings::uniqueString() + kTemporarySuffix)).string();
+  support::ReplaceStep step = support::ReplaceStep::Create;
+  if (support::replaceFileAtomically(path, bytes, temporary, {.durable = true}, &step)) return true;
+  if (error) {
+    switch (step) {
+      case support::ReplaceStep::Create: *error = errnoText("Cannot create", temporary); break;
+      case support::ReplaceStep::Write: *error = errnoText("Cannot write", temporary); break;
+      case support::ReplaceStep::Flush: *error = errnoText("Cannot flush", temporary); break;
+      case support::ReplaceStep::Close: *error = errnoText("Cannot close", temporary); break;
+      case support::ReplaceStep::Rename: *error = errnoText("Cannot rename to", path); break;
+    }
   }
-  if (fd < 0) {
-    if (error) *error = errnoText("Cannot create", temporary);
-    return false;
-  }
-
-  bool written = writeAll(fd, bytes);
-  if (!written && error) *error = errnoText("Cannot write", temporary);
-  if (written && ::fsync(fd) != 0) {
-    written = false;
-    if (error) *error = errnoText("Cannot flush", temporary);
-  }
-  if (::close(fd) != 0 && written) {
-    written = false;
-    if (error) *error = errnoText("Cannot close", temporary);
-  }
-  if (written && ::rename(temporary.c_str(), path.c_str()) != 0) {
-    written = false;
-    if (error) *error = errnoText("Cannot rename to", path);
-  }
-  if (!written) {
-    ::unlink(temporary.c_str());
-    return false;
-  }
-
-  // Make the rename itself durable; a failure here does not undo it.
-  int folderFD = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (folderFD >= 0) {
-    ::fsync(folderFD);
-    ::close(folderFD);
-  }
-  return true;
+  return false;
 }
 
 void removeStaleTemporaryFiles(const std::string& path) {

@@ -1,8 +1,6 @@
 #include "symbols/csym_generator.h"
 
-#include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -10,6 +8,7 @@
 #include "console/console_log.h"
 #include "support/cleanup_registry.h"
 #include "support/files.h"
+#include "support/unique_strings.h"
 #include "support/system_log.h"
 #include "support/temporary_directory.h"
 #include "symbols/symbol_processor.h"
@@ -31,8 +30,7 @@ std::string SUPCSYMGeneratorUtilities::csymPathForArchitecture(const std::string
 
 bool CSYMGenerator::writeFileAtomically(const std::string& path, const std::string& bytes,
                                         support::CleanupRegistry* cleanup) {
-  static std::atomic<unsigned> counter{0};
-  const std::string partial = path + ".partial." + std::to_string(getpid()) + "." + std::to_string(counter++);
+  const std::string partial = path + ".partial." + support::SUPStrings::uniqueString();
   // Registered while it exists, so an interrupted run removes it; the final
   // name then takes its place in the registry.
   return support::replaceFileAtomically(path, bytes, partial, {.cleanup = cleanup});
