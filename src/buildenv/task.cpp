@@ -98,8 +98,10 @@ std::int32_t statusFromWaitStatus(int waitStatus) {
 }
 
 // The child gets default handling of the signals a parent commonly ignores
-// or catches (a network library ignoring SIGPIPE, for instance) and an empty
-// signal mask.
+// or catches (a network library ignoring SIGPIPE, for instance), an empty
+// signal mask and a session of its own: without a controlling terminal it
+// cannot stop to ask the user anything (unzip asking for the password of an
+// encrypted archive would wait for ever).
 bool prepareAttributes(posix_spawnattr_t& attributes) {
   if (posix_spawnattr_init(&attributes) != 0) return false;
   sigset_t defaults;
@@ -110,7 +112,7 @@ bool prepareAttributes(posix_spawnattr_t& attributes) {
   sigemptyset(&mask);
   posix_spawnattr_setsigdefault(&attributes, &defaults);
   posix_spawnattr_setsigmask(&attributes, &mask);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSID);
   return true;
 }
 

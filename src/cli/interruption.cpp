@@ -30,6 +30,10 @@ const char* signalName(int signal) {
       return "SIGINT";
     case SIGTERM:
       return "SIGTERM";
+    case SIGHUP:
+      return "SIGHUP";
+    case SIGPIPE:
+      return "SIGPIPE";
   }
   return "a signal";
 }
@@ -106,8 +110,10 @@ void waitForInterruption(sigset_t signals) {
 
 InterruptionHandling::InterruptionHandling() {
   sigemptyset(&signals_);
-  sigaddset(&signals_, SIGINT);
-  sigaddset(&signals_, SIGTERM);
+  // SIGPIPE too: a write to a closed pipe gets EPIPE instead of ending the
+  // process on the spot, and the console log then sends the signal to the
+  // process, so that it ends here like the others.
+  for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) sigaddset(&signals_, signal);
   if (pthread_sigmask(SIG_BLOCK, &signals_, nullptr) != 0) return;
   waiter_ = std::thread(waitForInterruption, signals_);
 }

@@ -1,6 +1,7 @@
 #pragma once
-// Ending a run on SIGINT or SIGTERM: the temporary files and folders the run
-// made are removed and the process exits with 128 + the signal's number.
+// Ending a run on SIGINT, SIGTERM, SIGHUP or SIGPIPE: the temporary files
+// and folders the run made are removed and the process exits with 128 + the
+// signal's number.
 
 #include <thread>
 
@@ -12,7 +13,7 @@ class CleanupRegistry;
 
 namespace symlift::cli {
 
-// Blocks SIGINT and SIGTERM in the calling thread (every thread started
+// Blocks those signals in the calling thread (every thread started
 // afterwards inherits that) and starts the one thread that waits for them;
 // the destructor stops that thread and joins it. Make one first thing in
 // main, before any other thread exists.

@@ -1,5 +1,6 @@
 #include "cli/path_expansion.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -137,13 +138,28 @@ bool hasArchitectureSlices(const dsym::SUPDSYMFile& file) {
   return file.dsym() && file.dsym()->binary() && !file.dsym()->binary()->slices().empty();
 }
 
+// Why a DWARF file that is there could not be read: the errno of opening it
+// (without waiting on a pipe or a device), or 0 when it opens.
+int openError(const fs::path& path) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return errno;
+  ::close(fd);
+  return 0;
+}
+
+// unzip takes a word that starts with "-" for options, whatever its place.
+std::string asOperand(const std::string& path) { return path.starts_with("-") ? "./" + path : path; }
+
 }  // namespace
 
 bool isPathOfType(const std::string& path, PathType type) {
   std::error_code error;
   const fs::file_status status = fs::status(path, error);
   if (!fs::exists(status)) {
-    SYLLogWarning("Path does not exist: {}", path);
+    if (error == std::errc::filename_too_long)
+      SYLLogWarning("Path is too long: {}", path);
+    else
+      SYLLogWarning("Path does not exist: {}", path);
     return false;
   }
   const bool isDSYMName = hasSuffixIgnoringCase(path, ".dSYM");
@@ -241,13 +257,21 @@ int PathExpansion::processDSYMBundle(const std::string& path) {
       SYLLogWarning("Skipping Apple dSYM: {}", path);
       return kExitSuccess;
     }
+    DWARFInput input{path, dwarfPath, dSYMFile};
     // A dSYM operation over no slices would wait forever for a compound
-    // operation with nothing in it; such a file has nothing to upload.
-    if (dSYMFile && !hasArchitectureSlices(*dSYMFile)) {
-      SYLLogWarning("No architecture slices in dSYM at {}", dwarfPath.string());
-      continue;
+    // operation with nothing in it; a file that has none has nothing to
+    // upload. A file that has gone since the listing still goes to the
+    // pipeline, which reports it gone; one that cannot be read is the
+    // handler's to report.
+    std::error_code error;
+    if (dSYMFile && !hasArchitectureSlices(*dSYMFile) && fs::exists(fs::symlink_status(dwarfPath, error))) {
+      input.readError = openError(dwarfPath);
+      if (input.readError == 0) {
+        SYLLogWarning("No architecture slices in dSYM at {}", dwarfPath.string());
+        continue;
+      }
     }
-    if (int status = handle_(DWARFInput{path, dwarfPath, dSYMFile}); status != kExitSuccess) return status;
+    if (int status = handle_(input); status != kExitSuccess) return status;
   }
   return kExitSuccess;
 }
@@ -292,7 +316,7 @@ int PathExpansion::processArchive(const std::string& path) {
   std::int32_t status = -1;
   std::string standardError;
   const bool launched = buildenv::SUPTask::launchWithPath(
-      unzip, std::nullopt, buildenv::SUPTask::Arguments{"-qq", "-o", path, "-d", folder},
+      unzip, std::nullopt, buildenv::SUPTask::Arguments{"-qq", "-o", asOperand(path), "-d", asOperand(folder)},
       [&](const std::string& err, const std::string&, std::int32_t exitStatus) {
         standardError = err;
         status = exitStatus;

@@ -34,6 +34,8 @@ struct DWARFInput {
   std::string bundlePath;
   std::filesystem::path dwarfPath;
   std::shared_ptr<dsym::SUPDSYMFile> file;  // nothing when the bundle could not be read
+  // The errno of opening a DWARF file that is there but cannot be read.
+  int readError = 0;
 };
 
 // Processes one DWARF input: kExitSuccess to go on, else the run's status.

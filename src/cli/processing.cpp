@@ -1,14 +1,32 @@
 #include "cli/processing.h"
 
+#include <cstring>
+
 #include "cli/exit_status.h"
 #include "cli/run_context.h"
 #include "console/console_log.h"
 #include "dsym/code_mapping_info_container.h"
+#include "operations/pipeline_errors.h"
 #include "operations/process_dsym_operation.h"
 
 namespace symlift::cli {
 
+namespace {
+
+int reportFailure(const DWARFInput& input, const support::ErrorPtr& error) {
+  console::SYLLogError("Could not complete submission of dSYM at {}: {}", input.bundlePath, error->description());
+  return kExitProcessingFailed;
+}
+
+}  // namespace
+
 int processDWARFInput(RunContext& run, const SYLUploadSettings& settings, const DWARFInput& input) {
+  if (input.readError != 0)
+    return reportFailure(
+        input, support::makeError(operations::kProcessDSYMErrorDomain, operations::kProcessDSYMErrorCodeProcessingFailed,
+                                  {{support::kLocalizedFailureReasonKey,
+                                    fmt::format("Could not read DWARF file at {}: {}", input.dwarfPath.string(),
+                                                std::strerror(input.readError))}}));
   auto container = std::make_shared<dsym::SUPCodeMappingInfoContainer>();
   container->setDSYMFile(input.file);
   container->setMaxCoreSymbolicationVersion(settings.maxSymbolicationVersion);
@@ -24,9 +42,7 @@ int processDWARFInput(RunContext& run, const SYLUploadSettings& settings, const 
   operation->setAsyncCompletion([&failure](const support::ErrorPtr& error) { failure = error; });
   // container and client stay alive here for the whole wait.
   run.queue()->addOperationAndWait(operation);
-  if (!failure) return kExitSuccess;
-  console::SYLLogError("Could not complete submission of dSYM at {}: {}", input.bundlePath, failure->description());
-  return kExitProcessingFailed;
+  return failure ? reportFailure(input, failure) : kExitSuccess;
 }
 
 int processPaths(RunContext& run, const SYLUploadSettings& settings, const std::vector<std::string>& paths) {

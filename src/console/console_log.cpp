@@ -1,5 +1,9 @@
 #include "console/console_log.h"
 
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <mutex>
 
@@ -12,6 +16,16 @@ std::mutex& classLock() {
   static std::mutex lock;
   return lock;
 }
+
+// Writes a whole line and hands it on at once, so that a log read through a
+// pipe shows each line when it happens. A reader that has gone away makes
+// the process end as a pipe's signal would, through the process's own
+// handling of it (the signal itself is blocked in every thread).
+void writeLine(const std::string& line) {
+  std::fwrite(line.data(), 1, line.size(), stdout);
+  if (std::fflush(stdout) != 0 && errno == EPIPE) ::kill(::getpid(), SIGPIPE);
+}
+
 }  // namespace
 
 SYLLogging& SYLLogging::sharedInstance() {
@@ -31,17 +45,14 @@ void SYLLogging::logWithLogLevel(std::uint64_t level, std::string_view message, 
   SYLLogging& shared = sharedInstance();
   if (level < shared.logLevel()) return;
   std::lock_guard<std::mutex> guard(classLock());
-  std::string line = formatLine(level, message, color, shared.colorsEnabled());
-  std::fwrite(line.data(), 1, line.size(), stdout);
+  writeLine(formatLine(level, message, color, shared.colorsEnabled()));
 }
 
 void SYLLogging::logLastLineAndClose(std::uint64_t level, std::string_view message, std::string_view color) {
   classLock().lock();  // deliberately never released
   SYLLogging& shared = sharedInstance();
   if (level < shared.logLevel()) return;
-  std::string line = formatLine(level, message, color, shared.colorsEnabled());
-  std::fwrite(line.data(), 1, line.size(), stdout);
-  std::fflush(stdout);
+  writeLine(formatLine(level, message, color, shared.colorsEnabled()));
 }
 
 void SYLLogging::logWithLogLevel(std::uint64_t level, std::string_view message) {

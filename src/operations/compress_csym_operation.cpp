@@ -11,7 +11,6 @@
 #include "console/console_log.h"
 #include "operations/compressed_csym_cache.h"
 #include "operations/delete_file_operation.h"
-#include "operations/parallel_gzip.h"
 #include "operations/pipeline_errors.h"
 #include "support/cleanup_registry.h"
 #include "support/files.h"
@@ -74,19 +73,18 @@ bool SUPCompressCSYMOperation::zipCSYMWithUUID(const std::string& uuid, const st
 }
 
 bool SUPCompressCSYMOperation::gzipCSYMAtPath(const std::string& path, const std::string& location) {
-  // The stream made while the generator went on to the next slice, when the
-  // file is still the one it wrote; otherwise the file is read and gzipped
-  // here. An unreadable source is written as an empty stream, not as a failure.
+  // The stream of the text this run converted for the slice, made while the
+  // generator went on to the next slice. The file at path is never read
+  // back: another run may have replaced or removed it since. No stream (the
+  // run converted nothing there, or it could not be compressed) fails the
+  // slice, rather than sending an empty one.
   std::optional<std::vector<std::uint8_t>> stream = context_.compressedCSYMs.take(path);
-  if (!stream) {
-    const std::string source = support::readWholeFile(path).value_or(std::string());
-    stream = gzipInChunks(context_.pool, std::span(reinterpret_cast<const std::uint8_t*>(source.data()), source.size()));
-  }
-  bool writeFailed = !stream;
+  const bool converted = stream.has_value();
+  bool writeFailed = !converted;
   int writeErrno = 0;
   const int fd = writeFailed ? -1 : support::createPrivateFile(location, &context_.cleanup);
-  if (writeFailed) {
-    // zlib could not compress: nothing is written.
+  if (!converted) {
+    SYLLogDebug("No converted cSYM of this run at {}", path);
   } else if (fd < 0) {
     // Nothing to write into: as short a write as there can be.
     writeFailed = true;
@@ -101,10 +99,9 @@ bool SUPCompressCSYMOperation::gzipCSYMAtPath(const std::string& path, const std
       writeErrno = errno;
     }
   }
-  if (writeFailed)
-    SYLLogError("Could not write compressed cSYM file {}: {}", location,
-                writeErrno ? std::strerror(writeErrno) : "compression failed");
-  else
+  if (writeFailed && converted)
+    SYLLogError("Could not write compressed cSYM file {}: {}", location, std::strerror(writeErrno));
+  else if (!writeFailed)
     lastWritten_ = std::move(stream);
 
   if (codeMappingInfo_ && codeMappingInfo_->convertOnly()) {

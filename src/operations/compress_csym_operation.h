@@ -1,7 +1,7 @@
 #pragma once
-// Gzips one slice's cSYM file into a temporary file, keeps the compressed
-// bytes in memory and queues the removal of both files (unless the run only
-// converts, when they stay for the user).
+// Writes the gzip stream of one slice's cSYM (converted by this run) into a
+// temporary file, keeps the compressed bytes in memory and queues the removal
+// of both files (unless the run only converts, when they stay for the user).
 
 #include <cstdint>
 #include <memory>
@@ -31,8 +31,8 @@ class SUPCompressCSYMOperation : public dispatch::SUPKITAsyncOperation {
   // Compresses the slice's cSYM file; on failure returns false and sets error.
   bool zipCSYMWithUUID(const std::string& uuid, const std::string& architecture, const std::string& dSYMPath,
                        support::ErrorPtr& error);
-  // False only when a write came up short. A source that cannot be read
-  // counts as empty: the destination then holds an empty gzip stream.
+  // Writes the gzip stream of the cSYM this run converted at path to
+  // location. False when there is none, or the write came up short.
   bool gzipCSYMAtPath(const std::string& path, const std::string& location);
 
   const std::optional<std::vector<std::uint8_t>>& compressedData() const { return compressedData_; }
