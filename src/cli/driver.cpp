@@ -1,5 +1,10 @@
 #include "cli/driver.h"
 
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <string>
@@ -13,6 +18,8 @@
 #include "cli/platform_names.h"
 #include "cli/process_environment.h"
 #include "cli/processing.h"
+#include "cli/progress_line.h"
+#include "cli/run_report.h"
 #include "cli/run_context.h"
 #include "cli/run_info.h"
 #include "cli/service_pages.h"
@@ -53,7 +60,65 @@ void printRetiredAPIKeyError(bool buildPhaseRoute) {
   }
 }
 
-int runManualMode(const ArgumentList& arguments, SYLUploadSettings settings) {
+// Counts the slices that made it: uploaded, or converted in a convert-only
+// run (for --strict).
+class SliceTally : public operations::PipelineObserver {
+ public:
+  explicit SliceTally(bool convertOnly) : convertOnly_(convertOnly) {}
+  std::uint64_t count() const { return count_; }
+  void sliceConverted(const std::string&, const operations::CSYMHeader&, std::uint64_t) override {
+    if (convertOnly_) ++count_;
+  }
+  void uploadFinished(const std::string&, long, std::uint64_t, const support::ErrorPtr& error) override {
+    if (!error) ++count_;
+  }
+
+ private:
+  const bool convertOnly_;
+  std::atomic<std::uint64_t> count_{0};
+};
+
+// What the routes share besides the arguments: the report (if asked for)
+// and the strictness.
+struct RunOptions {
+  RunReport* report = nullptr;
+  bool strict = false;
+};
+
+// The run's context with its listeners: the progress line, the tally and
+// the report hear of every slice.
+class Run {
+ public:
+  Run(const SYLUploadSettings& settings, const RunOptions& options)
+      : options_(options),
+        progress_(STDERR_FILENO, settings.convertOnly),
+        tally_(settings.convertOnly),
+        observers_(options.report ? std::vector<operations::PipelineObserver*>{&progress_, &tally_, options.report}
+                                  : std::vector<operations::PipelineObserver*>{&progress_, &tally_}),
+        context_(settings.convertOnly, observers_) {}
+
+  // Every path through the pipeline; the run's status. With --strict a run
+  // in which no slice made it fails.
+  int process(const SYLUploadSettings& settings, const std::vector<std::string>& paths) {
+    const int status = processPaths(context_, settings, paths, {options_.report, &progress_});
+    progress_.clear();
+    if (status != kExitSuccess || !options_.strict || tally_.count() > 0) return status;
+    if (settings.convertOnly)
+      SYLLogError("Nothing was converted: no dSYM with architecture slices was found in the given paths");
+    else
+      SYLLogError("Nothing was uploaded: no dSYM with architecture slices was found in the given paths");
+    return kExitNothingUploaded;
+  }
+
+ private:
+  const RunOptions& options_;
+  ProgressLine progress_;
+  SliceTally tally_;
+  operations::PipelineObservers observers_;
+  RunContext context_;
+};
+
+int runManualMode(const ArgumentList& arguments, SYLUploadSettings settings, const RunOptions& options) {
   if (!arguments.hasFlag(kPlatformOption)) {
     SYLLogError("Missing required flag {}/{}", kPlatformOption.shortName, kPlatformOption.longName);
     return kExitMissingPlatform;
@@ -81,8 +146,9 @@ int runManualMode(const ArgumentList& arguments, SYLUploadSettings settings) {
     return kExitSuccess;
   }
 
-  RunContext run(settings.convertOnly);
-  if (int status = processPaths(run, settings, paths); status != kExitSuccess) return status;
+  if (options.report) options.report->setPlatform(settings.platform);
+  Run run(settings, options);
+  if (int status = run.process(settings, paths); status != kExitSuccess) return status;
   // By hand the validator's warnings follow the upload; they never stop it.
   if (!arguments.hasFlag(kSkipDSYMValidationOption)) dsym::DSYMValidator::validateDSYMs(paths);
   SYLLogSuccess("Successfully uploaded Vantrel symbols");
@@ -90,7 +156,7 @@ int runManualMode(const ArgumentList& arguments, SYLUploadSettings settings) {
 }
 
 int runBuildPhaseMode(const ArgumentList& arguments, const buildenv::Environment& environment,
-                      SYLUploadSettings settings) {
+                      SYLUploadSettings settings, const RunOptions& options) {
   const bool isLumoProject = arguments.hasFlag(kLumoProjectOption);
   SYLLogInfo("Running symlift in Build Phase mode");
 
@@ -137,11 +203,13 @@ int runBuildPhaseMode(const ArgumentList& arguments, const buildenv::Environment
   // On CI machines every run uploads: their caches are not the user's.
   if (!settings.isCI && recorder->isAlreadyUploadedBinary(executable)) {
     SYLLogInfo("Already uploaded this dSYM, not doing it again");
+    if (options.report) options.report->alreadyUploaded(paths);
     return kExitSuccess;
   }
 
-  RunContext run(settings.convertOnly);
-  if (int status = processPaths(run, settings, paths); status != kExitSuccess) return status;
+  if (options.report) options.report->setPlatform(settings.platform);
+  Run run(settings, options);
+  if (int status = run.process(settings, paths); status != kExitSuccess) return status;
   recordUpload(recorder, executable, settings.isCI);
   SYLLogSuccess("Successfully uploaded Vantrel build event and symbols");
   return kExitSuccess;
@@ -149,9 +217,21 @@ int runBuildPhaseMode(const ArgumentList& arguments, const buildenv::Environment
 
 }  // namespace
 
-int run(const ArgumentList& arguments) {
-  // Build logs are not terminals: no colour, before anything is printed.
-  if (arguments.hasFlag(kBuildPhaseOption)) SYLLogging::sharedInstance().setColorsEnabled(false);
+int run(const ArgumentList& arguments, RunReport* report) {
+  // Colour only for a person at a terminal: never in build logs, pipes or
+  // files, nor when NO_COLOR is set (whatever its value).
+  SYLLogging::sharedInstance().setColorsEnabled(!arguments.hasFlag(kBuildPhaseOption) &&
+                                                ::isatty(STDOUT_FILENO) == 1 && !std::getenv("NO_COLOR"));
+
+  RunOptions options;
+  options.report = report;
+  options.strict = arguments.hasFlag(kStrictOption);
+  if (options.strict) {
+    if (auto unknown = arguments.firstUnknownOption()) {
+      SYLLogError("Unknown option {} (run symlift --help for the options)", *unknown);
+      return kExitUnknownOption;
+    }
+  }
 
   if (arguments.hasFlag(kHelpOption)) {
     printUsage();
@@ -188,14 +268,23 @@ int run(const ArgumentList& arguments) {
   settings.isCI = false;
   settings.maxSymbolicationVersion = maxSymbolicationVersion;
 
-  if (!buildPhaseRoute) return runManualMode(arguments, std::move(settings));
-  return runBuildPhaseMode(arguments, *environment, std::move(settings));
+  if (report) report->setMode(buildPhaseRoute ? "build-phase" : "manual", convertOnly, options.strict);
+  if (!buildPhaseRoute) return runManualMode(arguments, std::move(settings), options);
+  return runBuildPhaseMode(arguments, *environment, std::move(settings), options);
 }
 
 int runMain(int argc, char** argv) {
   // Before any thread starts, so that every thread leaves the signals to one.
   InterruptionHandling interruption;
-  const int status = run(ArgumentList(argc, argv));
+  // Each line reaches a log read through a pipe as it is written.
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  const ArgumentList arguments(argc, argv);
+  std::unique_ptr<RunReport> report;
+  if (auto path = arguments.valueForFlag(kReportOption)) report = std::make_unique<RunReport>(*path);
+  setInterruptionReport(report.get());
+  const int status = run(arguments, report.get());
+  setInterruptionReport(nullptr);
+  if (report) report->write(status);
   std::fflush(stdout);
   return status;
 }

@@ -10,8 +10,11 @@ namespace symlift::cli {
 // returns the run's status once every thread of the run has ended.
 int runMain(int argc, char** argv);
 
+class RunReport;
+
 // The run for the given argument words (program path first), reading the
-// process environment in build-phase mode. Returns the exit status.
-int run(const ArgumentList& arguments);
+// process environment in build-phase mode, telling the report (when given)
+// what it does. Returns the exit status.
+int run(const ArgumentList& arguments, RunReport* report = nullptr);
 
 }  // namespace symlift::cli

@@ -16,5 +16,8 @@ inline constexpr int kExitUnzipFailed = 11;
 inline constexpr int kExitNoAppID = 13;
 inline constexpr int kExitInvalidBuildEnvironment = 15;  // also: upload recorder not creatable
 inline constexpr int kExitRetiredAPIKey = 18;
+// Only with --strict:
+inline constexpr int kExitUnknownOption = 3;
+inline constexpr int kExitNothingUploaded = 4;
 
 }  // namespace symlift::cli

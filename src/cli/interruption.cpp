@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "console/console_log.h"
+#include "cli/run_report.h"
 #include "support/cleanup_registry.h"
 
 namespace symlift::cli {
@@ -78,8 +79,9 @@ void stopChildProcesses() {
 
 // Set while a run is under way. Taken under the lock by the waiting thread,
 // so a run cannot end (and its registry go) while it is being cleaned up.
-std::mutex cleanupMutex;
+std::mutex cleanupMutex;  // guards both below
 support::CleanupRegistry* currentCleanup = nullptr;
+RunReport* currentReport = nullptr;
 std::atomic<bool> stopWaiting{false};
 
 // Signals are taken synchronously on this thread rather than in a handler,
@@ -102,6 +104,7 @@ void waitForInterruption(sigset_t signals) {
   // the clean-up's back; the threads still working never get further.
   cleanupMutex.lock();  // deliberately never released: the process ends here
   if (currentCleanup) currentCleanup->removeAllAndSeal();
+  if (currentReport) currentReport->write(128 + signal, signal);
   std::fflush(stderr);
   ::_exit(128 + signal);
 }
@@ -129,6 +132,11 @@ InterruptionHandling::~InterruptionHandling() {
 void setInterruptionCleanup(support::CleanupRegistry* cleanup) {
   std::lock_guard<std::mutex> guard(cleanupMutex);
   currentCleanup = cleanup;
+}
+
+void setInterruptionReport(RunReport* report) {
+  std::lock_guard<std::mutex> guard(cleanupMutex);
+  currentReport = report;
 }
 
 }  // namespace symlift::cli

@@ -29,8 +29,13 @@ class InterruptionHandling {
   std::thread waiter_;
 };
 
+class RunReport;
+
 // The registry whose paths an interruption removes (the running run's), or
 // none. Waits while an interruption is cleaning up.
 void setInterruptionCleanup(support::CleanupRegistry* cleanup);
+// The report an interruption writes (marked interrupted) before the process
+// ends, or none.
+void setInterruptionReport(RunReport* report);
 
 }  // namespace symlift::cli

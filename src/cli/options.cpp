@@ -1,5 +1,7 @@
 #include "cli/options.h"
 
+#include <algorithm>
+#include <iterator>
 #include <string>
 
 namespace symlift::cli {
@@ -81,6 +83,28 @@ std::vector<std::string> ArgumentList::pathArguments() const {
     if (afterSeparator || run >= 2) paths.push_back(word);
   }
   return paths;
+}
+
+std::optional<std::string> ArgumentList::firstUnknownOption() const {
+  const auto names = [](const std::string& word, const Option& option) {
+    for (std::string_view dashes : {"-", "--"})
+      for (std::string_view name : {option.shortName, option.longName})
+        if (word == dashed(dashes, name)) return true;
+    return false;
+  };
+  for (std::size_t i = 1; i < words_.size(); ++i) {
+    const std::string& word = words_[i];
+    if (word == "--") break;
+    if (word.size() < 2 || word.front() != '-') continue;
+    if (std::any_of(std::begin(kAllOptions), std::end(kAllOptions), [&](const Option& o) { return names(word, o); })) {
+      if (std::any_of(std::begin(kValuedOptions), std::end(kValuedOptions),
+                      [&](const Option& o) { return names(word, o); }))
+        ++i;  // its value, whatever it looks like
+      continue;
+    }
+    return word;
+  }
+  return std::nullopt;
 }
 
 }  // namespace symlift::cli

@@ -30,6 +30,20 @@ inline constexpr Option kBuildPhaseOption{"bp", "build-phase"};
 inline constexpr Option kValidateOption{"val", "validate"};
 inline constexpr Option kSkipDSYMValidationOption{"sdv", "skip-dsym-validation"};
 inline constexpr Option kLumoProjectOption{"lp", "lumo-project"};
+// For pipelines: a JSON report of the run written to the file given, and
+// strictness (unknown options and runs that upload nothing fail).
+inline constexpr Option kReportOption{"report", "report"};
+inline constexpr Option kStrictOption{"strict", "strict"};
+
+// Every option, and which of them take a value.
+inline constexpr Option kAllOptions[] = {
+    kHelpOption,          kVersionOption,    kDebugOption,        kMaxSymbolicationVersionOption, kConvertOption,
+    kAPIKeyOption,        kAppIDOption,      kServicePlistOption, kPlatformOption,                kBuildPhaseOption,
+    kValidateOption,      kSkipDSYMValidationOption, kLumoProjectOption, kReportOption,           kStrictOption,
+};
+inline constexpr Option kValuedOptions[] = {
+    kMaxSymbolicationVersionOption, kAPIKeyOption, kAppIDOption, kServicePlistOption, kPlatformOption, kReportOption,
+};
 
 // The process's argument words, the program path at their head.
 class ArgumentList {
@@ -56,6 +70,10 @@ class ArgumentList {
   // later of a run of words not beginning with "-" (the first of such a run
   // is an option's value, or the program path).
   std::vector<std::string> pathArguments() const;
+
+  // The first word before "--" that looks like an option ("-" and more) but
+  // names none, not counting the word after an option that takes a value.
+  std::optional<std::string> firstUnknownOption() const;
 
  private:
   std::optional<std::string> valueForKey(std::string_view key) const;

@@ -255,6 +255,7 @@ int PathExpansion::processDSYMBundle(const std::string& path) {
     auto dSYMFile = dsym::SUPDSYMFile::initWithDWARFURL(dwarfPath, path);
     if (dSYMFile && isSystemLibraryDSYM(*dSYMFile)) {
       SYLLogWarning("Skipping Apple dSYM: {}", path);
+      if (skipped_) skipped_(DWARFInput{path, dwarfPath, dSYMFile});
       return kExitSuccess;
     }
     DWARFInput input{path, dwarfPath, dSYMFile};
@@ -268,6 +269,7 @@ int PathExpansion::processDSYMBundle(const std::string& path) {
       input.readError = openError(dwarfPath);
       if (input.readError == 0) {
         SYLLogWarning("No architecture slices in dSYM at {}", dwarfPath.string());
+        if (skipped_) skipped_(input);
         continue;
       }
     }

@@ -45,6 +45,9 @@ class PathExpansion {
  public:
   PathExpansion(RunContext& run, const SYLUploadSettings& settings, DWARFInputHandler handle);
 
+  // Told of every DWARF file left out (an Apple dSYM, a file without slices).
+  void setSkippedHandler(std::function<void(const DWARFInput& input)> skipped) { skipped_ = std::move(skipped); }
+
   // Every path in order. recursive: the paths are a searched folder's
   // entries (folders among them are not searched again, other kinds are
   // skipped without a word). kExitSuccess, or the first status that ends
@@ -64,6 +67,7 @@ class PathExpansion {
   RunContext& run_;
   const SYLUploadSettings& settings_;
   DWARFInputHandler handle_;
+  std::function<void(const DWARFInput& input)> skipped_;
 };
 
 // False, with a warning, when nothing exists at the path; else whether the

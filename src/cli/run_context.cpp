@@ -4,13 +4,13 @@
 
 namespace symlift::cli {
 
-RunContext::RunContext(bool keepTemporaryFiles)
+RunContext::RunContext(bool keepTemporaryFiles, operations::PipelineObserver& observer)
     : keepTemporaryFiles_(keepTemporaryFiles),
       pool_(std::make_unique<dispatch::ThreadPool>()),
       compressedCSYMs_(std::make_unique<operations::CompressedCSYMCache>(*pool_)),
       queue_(dispatch::OperationQueue::create(*pool_, "symlift.processing")),
       networkClient_(network::SUPKITNetworkClient::create(*pool_)),
-      pipeline_{*pool_, cleanup_, *compressedCSYMs_} {
+      pipeline_{*pool_, cleanup_, *compressedCSYMs_, observer} {
   // From here on an interruption removes what this run registers.
   setInterruptionCleanup(&cleanup_);
 }

@@ -20,8 +20,9 @@ namespace symlift::cli {
 class RunContext {
  public:
   // keepTemporaryFiles: a convert-only run leaves its cSYM, gzip and unpack
-  // files to the user; any other run removes whatever it left behind.
-  explicit RunContext(bool keepTemporaryFiles);
+  // files to the user; any other run removes whatever it left behind. The
+  // observer hears of every slice; it outlives the run.
+  RunContext(bool keepTemporaryFiles, operations::PipelineObserver& observer);
   ~RunContext();
   RunContext(const RunContext&) = delete;
   RunContext& operator=(const RunContext&) = delete;

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <mutex>
+#include <vector>
 
 namespace symlift::console {
 
@@ -15,6 +16,11 @@ namespace {
 std::mutex& classLock() {
   static std::mutex lock;
   return lock;
+}
+
+std::vector<LogListener*>& listeners() {
+  static std::vector<LogListener*> list;  // guarded by classLock()
+  return list;
 }
 
 // Writes a whole line and hands it on at once, so that a log read through a
@@ -45,14 +51,28 @@ void SYLLogging::logWithLogLevel(std::uint64_t level, std::string_view message, 
   SYLLogging& shared = sharedInstance();
   if (level < shared.logLevel()) return;
   std::lock_guard<std::mutex> guard(classLock());
+  for (LogListener* listener : listeners()) listener->willWriteLine();
   writeLine(formatLine(level, message, color, shared.colorsEnabled()));
+  for (LogListener* listener : listeners()) listener->didWriteLine(level, message);
+}
+
+void SYLLogging::addListener(LogListener* listener) {
+  std::lock_guard<std::mutex> guard(classLock());
+  listeners().push_back(listener);
+}
+
+void SYLLogging::removeListener(LogListener* listener) {
+  std::lock_guard<std::mutex> guard(classLock());
+  std::erase(listeners(), listener);
 }
 
 void SYLLogging::logLastLineAndClose(std::uint64_t level, std::string_view message, std::string_view color) {
   classLock().lock();  // deliberately never released
   SYLLogging& shared = sharedInstance();
   if (level < shared.logLevel()) return;
+  for (LogListener* listener : listeners()) listener->willWriteLine();
   writeLine(formatLine(level, message, color, shared.colorsEnabled()));
+  for (LogListener* listener : listeners()) listener->didWriteLine(level, message);
 }
 
 void SYLLogging::logWithLogLevel(std::uint64_t level, std::string_view message) {

@@ -26,6 +26,16 @@ inline constexpr std::string_view kColorRed = "\x1b[31m";
 inline constexpr std::string_view kColorYellow = "\x1b[33m";
 inline constexpr std::string_view kColorGreen = "\x1b[32m";
 
+// Hears every line the log writes (the run report keeps the warnings, the
+// progress line on a terminal steps aside for them). Both calls come under
+// the log's lock, so a listener must not log.
+class LogListener {
+ public:
+  virtual ~LogListener() = default;
+  virtual void willWriteLine() {}
+  virtual void didWriteLine(std::uint64_t /*level*/, std::string_view /*message*/) {}
+};
+
 class SYLLogging {
  public:
   // The one process-wide instance (level 1, colour on at creation).
@@ -59,6 +69,11 @@ class SYLLogging {
   void setLogLevel(std::uint64_t level) { logLevel_.store(level, std::memory_order_relaxed); }
   bool colorsEnabled() const { return colorsEnabled_.load(std::memory_order_relaxed); }
   void setColorsEnabled(bool enabled) { colorsEnabled_.store(enabled, std::memory_order_relaxed); }
+
+  // Listeners are added for the length of a run; one removed is not called
+  // again once this returns.
+  static void addListener(LogListener* listener);
+  static void removeListener(LogListener* listener);
 
   // The line that logWithLogLevel writes for these inputs (no level test).
   static std::string formatLine(std::uint64_t level, std::string_view message, std::string_view color,

@@ -74,6 +74,7 @@ void SUPKITNetworkClient::startDataTaskWithRequest(const URLRequest& request, st
                                                    std::uint64_t tries, CompletionHandler completion) {
   URLRequest copy = request;
   copy.setValueForHTTPHeaderField(fmt::format("{}/{}", tries, retryLimit), kRetriesHeaderName);
+  if (request.observer && request.observer->attemptStarted) request.observer->attemptStarted(tries + 1);
 
   // Held once for the transfer's completion rather than copied into it:
   // the body may be megabytes.
@@ -126,17 +127,22 @@ void SUPKITNetworkClient::runAfterRetryValueFromResponse(const Response& respons
 
 void SUPKITNetworkClient::runAfterRetryValueFromResponse(const Response& response, std::uint64_t attempts,
                                                          std::function<void()> block) {
-  if (delayScheduler_) {
-    delayScheduler_(retryDelayWithTestCeiling(delayInNanoseconds(computeDelayForResponse(response, attempts))),
-                    std::move(block));
-    return;
-  }
-  runAfterRetryValueFromResponse(response, attempts, pool_.concurrentQueue(), std::move(block));
+  runAfterDelay(retryDelayWithTestCeiling(delayInNanoseconds(computeDelayForResponse(response, attempts))),
+                std::move(block));
+}
+
+void SUPKITNetworkClient::runAfterDelay(std::chrono::nanoseconds delay, std::function<void()> block) {
+  if (delayScheduler_)
+    delayScheduler_(delay, std::move(block));
+  else
+    pool_.concurrentQueue().asyncAfter(delay, std::move(block));
 }
 
 void SUPKITNetworkClient::handleResponse(Response response, std::optional<Data> data, support::ErrorPtr taskError,
                                          const URLRequest& request, std::uint64_t tries, std::uint64_t retryLimit,
                                          CompletionHandler completion) {
+  if (request.observer && request.observer->attemptEnded)
+    request.observer->attemptEnded(tries + 1, response ? response->statusCode : 0);
   SUPNetworkResponseHandler::handleCompletedResponse(
       response, request, taskError, [&](bool retry, support::ErrorPtr error) {
         handleCompletionWithResponse(std::move(response), std::move(data), request, tries, retryLimit,
@@ -164,14 +170,16 @@ void SUPKITNetworkClient::handleCompletionWithResponse(Response response, std::o
   }
   console::SYLLogDebug("Retrying symbol upload with number of retries: {}/{}", tries + 1, retryLimit);
   std::weak_ptr<SUPKITNetworkClient> weakSelf = weak_from_this();
-  runAfterRetryValueFromResponse(response, tries,
-                                 [weakSelf, request, retryLimit, tries, completion = std::move(completion)]() mutable {
-                                   if (auto self = weakSelf.lock())
-                                     self->startDataTaskWithRequest(request, retryLimit, tries + 1,
-                                                                    std::move(completion));
-                                   else
-                                     completion(std::nullopt, std::nullopt, failedToStartError());
-                                 });
+  // The delay is drawn once: the observer hears the one that is waited.
+  const std::chrono::nanoseconds delay =
+      retryDelayWithTestCeiling(delayInNanoseconds(computeDelayForResponse(response, tries)));
+  if (request.observer && request.observer->retryScheduled) request.observer->retryScheduled(delay);
+  runAfterDelay(delay, [weakSelf, request, retryLimit, tries, completion = std::move(completion)]() mutable {
+    if (auto self = weakSelf.lock())
+      self->startDataTaskWithRequest(request, retryLimit, tries + 1, std::move(completion));
+    else
+      completion(std::nullopt, std::nullopt, failedToStartError());
+  });
 }
 
 void SUPKITNetworkClient::invalidateAndCancel() { session_->invalidateAndCancel(); }

@@ -64,6 +64,9 @@ class SUPKITNetworkClient : public std::enable_shared_from_this<SUPKITNetworkCli
   // has been set.
   void runAfterRetryValueFromResponse(const Response& response, std::uint64_t attempts, std::function<void()> block);
 
+  // On the pool's background queue, or through the delay scheduler.
+  void runAfterDelay(std::chrono::nanoseconds delay, std::function<void()> block);
+
   void handleResponse(Response response, std::optional<Data> data, support::ErrorPtr taskError,
                       const URLRequest& request, std::uint64_t tries, std::uint64_t retryLimit,
                       CompletionHandler completion);

@@ -2,7 +2,10 @@
 // An HTTP request as the client sends it, and the response head it gets
 // back. Both are plain values: the client copies a request per transfer.
 
+#include <chrono>
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -18,6 +21,17 @@ enum class URLRequestCachePolicy {
   ReloadIgnoringLocalCacheData,
 };
 
+// Who follows one request through its attempts (the run's progress line
+// and report). Every copy of the request shares it; any member may be empty.
+// Calls come from the session's or the pool's threads.
+struct TransferObserver {
+  std::function<void(std::uint64_t attempt)> attemptStarted;  // 1 for the first
+  std::function<void(std::uint64_t sent)> bodyBytesSent;      // so far, in this attempt
+  // The attempt's HTTP status, 0 when there was no response.
+  std::function<void(std::uint64_t attempt, long httpStatus)> attemptEnded;
+  std::function<void(std::chrono::nanoseconds delay)> retryScheduled;
+};
+
 struct URLRequest {
   std::string URL;
   std::string HTTPMethod = "GET";
@@ -25,6 +39,7 @@ struct URLRequest {
   Data HTTPBody;
   double timeoutInterval = 60.0;  // seconds without any bytes moving
   URLRequestCachePolicy cachePolicy = URLRequestCachePolicy::UseProtocolCachePolicy;
+  std::shared_ptr<const TransferObserver> observer;
 
   URLRequest() = default;
   explicit URLRequest(std::string url) : URL(std::move(url)) {}

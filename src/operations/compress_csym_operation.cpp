@@ -68,6 +68,7 @@ bool SUPCompressCSYMOperation::zipCSYMWithUUID(const std::string& uuid, const st
           fmt::format("Compressed cSYM data is nil for uuid {}, architecture: {}", uuid, architecture)}});
     return false;
   }
+  context_.observer.sliceCompressed(uuid, bytes->size());
   compressedData_ = std::move(bytes);
   return true;
 }

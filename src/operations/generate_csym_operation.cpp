@@ -47,9 +47,11 @@ void SUPGenerateCSYMOperation::generateCSYMs(float maxCoreSymbolicationVersion) 
   // file is gzipped on the other cores while the next slice is read; the
   // compress step picks the stream up.
   CompressedCSYMCache& cache = context_.compressedCSYMs;
+  context_.observer.conversionStarted(path);
   std::vector<std::string> written;
   ArchitecturesByUUID result = symbols::CSYMGenerator::generateCSYMsFromDSYMAtPath(
       path, maxCoreSymbolicationVersion, [&](const std::string& csymPath, std::string&& contents) {
+        if (auto header = csymHeaderOf(contents)) context_.observer.sliceConverted(path, *header, contents.size());
         written.push_back(csymPath);
         cache.compressInBackground(csymPath, std::move(contents));
       },

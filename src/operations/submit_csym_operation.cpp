@@ -56,7 +56,7 @@ void SUPSubmitCSYMOperation::enqueueCompressCSYMOperation() {
 }
 
 void SUPSubmitCSYMOperation::enqueueUploadCSYMOperation() {
-  auto upload = SUPUploadCSYMOperation::initWithCodeMappingInfo(cSYMInfo_, networkClient_);
+  auto upload = SUPUploadCSYMOperation::initWithCodeMappingInfo(context_, cSYMInfo_, networkClient_);
   std::weak_ptr<SUPSubmitCSYMOperation> weakSubmit = self();
   upload->setAsyncCompletion([weakSubmit](const support::ErrorPtr& error) {
     auto submit = weakSubmit.lock();

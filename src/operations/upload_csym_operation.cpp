@@ -2,6 +2,9 @@
 
 #include <fmt/format.h>
 
+#include <atomic>
+#include <chrono>
+
 #include "console/console_log.h"
 #include "network/network_constants.h"
 #include "network/network_response_handler.h"
@@ -40,16 +43,18 @@ std::string escapeURLPath(const std::string& path) {
   return escaped;
 }
 
-SUPUploadCSYMOperation::SUPUploadCSYMOperation(std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
+SUPUploadCSYMOperation::SUPUploadCSYMOperation(const PipelineContext& context,
+                                               std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
                                                std::weak_ptr<network::SUPKITNetworkClient> networkClient)
     : dispatch::SUPKITAsyncOperation("SUPUploadCSYMOperation"),
+      context_(context),
       codeMappingInfo_(std::move(codeMappingInfo)),
       networkClient_(std::move(networkClient)) {}
 
 std::shared_ptr<SUPUploadCSYMOperation> SUPUploadCSYMOperation::initWithCodeMappingInfo(
-    std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
+    const PipelineContext& context, std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
     std::weak_ptr<network::SUPKITNetworkClient> networkClient) {
-  return std::make_shared<SUPUploadCSYMOperation>(std::move(codeMappingInfo), std::move(networkClient));
+  return std::make_shared<SUPUploadCSYMOperation>(context, std::move(codeMappingInfo), std::move(networkClient));
 }
 
 std::string SUPUploadCSYMOperation::csymUploadUrlForRmpAppId(const std::string& appId, const std::string& uuid) {
@@ -80,22 +85,43 @@ void SUPUploadCSYMOperation::main() {
   }
   network::URLRequest request = requestToUploadMappingsToOmvaraEndpoint();
   SYLLogDebug("Uploading cSYM to {}", request.URL);
+  // The attempts and the last HTTP status reach the run's observer; the
+  // state is the transfer's own, shared with every attempt.
+  struct Attempts {
+    std::atomic<std::uint64_t> made{0};
+    std::atomic<long> lastStatus{0};
+  };
+  auto attempts = std::make_shared<Attempts>();
+  PipelineObserver& observer = context_.observer;
+  auto transfer = std::make_shared<network::TransferObserver>();
+  transfer->attemptStarted = [attempts](std::uint64_t attempt) { attempts->made = attempt; };
+  transfer->attemptEnded = [attempts](std::uint64_t, long status) { attempts->lastStatus = status; };
+  transfer->bodyBytesSent = [&observer, uuid](std::uint64_t sent) { observer.uploadProgress(uuid, sent); };
+  transfer->retryScheduled = [&observer, uuid, attempts](std::chrono::nanoseconds delay) {
+    observer.uploadRetrying(uuid, attempts->made + 1, delay);
+  };
+  request.observer = std::move(transfer);
+  observer.uploadStarted(uuid, request.HTTPBody.size());
   SYLLogDebug("Uploading cSYM for uuid {}, architecture {}", uuid, codeMappingInfo_->architecture().value_or("(null)"));
 
   auto client = networkClient_.lock();
   if (!client) {
     // Without a client no callback would ever come; fail instead of waiting.
-    finishWithError(support::makeError(network::kNetworkErrorDomain, network::SUPNetworkErrorFailedToStartOperation,
-                                       {{support::kLocalizedDescriptionKey, "No network session to upload with"}}));
+    auto error = support::makeError(network::kNetworkErrorDomain, network::SUPNetworkErrorFailedToStartOperation,
+                                    {{support::kLocalizedDescriptionKey, "No network session to upload with"}});
+    observer.uploadFinished(uuid, 0, 0, error);
+    finishWithError(error);
     return;
   }
   std::weak_ptr<SUPUploadCSYMOperation> weakSelf =
       std::static_pointer_cast<SUPUploadCSYMOperation>(shared_from_this());
-  client->startDataTaskWithRequest(request, kCSYMUploadRetryLimit,
-                                   [weakSelf](std::optional<network::Data>, network::SUPKITNetworkClient::Response,
-                                              support::ErrorPtr error) {
-                                     if (auto self = weakSelf.lock()) self->finishWithError(error);
-                                   });
+  client->startDataTaskWithRequest(
+      request, kCSYMUploadRetryLimit,
+      [weakSelf, &observer, uuid, attempts](std::optional<network::Data>, network::SUPKITNetworkClient::Response,
+                                            support::ErrorPtr error) {
+        observer.uploadFinished(uuid, attempts->lastStatus, attempts->made, error);
+        if (auto self = weakSelf.lock()) self->finishWithError(error);
+      });
 }
 
 }  // namespace symlift::operations

@@ -8,6 +8,7 @@
 #include "dsym/code_mapping_info_container.h"
 #include "network/network_client.h"
 #include "network/url_request.h"
+#include "operations/pipeline_context.h"
 #include "dispatch/async_operation.h"
 
 namespace symlift::operations {
@@ -17,9 +18,11 @@ inline constexpr double kCSYMUploadTimeoutSeconds = 60.0;
 
 class SUPUploadCSYMOperation : public dispatch::SUPKITAsyncOperation {
  public:
-  SUPUploadCSYMOperation(std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
+  SUPUploadCSYMOperation(const PipelineContext& context,
+                         std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
                          std::weak_ptr<network::SUPKITNetworkClient> networkClient);
   static std::shared_ptr<SUPUploadCSYMOperation> initWithCodeMappingInfo(
+      const PipelineContext& context,
       std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo,
       std::weak_ptr<network::SUPKITNetworkClient> networkClient);
 
@@ -33,6 +36,7 @@ class SUPUploadCSYMOperation : public dispatch::SUPKITAsyncOperation {
   std::shared_ptr<network::SUPKITNetworkClient> networkClient() const { return networkClient_.lock(); }
 
  private:
+  PipelineContext context_;
   std::shared_ptr<dsym::SUPCodeMappingInfoContainer> codeMappingInfo_;
   std::weak_ptr<network::SUPKITNetworkClient> networkClient_;
 };

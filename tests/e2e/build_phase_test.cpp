@@ -1,6 +1,5 @@
 // The real symlift binary run as an Xcode Run Script build phase, with the
-// build's variables in its environment. -bp turns colour off; -lp alone
-// takes the same route with colour on.
+// build's variables in its environment. Output goes to a pipe: no colour.
 
 #include <gtest/gtest.h>
 
@@ -13,7 +12,6 @@ namespace symlift::testing::e2e {
 namespace {
 
 const Lines kPlain{false};
-const Lines kColour{true};
 
 // A built product with its service plist and a complete dSYM.
 class BuildPhaseTest : public ::testing::Test {
@@ -78,7 +76,7 @@ class BuildPhaseTest : public ::testing::Test {
   std::map<std::string, std::string> environment_;
 };
 
-TEST_F(BuildPhaseTest, ValidateWithEverySpellingWithoutColour) {
+TEST_F(BuildPhaseTest, ValidateWithEverySpelling) {
   for (const char* spelling : {"-bp", "--bp", "-build-phase", "--build-phase"})
     expectRun({spelling, "-d", "-val"}, 0, validatedInDebug(kPlain, "1:77:ios:beef", "ios", "[\"" + dSYM() + "\"]"));
 }
@@ -136,29 +134,29 @@ TEST_F(BuildPhaseTest, AppIdentifierFromTheBuiltProducts) {
   expectRun({"-bp", "-ai", "given", "-d", "-val"}, 0, validatedInDebug(kPlain, "given", "ios", "[\"" + dSYM() + "\"]"));
 }
 
-TEST_F(BuildPhaseTest, HelpAndAPIKeyWithoutColour) {
+TEST_F(BuildPhaseTest, HelpAndAPIKey) {
   expectRun({"-bp", "--help"}, 5, kPlain.usage());
   expectRun({"--build-phase", "-api-key", "k"}, 18, kPlain.apiKeyBuildPhase());
-  // -lp takes the build-phase route, so the build-phase message, but keeps colour.
-  expectRun({"-lp", "app.json", "-a", "k"}, 18, kColour.apiKeyBuildPhase());
+  // -lp takes the build-phase route, so the build-phase message.
+  expectRun({"-lp", "app.json", "-a", "k"}, 18, kPlain.apiKeyBuildPhase());
 }
 
-TEST_F(BuildPhaseTest, LumoProjectTakesTheBuildPhaseRouteWithColour) {
+TEST_F(BuildPhaseTest, LumoProjectTakesTheBuildPhaseRoute) {
   auto lumo = dir_.write("Project/LumoAppIDFile.vexa", "{\"OMVARA_APP_ID\": \"  1:3:ios:aa\\n\"}").string();
   environment_["CONFIGURATION"] = "Release";
   const std::string paths = "[\"" + dSYM() + "\", \"" + products() + "/App.framework.dSYM\"]";
   for (const char* spelling : {"-lp", "--lp", "-lumo-project", "--lumo-project"})
-    expectRun({spelling, lumo, "-d", "-val"}, 0, validatedInDebug(kColour, "1:3:ios:aa", "ios", paths));
+    expectRun({spelling, lumo, "-d", "-val"}, 0, validatedInDebug(kPlain, "1:3:ios:aa", "ios", paths));
   // -ai with -lp and without -bp: still the build-phase route.
-  expectRun({"-ai", "X", "-lp", lumo, "-val"}, 0, header(kColour) + kColour.validated());
+  expectRun({"-ai", "X", "-lp", lumo, "-val"}, 0, header(kPlain) + kPlain.validated());
   // The Lumo file's problems, each reported once.
-  expectRun({"-lp"}, 13, kColour.error("Could not get path for LumoAppIDFile.vexa"));
+  expectRun({"-lp"}, 13, kPlain.error("Could not get path for LumoAppIDFile.vexa"));
   const std::string missing = dir_.str() + "/missing.json";
-  expectRun({"-lp", missing}, 13, kColour.error("Unable to read file at path " + missing));
+  expectRun({"-lp", missing}, 13, kPlain.error("Unable to read file at path " + missing));
   auto array = dir_.write("array.json", "[{\"OMVARA_APP_ID\": \"x\"}]").string();
-  expectRun({"-lp", array}, 13, kColour.error("Unable to create json from file at path " + array));
+  expectRun({"-lp", array}, 13, kPlain.error("Unable to create json from file at path " + array));
   auto noKey = dir_.write("nokey.json", "{\"APP_ID\": \"x\"}").string();
-  expectRun({"-lp", noKey}, 13, kColour.error("Unable to read valid app ID from path " + noKey));
+  expectRun({"-lp", noKey}, 13, kPlain.error("Unable to read valid app ID from path " + noKey));
   // A Lumo file whose value is only white space: silent exit 13.
   auto blank = dir_.write("blank.json", "{\"OMVARA_APP_ID\": \" \\n\"}").string();
   expectRun({"-lp", blank, "-val"}, 13, "");

@@ -33,7 +33,6 @@ namespace {
 
 namespace fs = std::filesystem;
 const Lines kPlain{false};
-const Lines kColour{true};
 constexpr const char* kApp = "1:42:ios:bp";
 
 std::set<std::string> uuidsOf(const fs::path& machO) {
@@ -232,7 +231,7 @@ TEST_F(BuildPhaseUploadTest, LumoReleaseBuildAlsoUploadsTheFrameworkDSYM) {
 
   RunResult release = runOnCI({"-lp", lumo, "-d"});
   EXPECT_EQ(release.status, 0) << release.out;
-  EXPECT_NE(release.out.find(kColour.info("DSYM Paths: [\"" + dSYM().string() + "\", \"" + products().string() +
+  EXPECT_NE(release.out.find(kPlain.info("DSYM Paths: [\"" + dSYM().string() + "\", \"" + products().string() +
                                           "/App.framework.dSYM\"]\n")),
             std::string::npos)
       << release.out;
@@ -279,13 +278,13 @@ class ValidatorOrderTest : public BuildPhaseUploadTest {
 
     RunResult byHand = runOnCI({"-ai", kApp, "-p", "ios", "--", folder.string()});
     EXPECT_EQ(byHand.status, 0) << byHand.out;
-    EXPECT_EQ(countOccurrences(byHand.out, warning(kColour, bundle)), 1u) << byHand.out;
-    const auto warnedByHand = byHand.out.find(warning(kColour, bundle));
+    EXPECT_EQ(countOccurrences(byHand.out, warning(kPlain, bundle)), 1u) << byHand.out;
+    const auto warnedByHand = byHand.out.find(warning(kPlain, bundle));
     for (const std::string& line : processed) {
       ASSERT_NE(byHand.out.find(line), std::string::npos) << line << " missing in " << byHand.out;
       EXPECT_GT(warnedByHand, byHand.out.find(line)) << byHand.out;
     }
-    EXPECT_TRUE(byHand.out.ends_with(kColour.uploaded())) << byHand.out;
+    EXPECT_TRUE(byHand.out.ends_with(kPlain.uploaded())) << byHand.out;
 
     // -sdv leaves the validator out in either mode.
     RunResult skipped = runOnCI({"-bp", "-sdv", "--", folder.string()});

@@ -1,5 +1,5 @@
 // The real symlift binary run by hand: every option spelling, message and
-// exit status that can be reached before any dSYM is opened. Colour is on.
+// exit status that can be reached before any dSYM is opened.
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,7 @@
 namespace symlift::testing::e2e {
 namespace {
 
-const Lines kColour{true};
+const Lines kPlain{false};
 
 // A run in a clean environment, so that nothing of the caller's leaks in.
 RunResult run(const std::vector<std::string>& arguments) {
@@ -29,32 +29,32 @@ void expectRun(const std::vector<std::string>& arguments, int status, const std:
 }
 
 TEST(ManualModeTest, HelpInEverySpellingAndBeforeEverythingElse) {
-  for (const char* spelling : {"-h", "--h", "-help", "--help"}) expectRun({spelling}, 5, kColour.usage());
-  expectRun({"--help", "--version"}, 5, kColour.usage());
-  expectRun({"-v", "-a", "key", "-d", "-h"}, 5, kColour.usage());
+  for (const char* spelling : {"-h", "--h", "-help", "--help"}) expectRun({spelling}, 5, kPlain.usage());
+  expectRun({"--help", "--version"}, 5, kPlain.usage());
+  expectRun({"-v", "-a", "key", "-d", "-h"}, 5, kPlain.usage());
 }
 
 TEST(ManualModeTest, VersionInEverySpellingBeforeTheAPIKeyCheck) {
-  for (const char* spelling : {"-v", "--v", "-version", "--version"}) expectRun({spelling}, 6, kColour.version());
-  expectRun({"-v", "-a", "k"}, 6, kColour.version());
+  for (const char* spelling : {"-v", "--v", "-version", "--version"}) expectRun({spelling}, 6, kPlain.version());
+  expectRun({"-v", "-a", "k"}, 6, kPlain.version());
   // With -d as well the version line is still printed once.
-  expectRun({"-debug", "-ai", "X", "-p", "ios", "a.dSYM", "-v"}, 6, kColour.version());
+  expectRun({"-debug", "-ai", "X", "-p", "ios", "a.dSYM", "-v"}, 6, kPlain.version());
 }
 
 TEST(ManualModeTest, RetiredAPIKeyIsRejected) {
   for (const char* spelling : {"-a", "--a", "-api-key", "--api-key"})
-    expectRun({spelling, "k", "-ai", "X", "-p", "ios", "a.dSYM"}, 18, kColour.apiKeyManual());
+    expectRun({spelling, "k", "-ai", "X", "-p", "ios", "a.dSYM"}, 18, kPlain.apiKeyManual());
   // Checked before the app id, and after the debug version line.
-  expectRun({"-d", "-a", "k"}, 18, kColour.version() + kColour.apiKeyManual());
+  expectRun({"-d", "-a", "k"}, 18, kPlain.version() + kPlain.apiKeyManual());
 }
 
 TEST(ManualModeTest, AppIdentifierProblemsExit13) {
-  expectRun({"-p", "ios", "a.dSYM"}, 13, kColour.error("No Omvara App ID or Omvara Services file provided"));
+  expectRun({"-p", "ios", "a.dSYM"}, 13, kPlain.error("No Omvara App ID or Omvara Services file provided"));
   expectRun({"-p", "ios", "--", "a.dSYM", "-ai"}, 13,
-            kColour.error("Could not get the value for the app-id parameter"));
-  expectRun({"-osp"}, 13, kColour.error("Could not get path for OmvaraService-Info.plist"));
+            kPlain.error("Could not get the value for the app-id parameter"));
+  expectRun({"-osp"}, 13, kPlain.error("Could not get path for OmvaraService-Info.plist"));
   expectRun({"-osp", "/nonexistent/OmvaraService-Info.plist", "-p", "ios", "a.dSYM"}, 13,
-            kColour.error("Unable to read Omvara Service plist at path /nonexistent/OmvaraService-Info.plist"));
+            kPlain.error("Unable to read Omvara Service plist at path /nonexistent/OmvaraService-Info.plist"));
   // An empty identifier ends the run without a message.
   expectRun({"-ai", "", "-p", "ios", "a.dSYM"}, 13, "");
 }
@@ -66,65 +66,65 @@ TEST(ManualModeTest, AppIdentifierFromServicePlist) {
                          "</dict></plist>")
                    .string();
   expectRun({"--omvara-service-plist", plist, "-d", "-val", "-p", "mac", "a.dSYM", "b.zip"}, 0,
-            kColour.version() + kColour.debugBlock("1:42:ios:9f", "mac", "[\"a.dSYM\", \"b.zip\"]") +
-                kColour.validated());
+            kPlain.version() + kPlain.debugBlock("1:42:ios:9f", "mac", "[\"a.dSYM\", \"b.zip\"]") +
+                kPlain.validated());
   for (const char* spelling : {"-osp", "--osp", "-omvara-service-plist"})
-    expectRun({spelling, plist, "-p", "ios", "a.dSYM", "-val"}, 0, kColour.validated());
+    expectRun({spelling, plist, "-p", "ios", "a.dSYM", "-val"}, 0, kPlain.validated());
   for (const char* spelling : {"-ai", "--ai", "-app-id", "--app-id"})
     expectRun({"-osp", plist, spelling, "given", "-p", "ios", "a.dSYM", "-d", "-val"}, 0,
-              kColour.version() + kColour.debugBlock("given", "ios", "[\"a.dSYM\"]") + kColour.validated());
+              kPlain.version() + kPlain.debugBlock("given", "ios", "[\"a.dSYM\"]") + kPlain.validated());
   auto noKey = dir.write("nokey.plist", "<plist version=\"1.0\"><dict><key>X</key><true/></dict></plist>").string();
   expectRun({"-osp", noKey, "-p", "mac", "a.dSYM"}, 13,
-            kColour.error("Missing key: OMVARA_APP_ID in Omvara Service plist at path " + noKey));
+            kPlain.error("Missing key: OMVARA_APP_ID in Omvara Service plist at path " + noKey));
 }
 
 TEST(ManualModeTest, PlatformIsRequiredAndChecked) {
-  expectRun({"-ai", "X", "a.dSYM"}, 1, kColour.error("Missing required flag p/platform"));
-  expectRun({"-ai", "X", "--platform=ios", "a.dSYM"}, 1, kColour.error("Missing required flag p/platform"));
+  expectRun({"-ai", "X", "a.dSYM"}, 1, kPlain.error("Missing required flag p/platform"));
+  expectRun({"-ai", "X", "--platform=ios", "a.dSYM"}, 1, kPlain.error("Missing required flag p/platform"));
   // Every spelling gives the value.
   for (const char* spelling : {"-p", "--p", "-platform", "--platform"})
     expectRun({"-ai", "X", spelling, "tvos", "a.dSYM", "-d", "-val"}, 0,
-              kColour.version() + kColour.debugBlock("X", "tvos", "[\"a.dSYM\"]") + kColour.validated());
+              kPlain.version() + kPlain.debugBlock("X", "tvos", "[\"a.dSYM\"]") + kPlain.validated());
   // An invalid name is reported and the run goes on without a platform.
   expectRun({"-ai", "X", "-p", "watchos", "a.dSYM", "b.dSYM", "-val", "-d"}, 0,
-            kColour.version() +
-                kColour.error("Invalid platform name (watchos). Valid platform names are: 'ios', 'mac', 'tvos'") +
-                kColour.debugBlock("X", "unspecified", "[\"a.dSYM\", \"b.dSYM\"]") + kColour.validated());
+            kPlain.version() +
+                kPlain.error("Invalid platform name (watchos). Valid platform names are: 'ios', 'mac', 'tvos'") +
+                kPlain.debugBlock("X", "unspecified", "[\"a.dSYM\", \"b.dSYM\"]") + kPlain.validated());
   // -p as the last word has no value.
   expectRun({"-ai", "X", "--", "a.dSYM", "-val", "-p"}, 0,
-            kColour.error("Invalid platform name ((null)). Valid platform names are: 'ios', 'mac', 'tvos'") +
-                kColour.validated());
+            kPlain.error("Invalid platform name ((null)). Valid platform names are: 'ios', 'mac', 'tvos'") +
+                kPlain.validated());
 }
 
 TEST(ManualModeTest, PathsMustBeGiven) {
-  expectRun({"-ai", "X", "-p", "ios"}, 2, kColour.error("No dSYM paths provided"));
+  expectRun({"-ai", "X", "-p", "ios"}, 2, kPlain.error("No dSYM paths provided"));
   // The word after a flag without a value is taken for that flag's value.
-  expectRun({"-ai", "X", "-p", "ios", "-c", "a.dSYM"}, 2, kColour.error("No dSYM paths provided"));
-  expectRun({"-ai", "X", "-p", "ios", "-val", "a.dSYM"}, 2, kColour.error("No dSYM paths provided"));
+  expectRun({"-ai", "X", "-p", "ios", "-c", "a.dSYM"}, 2, kPlain.error("No dSYM paths provided"));
+  expectRun({"-ai", "X", "-p", "ios", "-val", "a.dSYM"}, 2, kPlain.error("No dSYM paths provided"));
   // The platform is checked before the paths.
   expectRun({"-ai", "X", "-p", "xros"}, 2,
-            kColour.error("Invalid platform name (xros). Valid platform names are: 'ios', 'mac', 'tvos'") +
-                kColour.error("No dSYM paths provided"));
+            kPlain.error("Invalid platform name (xros). Valid platform names are: 'ios', 'mac', 'tvos'") +
+                kPlain.error("No dSYM paths provided"));
 }
 
 TEST(ManualModeTest, ValidateStopsBeforeAnyDSYMIsOpened) {
   for (const char* spelling : {"-val", "--val", "-validate", "--validate"})
-    expectRun({"-ai", "X", "-p", "ios", "/does/not/exist.dSYM", spelling}, 0, kColour.validated());
+    expectRun({"-ai", "X", "-p", "ios", "/does/not/exist.dSYM", spelling}, 0, kPlain.validated());
   // After "--" every word is a path, even one that looks like an option.
   expectRun({"-d", "--val", "-ai", "X", "-p", "ios", "--", "-weird.dSYM", "x", "--"}, 0,
-            kColour.version() + kColour.debugBlock("X", "ios", "[\"-weird.dSYM\", \"x\"]") + kColour.validated());
+            kPlain.version() + kPlain.debugBlock("X", "ios", "[\"-weird.dSYM\", \"x\"]") + kPlain.validated());
 }
 
 TEST(ManualModeTest, DebugVersionLineThenProcessing) {
   for (const char* spelling : {"-d", "--d", "-debug", "--debug"})
     expectRun({"-ai", "X", "-p", "ios", "a.dSYM", spelling}, 0,
-              kColour.version() + kColour.debugBlock("X", "ios", "[\"a.dSYM\"]") +
-                  kColour.info("Inspecting next path: a.dSYM") + kColour.missingPath("a.dSYM") +
-                  kColour.emptyDSYM("a.dSYM") + kColour.uploaded());
+              kPlain.version() + kPlain.debugBlock("X", "ios", "[\"a.dSYM\"]") +
+                  kPlain.info("Inspecting next path: a.dSYM") + kPlain.missingPath("a.dSYM") +
+                  kPlain.emptyDSYM("a.dSYM") + kPlain.uploaded());
   // Convert-only and version options have nothing to show before processing; -sdv
   // leaves out the validator's warning about the missing dSYM.
   expectRun({"-ai", "X", "-p", "ios", "a.dSYM", "-c", "-sdv", "--max-symbolication-version", "64", "b.dSYM"}, 0,
-            kColour.missingPath("a.dSYM") + kColour.missingPath("b.dSYM") + kColour.uploaded());
+            kPlain.missingPath("a.dSYM") + kPlain.missingPath("b.dSYM") + kPlain.uploaded());
 }
 
 }  // namespace

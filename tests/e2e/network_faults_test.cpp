@@ -27,7 +27,7 @@ namespace symlift::testing::e2e {
 namespace {
 
 namespace fs = std::filesystem;
-const Lines kColour{true};
+const Lines kPlain{false};
 constexpr const char* kApp = "1:77:ios:faults";
 constexpr const char* kHelloUUID = "4c4c44c655553144a13083513346deda";
 const std::map<std::string, std::string> kQuick{{"SYMLIFT_TEST_MAX_RETRY_DELAY_MS", "20"},
@@ -101,22 +101,22 @@ class NetworkFaultsTest : public ::testing::Test {
     for (const auto& line : linesOf(result.out))
       if (line.find("error: ") != std::string::npos) errors.push_back(line);
     ASSERT_EQ(errors.size(), 2u) << result.out;
-    const std::string first = "\x1b[31merror: Failed uploading cSYMs due to error: ";
+    const std::string first = "error: Failed uploading cSYMs due to error: ";
     ASSERT_TRUE(errors[0].starts_with(first)) << errors[0];
-    const std::string error = errors[0].substr(first.size(), errors[0].size() - first.size() - 4);
-    EXPECT_EQ(errors[0] + "\n", kColour.error("Failed uploading cSYMs due to error: " + error));
-    EXPECT_EQ(errors[1] + "\n", kColour.error("Could not complete submission of dSYM at " + dsym() + ": " + error));
+    const std::string error = errors[0].substr(first.size());
+    EXPECT_EQ(errors[0] + "\n", kPlain.error("Failed uploading cSYMs due to error: " + error));
+    EXPECT_EQ(errors[1] + "\n", kPlain.error("Could not complete submission of dSYM at " + dsym() + ": " + error));
     EXPECT_NE(error.find(submitFailure(dsym(), networkError)), std::string::npos)
         << "error: " << error << "\nexpected within it: " << submitFailure(dsym(), networkError);
     EXPECT_EQ(result.out.find("Successfully"), std::string::npos) << result.out;
-    EXPECT_TRUE(result.out.ends_with("\x1b[0m\n")) << "the last line was cut: " << result.out;
+    EXPECT_TRUE(result.out.ends_with(errors[1] + "\n")) << "the last line was cut: " << result.out;
     EXPECT_EQ(result.err, "");
     expectTemporaryDirectoryEmpty();
   }
 
   void expectUploaded(const RunResult& result) {
     EXPECT_EQ(result.status, 0) << result.out;
-    EXPECT_TRUE(result.out.ends_with(kColour.uploaded())) << result.out;
+    EXPECT_TRUE(result.out.ends_with(kPlain.uploaded())) << result.out;
     EXPECT_EQ(countOccurrences(result.out, "error: "), 0u) << result.out;
     expectTemporaryDirectoryEmpty();
   }

@@ -17,7 +17,7 @@ namespace symlift::testing::e2e {
 namespace {
 
 namespace fs = std::filesystem;
-const Lines kColour{true};
+const Lines kPlain{false};
 
 mode_t permissionsOf(const fs::path& path) {
   struct stat info {};
@@ -162,7 +162,7 @@ TEST_F(TemporaryFilesTest, LinkPlantedAtAParentOfTheUnpackFolderStopsTheRun) {
   fs::create_directory_symlink(outside_.path(), tmp_.path() / "sub");
   RunResult result = run({"sub/Symbols.zip"});
   EXPECT_EQ(result.status, 9) << result.out;
-  EXPECT_NE(result.out.find(kColour.error("Could not create " + tmp_.str() + "/sub: Not a directory")),
+  EXPECT_NE(result.out.find(kPlain.error("Could not create " + tmp_.str() + "/sub: Not a directory")),
             std::string::npos)
       << result.out;
   EXPECT_TRUE(fs::is_empty(outside_.path()));
@@ -231,7 +231,7 @@ TEST_F(TemporaryFilesTest, LinkInAnArchiveToADSYMOutsideIsNotFollowed) {
   craftArchive("pointer.zip", "link('Other.dSYM', '" + outside_.str() + "/Other.dSYM')\n");
   RunResult result = run({"pointer.zip"});
   EXPECT_EQ(result.status, 0) << result.out;
-  EXPECT_NE(result.out.find(kColour.warning("Removed symbolic link leading out of the archive: " + tmp_.str() +
+  EXPECT_NE(result.out.find(kPlain.warning("Removed symbolic link leading out of the archive: " + tmp_.str() +
                                             "/pointer.zip.unzipped/Other.dSYM")),
             std::string::npos)
       << result.out;

@@ -79,7 +79,8 @@ class PipelineTest : public ::testing::Test {
   dispatch::ThreadPool pool_;
   support::CleanupRegistry cleanup_;
   CompressedCSYMCache compressed_{pool_};
-  PipelineContext context_{pool_, cleanup_, compressed_};
+  PipelineObserver observer_;
+  PipelineContext context_{pool_, cleanup_, compressed_, observer_};
 };
 
 TEST(SystemVersionTest, TenTenOrLaterCanConvert) {
@@ -270,7 +271,7 @@ TEST_F(PipelineTest, UploadRequest) {
   container->setOmvaraAppId("app");
   container->setUUID("uuid");
   container->setData(std::vector<std::uint8_t>{0x1f, 0x8b, 0x00});
-  SUPUploadCSYMOperation upload(container, {});
+  SUPUploadCSYMOperation upload(context_, container, {});
   network::URLRequest request = upload.requestToUploadMappingsToOmvaraEndpoint();
   EXPECT_EQ(request.URL, "http://127.0.0.1:9/base/v1/project/-/app/app/upload/native/uuid");
   EXPECT_EQ(request.HTTPMethod, "PUT");
