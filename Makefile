@@ -12,6 +12,8 @@ ASAN_DIR ?= build-asan
 TSAN_DIR ?= build-tsan
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
+PREFIX ?= /usr/local
+DESTDIR ?=
 empty :=
 space := $(empty) $(empty)
 CMAKE_CONFIGURE = cmake -S . -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS)
@@ -49,7 +51,7 @@ define sanitized-ctest
 	fi
 endef
 
-.PHONY: all deps configure build test test-normal test-asan test-tsan demo bench fuzz clean
+.PHONY: all deps configure build test test-normal test-asan test-tsan demo bench fuzz install package clean
 
 all: build
 
@@ -85,6 +87,18 @@ test-tsan:
 
 demo: build
 	scripts/demo $(BUILD_DIR)
+
+# `make install [PREFIX=/usr/local] [DESTDIR=…]`: builds symlift and installs
+# bin/symlift, its manual page and its bash completion under PREFIX.
+install: configure
+	cmake --build $(BUILD_DIR) -j $(JOBS) --target symlift
+	DESTDIR="$(DESTDIR)" cmake --install $(BUILD_DIR) --prefix "$(PREFIX)"
+
+# `make package`: builds symlift and the Debian package
+# $(BUILD_DIR)/symlift_<version>_<arch>.deb (installs under /usr).
+package: configure
+	cmake --build $(BUILD_DIR) -j $(JOBS) --target symlift
+	cd $(BUILD_DIR) && cpack -G DEB
 
 bench: deps
 	scripts/bench
