@@ -2,6 +2,8 @@
 
 #include <openssl/x509_vfy.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <memory>
 
@@ -9,7 +11,29 @@
 
 namespace symlift::network {
 
-std::int64_t urlErrorCodeForCurlCode(CURLcode code, long osErrno, long verifyResult) {
+namespace {
+
+bool containsIgnoringCase(std::string_view text, std::string_view part) {
+  auto lower = [](char c) { return static_cast<char>(std::tolower(static_cast<unsigned char>(c))); };
+  return std::search(text.begin(), text.end(), part.begin(), part.end(),
+                     [&](char a, char b) { return lower(a) == lower(b); }) != text.end();
+}
+
+// A handshake the peer cut off (a reset, or the connection closed before the
+// handshake finished) says nothing about the server's certificate: a load
+// balancer dropping the connection looks like this.
+bool handshakeCutOff(long osErrno, std::string_view detail) {
+  if (osErrno == ECONNRESET || osErrno == EPIPE || osErrno == ECONNABORTED) return true;
+  for (std::string_view sign : {"connection reset", "broken pipe", "connection aborted", "unexpected eof",
+                                "SSL_ERROR_SYSCALL"})
+    if (containsIgnoringCase(detail, sign)) return true;
+  return false;
+}
+
+}  // namespace
+
+std::int64_t urlErrorCodeForCurlCode(CURLcode code, long osErrno, long verifyResult,
+                                     std::string_view transportDetail) {
   switch (code) {
     case CURLE_OK:
       return 0;
@@ -33,6 +57,9 @@ std::int64_t urlErrorCodeForCurlCode(CURLcode code, long osErrno, long verifyRes
     case CURLE_SEND_FAIL_REWIND:
     case CURLE_SSL_SHUTDOWN_FAILED:
       return URLErrorNetworkConnectionLost;
+    case CURLE_SSL_CONNECT_ERROR:
+      if (handshakeCutOff(osErrno, transportDetail)) return URLErrorNetworkConnectionLost;
+      return URLErrorSecureConnectionFailed;
     case CURLE_WEIRD_SERVER_REPLY:
       return URLErrorCannotParseResponse;
     case CURLE_BAD_CONTENT_ENCODING:
@@ -47,7 +74,6 @@ std::int64_t urlErrorCodeForCurlCode(CURLcode code, long osErrno, long verifyRes
       return URLErrorHTTPTooManyRedirects;
     case CURLE_ABORTED_BY_CALLBACK:
       return URLErrorCancelled;
-    case CURLE_SSL_CONNECT_ERROR:
     case CURLE_SSL_CIPHER:
     case CURLE_SSL_ENGINE_NOTFOUND:
     case CURLE_SSL_ENGINE_SETFAILED:
@@ -93,6 +119,8 @@ const char* descriptionForCode(std::int64_t code) {
     case URLErrorNetworkConnectionLost: return "The network connection was lost.";
     case URLErrorHTTPTooManyRedirects: return "too many HTTP redirects";
     case URLErrorNotConnectedToInternet: return "The Internet connection appears to be offline.";
+    case URLErrorAppTransportSecurityRequiresSecureConnection:
+      return "The redirect was refused: it leaves a secure connection for an insecure one.";
     case URLErrorCannotDecodeContentData: return "cannot decode content data";
     case URLErrorCannotParseResponse: return "cannot parse response";
     case URLErrorDataLengthExceedsMaximum: return "resource exceeds maximum size";

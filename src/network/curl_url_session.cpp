@@ -6,13 +6,16 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cctype>
 #include <cmath>
 #include <cstdlib>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <system_error>
 #include <vector>
 
+#include "console/console_log.h"
 #include "network/curl_error_mapping.h"
 #include "network/test_time_limits.h"
 #include "network/url_error.h"
@@ -24,6 +27,15 @@ namespace {
 // A response body larger than this ends the transfer: nothing the tool talks
 // to answers with more than a short message.
 constexpr std::size_t kMaximumResponseBodySize = 16 * 1024 * 1024;
+
+// The low-speed limit: a transfer that moves fewer bytes a second than this
+// for the whole window is timed out, even though it is never idle (a peer
+// trickling a byte a second would otherwise hold the upload for ever).
+constexpr double kLowSpeedBytesPerSecond = 1024;
+constexpr std::chrono::milliseconds kLowSpeedWindow{60000};
+// The rate is sampled over intervals this long, or a quarter of the window
+// when that is shorter.
+constexpr std::chrono::milliseconds kLowSpeedLongestSample{1000};
 
 void initialiseCurlOnce() {
   static std::once_flag once;
@@ -45,10 +57,17 @@ struct Transfer {
   Data responseBody;
   HTTPHeaders responseHeaders;  // of the latest response head
   bool responseTooLarge = false;
+  bool insecureRedirectRefused = false;  // a redirect from HTTPS to another scheme
   // The idle time-out: the transfer ends once no byte has moved for this long.
   std::chrono::milliseconds idleTimeout{60000};
   std::chrono::steady_clock::time_point lastActivity;
   curl_off_t bytesMoved = 0;
+  // The low-speed limit: the current sample, and since when every sample has
+  // been slow.
+  std::chrono::milliseconds lowSpeedWindow = kLowSpeedWindow;
+  std::chrono::steady_clock::time_point sampleStart;
+  curl_off_t sampleBytes = 0;
+  std::optional<std::chrono::steady_clock::time_point> slowSince;
   bool timedOut = false;
   char errorBuffer[CURL_ERROR_SIZE] = {};
   support::ErrorPtr earlyError;  // the URL was refused before any transfer
@@ -71,10 +90,65 @@ std::size_t writeBody(char* data, std::size_t size, std::size_t count, void* con
   return length;
 }
 
+struct URLParts {
+  std::string url, scheme, host;
+};
+
+// The URL `reference` names when read relative to `base` (base itself when
+// there is no reference).
+std::optional<URLParts> resolveURL(const char* base, const std::optional<std::string>& reference) {
+  std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> parsed(curl_url(), &curl_url_cleanup);
+  if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, base, CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK)
+    return std::nullopt;
+  if (reference &&
+      curl_url_set(parsed.get(), CURLUPART_URL, reference->c_str(), CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK)
+    return std::nullopt;
+  URLParts parts;
+  for (auto [part, text] : {std::pair{CURLUPART_URL, &parts.url}, std::pair{CURLUPART_SCHEME, &parts.scheme},
+                            std::pair{CURLUPART_HOST, &parts.host}}) {
+    char* value = nullptr;
+    if (curl_url_get(parsed.get(), part, &value, 0) != CURLUE_OK) return std::nullopt;
+    *text = value;
+    curl_free(value);
+  }
+  return parts;
+}
+
+bool sameHost(const std::string& a, const std::string& b) {
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
+    return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
+  });
+}
+
+// At the end of a response head that libcurl is about to follow: a redirect
+// away from HTTPS is refused (before anything goes to the new location), and
+// one to another host is told in the debug log. False to end the transfer.
+bool checkRedirect(Transfer& transfer) {
+  long status = 0;
+  curl_easy_getinfo(transfer.easy, CURLINFO_RESPONSE_CODE, &status);
+  if (status != 301 && status != 302 && status != 303 && status != 307 && status != 308) return true;
+  auto location = transfer.responseHeaders.valueForField("Location");
+  if (!location || location->empty()) return true;
+  char* current = nullptr;
+  curl_easy_getinfo(transfer.easy, CURLINFO_EFFECTIVE_URL, &current);
+  if (!current) return true;
+  auto from = resolveURL(current, std::nullopt);
+  auto to = resolveURL(current, *location);
+  if (!from || !to) return true;  // libcurl refuses what it cannot parse
+  if (from->scheme == "https" && to->scheme != "https") {
+    transfer.insecureRedirectRefused = true;
+    return false;
+  }
+  if (!sameHost(from->host, to->host)) console::SYLLogDebug("Redirected from {} to {}", from->url, to->url);
+  return true;
+}
+
 std::size_t writeHeaderLine(char* data, std::size_t size, std::size_t count, void* context) {
   auto* transfer = static_cast<Transfer*>(context);
   std::size_t length = size * count;
-  transfer->responseHeaders.takeResponseHeaderLine(std::string_view(data, length));
+  std::string_view line(data, length);
+  if (line == "\r\n" || line == "\n") return checkRedirect(*transfer) ? length : 0;
+  transfer->responseHeaders.takeResponseHeaderLine(line);
   return length;
 }
 
@@ -95,17 +169,44 @@ int seekBody(void* context, curl_off_t offset, int origin) {
   return CURL_SEEKFUNC_OK;
 }
 
+// Starts the idle clock and the low-speed clock of a transfer.
+void startClocks(Transfer& transfer) {
+  auto now = std::chrono::steady_clock::now();
+  transfer.lastActivity = now;
+  transfer.sampleStart = now;
+  transfer.sampleBytes = transfer.bytesMoved;
+  transfer.slowSince.reset();
+}
+
+// True once the transfer has stayed below the low-speed limit for its window.
+bool tooSlow(Transfer& transfer, std::chrono::steady_clock::time_point now) {
+  auto sample = std::min(kLowSpeedLongestSample, transfer.lowSpeedWindow / 4);
+  auto elapsed = now - transfer.sampleStart;
+  if (elapsed >= sample) {
+    double seconds = std::chrono::duration<double>(elapsed).count();
+    double rate = static_cast<double>(transfer.bytesMoved - transfer.sampleBytes) / seconds;
+    if (rate >= kLowSpeedBytesPerSecond)
+      transfer.slowSince.reset();
+    else if (!transfer.slowSince)
+      transfer.slowSince = transfer.sampleStart;
+    transfer.sampleStart = now;
+    transfer.sampleBytes = transfer.bytesMoved;
+  }
+  return transfer.slowSince && now - *transfer.slowSince >= transfer.lowSpeedWindow;
+}
+
 int watchProgress(void* context, curl_off_t downloadTotal, curl_off_t downloaded, curl_off_t uploadTotal,
                   curl_off_t uploaded) {
   (void)downloadTotal, (void)uploadTotal;
   auto* transfer = static_cast<Transfer*>(context);
   auto now = std::chrono::steady_clock::now();
-  if (downloaded + uploaded != transfer->bytesMoved) {
+  bool moved = downloaded + uploaded != transfer->bytesMoved;
+  if (moved) {
     transfer->bytesMoved = downloaded + uploaded;
     transfer->lastActivity = now;
-    return 0;
   }
-  if (now - transfer->lastActivity < transfer->idleTimeout) return 0;
+  bool idle = !moved && now - transfer->lastActivity >= transfer->idleTimeout;
+  if (!idle && !tooSlow(*transfer, now)) return 0;
   transfer->timedOut = true;
   return 1;  // ends the transfer
 }
@@ -171,7 +272,11 @@ void CurlURLSession::Core::configure(Transfer& transfer) {
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer.errorBuffer);
   curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+  // A redirect never leaves HTTPS (checkRedirect refuses it with its own
+  // error first; this keeps libcurl from connecting even so).
+  auto requested = resolveURL(request.URL.c_str(), std::nullopt);
+  bool secure = requested && requested->scheme == "https";
+  curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, secure ? "https" : "http,https");
   curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
   curl_easy_setopt(easy, CURLOPT_MAXREDIRS, configuration.maximumRedirects);
   curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
@@ -187,7 +292,10 @@ void CurlURLSession::Core::configure(Transfer& transfer) {
   auto timeout = configuration.timeoutIntervalOverride.value_or(std::chrono::milliseconds(
       static_cast<long long>(std::max(0.001, request.timeoutInterval) * 1000)));
   transfer.idleTimeout = std::max(idleTimeoutWithTestCeiling(timeout), std::chrono::milliseconds(1));
-  transfer.lastActivity = std::chrono::steady_clock::now();
+  // The idle clock restarts with every byte; the low-speed limit catches a
+  // peer that keeps it from running out.
+  transfer.lowSpeedWindow = std::max(idleTimeoutWithTestCeiling(kLowSpeedWindow), std::chrono::milliseconds(4));
+  startClocks(transfer);
   curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(transfer.idleTimeout.count()));
   curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
   curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &watchProgress);
@@ -259,10 +367,11 @@ void CurlURLSession::Core::complete(std::unique_ptr<Transfer> transfer, CURLcode
   long osErrno = 0, verifyResult = 0;
   curl_easy_getinfo(transfer->easy, CURLINFO_OS_ERRNO, &osErrno);
   curl_easy_getinfo(transfer->easy, CURLINFO_SSL_VERIFYRESULT, &verifyResult);
-  std::int64_t code = transfer->responseTooLarge ? std::int64_t{URLErrorDataLengthExceedsMaximum}
-                      : transfer->timedOut       ? std::int64_t{URLErrorTimedOut}
-                                                 : urlErrorCodeForCurlCode(result, osErrno, verifyResult);
   std::string detail = transfer->errorBuffer[0] ? transfer->errorBuffer : curl_easy_strerror(result);
+  std::int64_t code = transfer->responseTooLarge          ? std::int64_t{URLErrorDataLengthExceedsMaximum}
+                      : transfer->insecureRedirectRefused ? std::int64_t{URLErrorAppTransportSecurityRequiresSecureConnection}
+                      : transfer->timedOut       ? std::int64_t{URLErrorTimedOut}
+                                                 : urlErrorCodeForCurlCode(result, osErrno, verifyResult, detail);
   auto error = makeURLError(code, transfer->request.URL, detail, static_cast<long>(result));
   deliver(std::move(transfer), std::nullopt, std::nullopt, std::move(error));
 }
@@ -289,7 +398,7 @@ void CurlURLSession::Core::run() {
         deliver(std::move(transfer), std::nullopt, std::nullopt, std::move(error));
       } else {
         CURL* easy = transfer->easy;
-        transfer->lastActivity = std::chrono::steady_clock::now();  // the idle clock starts now
+        startClocks(*transfer);  // the idle and low-speed clocks start now
         active.emplace(easy, std::move(transfer));
       }
     }

@@ -271,7 +271,7 @@ void SUPWebClientTransaction::perform(bool asynchronous) {
     curl_easy_getinfo(transfer.easy, CURLINFO_OS_ERRNO, &osErrno);
     curl_easy_getinfo(transfer.easy, CURLINFO_SSL_VERIFYRESULT, &verifyResult);
     std::string detail = transfer.errorBuffer[0] ? transfer.errorBuffer : curl_easy_strerror(result);
-    error = makeURLError(urlErrorCodeForCurlCode(result, osErrno, verifyResult), transfer.wireRequest.URL, detail,
+    error = makeURLError(urlErrorCodeForCurlCode(result, osErrno, verifyResult, detail), transfer.wireRequest.URL, detail,
                          static_cast<long>(result));
   }
   transfer.post([self, error] { self->didFail(error); });

@@ -35,7 +35,6 @@ TEST(CurlErrorMappingTest, TransportFailuresKeepTheirRetryGroup) {
       {CURLE_URL_MALFORMAT, 0, 0, URLErrorBadURL, false},
       {CURLE_UNSUPPORTED_PROTOCOL, 0, 0, URLErrorUnsupportedURL, false},
       {CURLE_TOO_MANY_REDIRECTS, 0, 0, URLErrorHTTPTooManyRedirects, false},
-      {CURLE_SSL_CONNECT_ERROR, 0, 0, URLErrorSecureConnectionFailed, false},
       {CURLE_PEER_FAILED_VERIFICATION, 0, X509_V_ERR_CERT_HAS_EXPIRED, URLErrorServerCertificateHasBadDate, false},
       {CURLE_PEER_FAILED_VERIFICATION, 0, X509_V_ERR_CERT_NOT_YET_VALID, URLErrorServerCertificateNotYetValid, false},
       {CURLE_PEER_FAILED_VERIFICATION, 0, X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT,
@@ -51,6 +50,35 @@ TEST(CurlErrorMappingTest, TransportFailuresKeepTheirRetryGroup) {
     EXPECT_EQ(code, c.code) << curl_easy_strerror(c.curl);
     EXPECT_EQ(retryable(code), c.retryable) << curl_easy_strerror(c.curl);
   }
+}
+
+// A handshake that fails on its merits is final; one the peer cut off is a
+// lost connection, whether libcurl saw the reset's errno or only wrote it.
+TEST(CurlErrorMappingTest, HandshakeCutOffIsALostConnection) {
+  struct Case {
+    long osErrno;
+    const char* detail;
+    std::int64_t code;
+  };
+  const Case cases[] = {
+      {ECONNRESET, "", URLErrorNetworkConnectionLost},
+      {0, "OpenSSL SSL_connect: Connection reset by peer in connection to 127.0.0.1:4433 ",
+       URLErrorNetworkConnectionLost},
+      {0, "OpenSSL SSL_connect: SSL_ERROR_SYSCALL in connection to 127.0.0.1:4433 ", URLErrorNetworkConnectionLost},
+      {0, "error:0A000126:SSL routines::unexpected eof while reading", URLErrorNetworkConnectionLost},
+      {0, "", URLErrorSecureConnectionFailed},
+      {0, "error:0A00010B:SSL routines::wrong version number", URLErrorSecureConnectionFailed},
+      {0, "error:0A000410:SSL routines::sslv3 alert handshake failure", URLErrorSecureConnectionFailed},
+  };
+  for (const auto& c : cases) {
+    std::int64_t code = urlErrorCodeForCurlCode(CURLE_SSL_CONNECT_ERROR, c.osErrno, 0, c.detail);
+    EXPECT_EQ(code, c.code) << c.osErrno << " " << c.detail;
+    EXPECT_EQ(retryable(code), code == URLErrorNetworkConnectionLost) << c.detail;
+  }
+  // A refused certificate stays a certificate failure whatever the text says.
+  EXPECT_EQ(urlErrorCodeForCurlCode(CURLE_PEER_FAILED_VERIFICATION, ECONNRESET,
+                                    X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY, "connection reset"),
+            URLErrorServerCertificateHasUnknownRoot);
 }
 
 TEST(CurlErrorMappingTest, ErrorNamesTheFailingURLAndKeepsTheTransportAccount) {

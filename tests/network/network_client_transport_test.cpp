@@ -12,11 +12,17 @@
 #include <mutex>
 
 #include "fake_service_process.h"
+#include "raw_loopback_server.h"
+#include "console/console_log.h"
+#include "network/loopback_http_server.h"
+#include "support/scoped_environment.h"
+#include "support/test_support.h"
 #include "dispatch/thread_pool.h"
 #include "network/curl_url_session.h"
 #include "network/network_client.h"
 #include "network/network_constants.h"
 #include "network/network_response_handler.h"
+#include "network/test_time_limits.h"
 #include "network/url_error.h"
 
 namespace symlift::network {
@@ -24,6 +30,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using symlift::testing::FakeServiceProcess;
+using symlift::testing::RawLoopbackServer;
 
 constexpr const char* kApp = "1:1234567890:ios:abc123";
 constexpr const char* kUUID = "00112233445566778899aabbccddeeff";
@@ -268,6 +275,36 @@ TEST(NetworkClientTransportTest, DroppedConnectionIsLostAndRetried) {
   EXPECT_EQ(second.loggedHeaderValues("X-Vantrel-Retries"), (std::vector<std::string>{"0/10", "1/10"}));
 }
 
+// A peer that takes the connection, reads the ClientHello and then resets
+// or closes the connection: a load balancer dropping it mid-handshake. That
+// is a lost connection, retried, not a certificate failure.
+TEST(NetworkClientTransportTest, HandshakeCutOffByThePeerIsALostConnectionAndRetried) {
+  for (bool reset : {true, false}) {
+    SCOPED_TRACE(reset ? "reset" : "closed");
+    RawLoopbackServer server([reset](int socket, const std::atomic<bool>&) {
+      RawLoopbackServer::readSome(socket);
+      if (reset) RawLoopbackServer::resetOnClose(socket);
+    });
+    ASSERT_TRUE(server.bound());
+    std::string url = server.url("https", "/v1/x");
+    SessionOutcome once = transferOnce(uploadRequest(url));
+    ASSERT_TRUE(once.error);
+    EXPECT_EQ(once.error->domain, "NSURLErrorDomain");
+    EXPECT_EQ(once.error->code, URLErrorNetworkConnectionLost) << once.error->description();
+    EXPECT_TRUE(SUPNetworkResponseHandler::retryableURLError(once.error));
+    EXPECT_EQ(server.connections(), 1);
+
+    TestClient test;
+    Outcome outcome;
+    test.client->startDataTaskWithRequest(uploadRequest(url), 3, outcome.handler());
+    ASSERT_TRUE(outcome.wait());
+    ASSERT_TRUE(outcome.error);
+    EXPECT_EQ(outcome.error->code, SUPNetworkErrorMaximumAttemptsReached) << outcome.error->description();
+    EXPECT_EQ(test.retries(), 3u);
+    EXPECT_EQ(server.connections(), 1 + 4);
+  }
+}
+
 TEST(NetworkClientTransportTest, SilentServerTimesOut) {
   FakeServiceProcess service({"--delay-ms", "20000"});
   ASSERT_TRUE(service.started());
@@ -281,6 +318,45 @@ TEST(NetworkClientTransportTest, SilentServerTimesOut) {
   EXPECT_GE(elapsed, 900ms);
   EXPECT_LT(elapsed, 10s);
   EXPECT_TRUE(SUPNetworkResponseHandler::retryableURLError(once.error));
+}
+
+// A peer that answers a byte at a time, every 100 ms: never idle, but far
+// below the low-speed limit, so the transfer times out (the test ceiling
+// shortens the low-speed window as it does the idle time-out) and the client
+// retries it as it does any time-out.
+TEST(NetworkClientTransportTest, TricklingServerTimesOutAndIsRetried) {
+  symlift::testing::ScopedEnvironment window(kTestIdleTimeoutVariable, "1500");
+  const auto trickleFor = std::chrono::milliseconds(static_cast<long>(20000 * symlift::testing::timeScale()));
+  RawLoopbackServer server([&](int socket, const std::atomic<bool>& stopping) {
+    std::string request = RawLoopbackServer::readSome(socket);
+    while (request.find("\r\n\r\n") == std::string::npos) {
+      std::string more = RawLoopbackServer::readSome(socket);
+      if (more.empty()) return;
+      request += more;
+    }
+    std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n";
+    if (::send(socket, head.data(), head.size(), MSG_NOSIGNAL) < 0) return;
+    auto end = std::chrono::steady_clock::now() + trickleFor;
+    while (!stopping && std::chrono::steady_clock::now() < end) {
+      if (::send(socket, "x", 1, MSG_NOSIGNAL) != 1) return;  // the client hung up
+      std::this_thread::sleep_for(100ms);
+    }
+  });
+  ASSERT_TRUE(server.bound());
+  std::string url = server.url("http", "/v1/x");
+  SessionOutcome once = transferOnce(uploadRequest(url));
+  ASSERT_TRUE(once.error);
+  EXPECT_EQ(once.error->code, URLErrorTimedOut) << once.error->description();
+  EXPECT_FALSE(once.response);
+
+  TestClient test;
+  Outcome outcome;
+  test.client->startDataTaskWithRequest(uploadRequest(url), 1, outcome.handler());
+  ASSERT_TRUE(outcome.wait(std::chrono::seconds(static_cast<long>(60 * symlift::testing::timeScale()))));
+  ASSERT_TRUE(outcome.error);
+  EXPECT_EQ(outcome.error->code, SUPNetworkErrorMaximumAttemptsReached) << outcome.error->description();
+  EXPECT_EQ(test.retries(), 1u);
+  EXPECT_EQ(server.connections(), 1 + 2);
 }
 
 TEST(NetworkClientTransportTest, HTTPSWithTheTestCAAndWithoutIt) {
@@ -314,6 +390,105 @@ TEST(NetworkClientTransportTest, HTTPSWithTheTestCAAndWithoutIt) {
       << bad.error->description();
   EXPECT_EQ(untrusted.retries(), 0u);
   EXPECT_EQ(service.loggedRequestCount(), 1u);  // only the trusted upload got through
+}
+
+// An HTTPS service redirecting to plain HTTP is refused before anything goes
+// there, whatever the redirect status, and the refusal is final.
+TEST(NetworkClientTransportTest, RedirectFromHTTPSToPlainHTTPIsRefused) {
+  symlift::testing::TestCertificates certificates;
+  if (!certificates.made) GTEST_SKIP() << "openssl could not make the test certificates";
+  RawLoopbackServer plain([](int socket, const std::atomic<bool>&) { RawLoopbackServer::readSome(socket, 500ms); });
+  ASSERT_TRUE(plain.bound());
+  auto tls = std::make_unique<httplib::SSLServer>(certificates.serverCertificate.c_str(),
+                                                  certificates.serverKey.c_str());
+  tls->Put(R"(/away/(\d+))", [&](const httplib::Request& request, httplib::Response& response) {
+    response.status = std::stoi(request.matches[1]);
+    response.set_header("Location", plain.url("http", "/v1/x"));
+  });
+  symlift::testing::LoopbackHTTPServer secure(std::move(tls), "https");
+  ASSERT_TRUE(secure.bound());
+  URLSessionConfiguration trusting;
+  trusting.caInfoPath = certificates.caCertificate;
+
+  for (int status : {301, 302, 303, 307, 308}) {
+    SessionOutcome once = transferOnce(uploadRequest(secure.url() + "/away/" + std::to_string(status)), trusting);
+    ASSERT_TRUE(once.error) << status;
+    EXPECT_EQ(once.error->domain, "NSURLErrorDomain");
+    EXPECT_EQ(once.error->code, URLErrorAppTransportSecurityRequiresSecureConnection)
+        << status << " " << once.error->description();
+    EXPECT_FALSE(once.response);
+  }
+  TestClient test(trusting);
+  Outcome outcome;
+  test.client->startDataTaskWithRequest(uploadRequest(secure.url() + "/away/307"), 10, outcome.handler());
+  ASSERT_TRUE(outcome.wait());
+  ASSERT_TRUE(outcome.error);
+  EXPECT_EQ(outcome.error->code, URLErrorAppTransportSecurityRequiresSecureConnection);
+  EXPECT_EQ(test.retries(), 0u);
+  EXPECT_EQ(plain.connections(), 0);
+}
+
+// Redirects that stay secure, or start from plain HTTP, are followed with the
+// body sent again; one to another host is told in the debug log, once.
+TEST(NetworkClientTransportTest, OtherRedirectsAreFollowed) {
+  symlift::testing::TestCertificates certificates;
+  if (!certificates.made) GTEST_SKIP() << "openssl could not make the test certificates";
+  auto answer = [](const httplib::Request& request, httplib::Response& response) {
+    response.set_content(request.body, "application/octet-stream");
+  };
+  auto tls = std::make_unique<httplib::SSLServer>(certificates.serverCertificate.c_str(),
+                                                  certificates.serverKey.c_str());
+  tls->Put("/here", [](const httplib::Request&, httplib::Response& response) {
+    response.status = 307;
+    response.set_header("Location", "/there");
+  });
+  tls->Put("/there", answer);
+  symlift::testing::LoopbackHTTPServer secure(std::move(tls), "https");
+  ASSERT_TRUE(secure.bound());
+  auto http = std::make_unique<httplib::Server>();
+  int port = 0;
+  http->Put("/up", [&](const httplib::Request&, httplib::Response& response) {
+    response.status = 308;
+    response.set_header("Location", secure.url() + "/there");
+  });
+  http->Put("/elsewhere", [&](const httplib::Request&, httplib::Response& response) {
+    response.status = 307;
+    response.set_header("Location", "http://localhost:" + std::to_string(port) + "/there");
+  });
+  http->Put("/there", answer);
+  symlift::testing::LoopbackHTTPServer insecure(std::move(http));
+  ASSERT_TRUE(insecure.bound());
+  port = std::stoi(insecure.url().substr(insecure.url().rfind(':') + 1));
+  URLSessionConfiguration trusting;
+  trusting.caInfoPath = certificates.caCertificate;
+
+  struct Case {
+    std::string url;
+    std::string landing;
+    bool told;  // another host: one debug line
+  };
+  const Case cases[] = {
+      {secure.url() + "/here", secure.url() + "/there", false},
+      {insecure.url() + "/up", secure.url() + "/there", false},
+      {insecure.url() + "/elsewhere", "http://localhost:" + std::to_string(port) + "/there", true},
+  };
+  auto& log = console::SYLLogging::sharedInstance();
+  auto level = log.logLevel();
+  for (const Case& c : cases) {
+    std::string body = csymBody();
+    log.setLogLevel(console::kLogLevelDebug);
+    ::testing::internal::CaptureStdout();
+    SessionOutcome once = transferOnce(uploadRequest(c.url, body), trusting);
+    std::string printed = ::testing::internal::GetCapturedStdout();
+    log.setLogLevel(level);
+    EXPECT_FALSE(once.error) << c.url << " " << once.error->description();
+    ASSERT_TRUE(once.response) << c.url;
+    EXPECT_EQ(once.response->statusCode, 200) << c.url;
+    EXPECT_EQ(once.response->URL, c.landing);
+    std::string line = "Redirected from " + c.url + " to " + c.landing;
+    EXPECT_EQ(symlift::testing::countOccurrences(printed, line), c.told ? 1u : 0u) << printed;
+    EXPECT_EQ(symlift::testing::countOccurrences(printed, "Redirected"), c.told ? 1u : 0u) << printed;
+  }
 }
 
 TEST(NetworkClientTransportTest, MalformedAndUnsupportedURLsAreFinal) {
