@@ -204,6 +204,9 @@ int watchProgress(void* context, curl_off_t downloadTotal, curl_off_t downloaded
   if (moved) {
     transfer->bytesMoved = downloaded + uploaded;
     transfer->lastActivity = now;
+    const auto& observer = transfer->request.observer;
+    if (observer && observer->bodyBytesSent && uploaded > 0)
+      observer->bodyBytesSent(static_cast<std::uint64_t>(uploaded));
   }
   bool idle = !moved && now - transfer->lastActivity >= transfer->idleTimeout;
   if (!idle && !tooSlow(*transfer, now)) return 0;
