@@ -124,7 +124,7 @@ void removeLinksLeadingOutOf(const fs::path& folder) {
     if (inside) continue;
     std::error_code removeError;
     fs::remove(link, removeError);
-    SYLLogWarning("Removed symbolic link leading out of the archive: {}", link.string());
+    SYLLogWarning("Removed symbolic link leading out of the archive: {}", printable(link.string()));
   }
 }
 
@@ -157,9 +157,9 @@ bool isPathOfType(const std::string& path, PathType type) {
   const fs::file_status status = fs::status(path, error);
   if (!fs::exists(status)) {
     if (error == std::errc::filename_too_long)
-      SYLLogWarning("Path is too long: {}", path);
+      SYLLogWarning("Path is too long: {}", printable(path));
     else
-      SYLLogWarning("Path does not exist: {}", path);
+      SYLLogWarning("Path does not exist: {}", printable(path));
     return false;
   }
   const bool isDSYMName = hasSuffixIgnoringCase(path, ".dSYM");
@@ -178,17 +178,17 @@ bool isValidDSYMBundle(const std::string& path) {
   std::error_code error;
   if (!fs::exists(path, error)) return false;
   if (!dsym::SUPBundle::bundleWithURL(path)) {
-    SYLLogWarning("{} is not a dSYM bundle.", path);
+    SYLLogWarning("{} is not a dSYM bundle.", printable(path));
     return false;
   }
   const fs::path dwarf = fs::path(path) / kDWARFFolder;
   if (!fs::is_directory(dwarf, error)) {
-    SYLLogWarning("{} does not contain DWARF content.", path);
+    SYLLogWarning("{} does not contain DWARF content.", printable(path));
     return false;
   }
   auto entries = deepEntries(dwarf);
   if (!entries || entries->empty()) {
-    SYLLogWarning("Found a DWARF dir with no content: {}", path);
+    SYLLogWarning("Found a DWARF dir with no content: {}", printable(path));
     return false;
   }
   return true;
@@ -209,23 +209,23 @@ PathExpansion::PathExpansion(RunContext& run, const SYLUploadSettings& settings,
 
 int PathExpansion::processPaths(const std::vector<std::string>& paths, bool recursive) {
   for (const auto& path : paths) {
-    SYLLogDebug("Inspecting next path: {}", path);
+    SYLLogDebug("Inspecting next path: {}", printable(path));
     int status = kExitSuccess;
     if (path.find("__MACOSX") != std::string::npos) {
-      SYLLogDebug("Skipping OS X archive metadata file: {}", path);
+      SYLLogDebug("Skipping OS X archive metadata file: {}", printable(path));
     } else if (isPathOfType(path, PathType::DSYMBundle)) {
-      SYLLogDebug("Found dSYM at path: {}", path);
+      SYLLogDebug("Found dSYM at path: {}", printable(path));
       status = processDSYMBundle(path);
     } else if (!recursive && isPathOfType(path, PathType::Folder)) {
-      SYLLogDebug("Found directory at path: {}", path);
+      SYLLogDebug("Found directory at path: {}", printable(path));
       bool found = false;
       status = expandDirectory(path, found);
-      if (status == kExitSuccess && !found) SYLLogWarning("No dSYMs found in {}", path);
+      if (status == kExitSuccess && !found) SYLLogWarning("No dSYMs found in {}", printable(path));
     } else if (isPathOfType(path, PathType::ZipArchive)) {
-      SYLLogDebug("Found archive at path: {}", path);
+      SYLLogDebug("Found archive at path: {}", printable(path));
       status = processArchive(path);
     } else if (!recursive) {
-      SYLLogWarning("Path is not a .dSYM, directory, or archive: {}", path);
+      SYLLogWarning("Path is not a .dSYM, directory, or archive: {}", printable(path));
     }
     if (status != kExitSuccess) return status;
   }
@@ -236,7 +236,7 @@ int PathExpansion::expandDirectory(const std::string& path, bool& found) {
   found = false;
   auto entries = deepEntries(path);
   if (!entries) {
-    SYLLogWarning("Unable to enumerate contents of directory: {}", path);
+    SYLLogWarning("Unable to enumerate contents of directory: {}", printable(path));
     return kExitSuccess;
   }
   std::vector<std::string> paths;
@@ -254,7 +254,7 @@ int PathExpansion::processDSYMBundle(const std::string& path) {
     const fs::path dwarfPath = (dwarfFolder / entry).lexically_normal();
     auto dSYMFile = dsym::SUPDSYMFile::initWithDWARFURL(dwarfPath, path);
     if (dSYMFile && isSystemLibraryDSYM(*dSYMFile)) {
-      SYLLogWarning("Skipping Apple dSYM: {}", path);
+      SYLLogWarning("Skipping Apple dSYM: {}", printable(path));
       if (skipped_) skipped_(DWARFInput{path, dwarfPath, dSYMFile});
       return kExitSuccess;
     }
@@ -268,7 +268,7 @@ int PathExpansion::processDSYMBundle(const std::string& path) {
     if (dSYMFile && !hasArchitectureSlices(*dSYMFile) && fs::exists(fs::symlink_status(dwarfPath, error))) {
       input.readError = openError(dwarfPath);
       if (input.readError == 0) {
-        SYLLogWarning("No architecture slices in dSYM at {}", dwarfPath.string());
+        SYLLogWarning("No architecture slices in dSYM at {}", printable(dwarfPath.string()));
         if (skipped_) skipped_(input);
         continue;
       }
@@ -281,8 +281,8 @@ int PathExpansion::processDSYMBundle(const std::string& path) {
 int PathExpansion::processArchive(const std::string& path) {
   const std::string folder = unpackFolderForArchive(path);
   const auto failedToCreate = [&folder](const std::string& failedPath, int reason) {
-    SYLLogError("Failed to create directory {}", folder);
-    SYLLogError("Could not create {}: {}", failedPath, std::strerror(reason));
+    SYLLogError("Failed to create directory {}", printable(folder));
+    SYLLogError("Could not create {}: {}", printable(failedPath), std::strerror(reason));
     return kExitUnpackFolderNotCreatable;
   };
   support::CleanupRegistry& cleanup = run_.cleanup();
@@ -295,7 +295,7 @@ int PathExpansion::processArchive(const std::string& path) {
   std::error_code error;
   if (fs::exists(fs::symlink_status(folder, error))) {
     fs::remove_all(folder, error);
-    if (error) SYLLogWarning("Failed to remove {}", folder);
+    if (error) SYLLogWarning("Failed to remove {}", printable(folder));
   }
   cleanup.add(folder);
   if (::mkdir(folder.c_str(), 0700) != 0) {
@@ -326,13 +326,13 @@ int PathExpansion::processArchive(const std::string& path) {
   removeLinksLeadingOutOf(folder);
   if (!launched || status != 0) {
     const std::string detail = buildenv::SUPTask::isValidUTF8(standardError) ? ": " + standardError : "";
-    SYLLogError("Failed to unzip archive at {}{}", path, detail);
+    SYLLogError("Failed to unzip archive at {}{}", printable(path), detail);
     return kExitUnzipFailed;
   }
 
   bool found = false;
   if (int result = expandDirectory(folder, found); result != kExitSuccess) return result;
-  if (!found) SYLLogWarning("No dSYMs found in {}", path);
+  if (!found) SYLLogWarning("No dSYMs found in {}", printable(path));
   if (!settings_.convertOnly)
     run_.queue()->addOperation(operations::SUPDeleteFileOperation::initWithPath(folder, cleanup));
   return kExitSuccess;

@@ -17,7 +17,10 @@ namespace symlift::cli {
 namespace {
 
 int reportFailure(const DWARFInput& input, const support::ErrorPtr& error) {
-  console::SYLLogError("Could not complete submission of dSYM at {}: {}", input.bundlePath, error->description());
+  // A description keeps the line breaks of its own layout; the paths in it
+  // were made printable where it was made.
+  console::SYLLogError("Could not complete submission of dSYM at {}: {}", console::printable(input.bundlePath),
+                       error->description());
   return kExitProcessingFailed;
 }
 
@@ -26,7 +29,7 @@ support::ErrorPtr runPipeline(RunContext& run, const SYLUploadSettings& settings
   if (input.readError != 0)
     return support::makeError(operations::kProcessDSYMErrorDomain, operations::kProcessDSYMErrorCodeProcessingFailed,
                               {{support::kLocalizedFailureReasonKey,
-                                fmt::format("Could not read DWARF file at {}: {}", input.dwarfPath.string(),
+                                fmt::format("Could not read DWARF file at {}: {}", console::printable(input.dwarfPath.string()),
                                             std::strerror(input.readError))}});
   auto container = std::make_shared<dsym::SUPCodeMappingInfoContainer>();
   container->setDSYMFile(input.file);

@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <mutex>
@@ -34,6 +35,47 @@ void writeLine(const std::string& line) {
 
 }  // namespace
 
+namespace {
+
+bool isControl(unsigned char c) { return c < 0x20 || c == 0x7f; }
+
+void appendEscape(std::string& out, unsigned char c) {
+  switch (c) {
+    case '\n': out += "\\n"; break;
+    case '\r': out += "\\r"; break;
+    case '\t': out += "\\t"; break;
+    default: out += fmt::format("\\x{:02x}", c);
+  }
+}
+
+// The message with its control characters escaped, but for the line feeds
+// and tabs of the program's own multi-line texts.
+std::string withoutTerminalControls(std::string_view message) {
+  std::string out;
+  out.reserve(message.size());
+  for (unsigned char c : message) {
+    if (isControl(c) && c != '\n' && c != '\t')
+      appendEscape(out, c);
+    else
+      out.push_back(static_cast<char>(c));
+  }
+  return out;
+}
+
+}  // namespace
+
+std::string printable(std::string_view text) {
+  if (std::none_of(text.begin(), text.end(), [](unsigned char c) { return isControl(c); })) return std::string(text);
+  std::string out;
+  for (unsigned char c : text) {
+    if (isControl(c))
+      appendEscape(out, c);
+    else
+      out.push_back(static_cast<char>(c));
+  }
+  return out;
+}
+
 SYLLogging& SYLLogging::sharedInstance() {
   static SYLLogging instance;  // thread-safe one-time initialisation
   return instance;
@@ -42,9 +84,10 @@ SYLLogging& SYLLogging::sharedInstance() {
 std::string SYLLogging::formatLine(std::uint64_t level, std::string_view message, std::string_view color,
                                    bool colorsEnabled) {
   std::string_view prefix = level == kLogLevelWarning ? "warning: " : level == kLogLevelError ? "error: " : "";
+  const std::string text = withoutTerminalControls(message);
   if (colorsEnabled && !color.empty())
-    return fmt::format("{}{}{}{}\n", color, prefix, message, kColorReset);
-  return fmt::format("{}{}\n", prefix, message);
+    return fmt::format("{}{}{}{}\n", color, prefix, text, kColorReset);
+  return fmt::format("{}{}\n", prefix, text);
 }
 
 void SYLLogging::logWithLogLevel(std::uint64_t level, std::string_view message, std::string_view color) {

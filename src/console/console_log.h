@@ -36,6 +36,12 @@ class LogListener {
   virtual void didWriteLine(std::uint64_t /*level*/, std::string_view /*message*/) {}
 };
 
+// Text from outside (a path, an archive's entry name, a symbol name) as it
+// may appear in a line: control characters (line feeds included) are written
+// as escapes ("\n", "\r", "\t", "\x1b"), so that no name can start a line of
+// its own or drive the terminal. Ordinary text comes back unchanged.
+std::string printable(std::string_view text);
+
 class SYLLogging {
  public:
   // The one process-wide instance (level 1, colour on at creation).

@@ -56,17 +56,17 @@ void SUPProcessDSYMOperation::main() {
 
 bool SUPProcessDSYMOperation::prepareToSubmitCodeMappings() {
   const std::string path = dSYMPath();
-  SYLLogDebug("Begin processing dSYM at {}", path);
+  SYLLogDebug("Begin processing dSYM at {}", console::printable(path));
   auto info = codeMappingInfo_.lock();
   std::error_code error;
   if (!info || !info->URL() || !std::filesystem::exists(*info->URL(), error)) {
-    finishWithReason(kProcessDSYMErrorCodeFileMissing, fmt::format("File no longer exists at {}", path));
+    finishWithReason(kProcessDSYMErrorCodeFileMissing, fmt::format("File no longer exists at {}", console::printable(path)));
     return false;
   }
   const bool parsed = info->dSYMFile() != nullptr;
   setProcessDSYMAttributeKey(kProcessDSYMAttributeParsed, parsed);
   if (!parsed) {
-    finishWithReason(kProcessDSYMErrorCodeProcessingFailed, fmt::format("Processing failed for dSYM at {}", path));
+    finishWithReason(kProcessDSYMErrorCodeProcessingFailed, fmt::format("Processing failed for dSYM at {}", console::printable(path)));
     return false;
   }
   return true;

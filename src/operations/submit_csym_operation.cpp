@@ -64,7 +64,7 @@ void SUPSubmitCSYMOperation::enqueueUploadCSYMOperation() {
     const auto& info = *submit->cSYMInfo_;
     const std::string architecture = info.architecture().value_or("(null)");
     const std::string uuid = info.UUID().value_or("(null)");
-    const std::string path = info.URL() ? info.URL()->string() : "(null)";
+    const std::string path = info.URL() ? console::printable(info.URL()->string()) : "(null)";
     if (error) {
       auto submitError = std::make_shared<support::Error>(
           kSubmitCSYMErrorDomain, kSubmitCSYMErrorCodeFailed,

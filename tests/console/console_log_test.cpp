@@ -100,5 +100,18 @@ TEST_F(ConsoleLogTest, LinesFromManyThreadsNeverInterleave) {
   EXPECT_EQ(count, 800);
 }
 
+TEST(PrintableTest, ControlCharactersInOutsideTextAreEscaped) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"/tmp/App.dSYM", "/tmp/App.dSYM"},
+      {"a\nSuccessfully uploaded", "a\\nSuccessfully uploaded"},
+      {"x\x1b[32my\rz\t", "x\\x1b[32my\\rz\\t"},
+      {std::string("nul\0end", 7), "nul\\x00end"},
+  };
+  for (const auto& [text, shown] : cases) EXPECT_EQ(printable(text), shown);
+  // A whole line keeps the program's own line feeds and tabs, never a
+  // terminal control.
+  EXPECT_EQ(SYLLogging::formatLine(kLogLevelInfo, "{\n\tu = a;\n}\x1b[2K\r", "", false), "{\n\tu = a;\n}\\x1b[2K\\r\n");
+}
+
 }  // namespace
 }  // namespace symlift::console
