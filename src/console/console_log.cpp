@@ -29,8 +29,10 @@ std::vector<LogListener*>& listeners() {
 // the process end as a pipe's signal would, through the process's own
 // handling of it (the signal itself is blocked in every thread).
 void writeLine(const std::string& line) {
-  std::fwrite(line.data(), 1, line.size(), stdout);
-  if (std::fflush(stdout) != 0 && errno == EPIPE) ::kill(::getpid(), SIGPIPE);
+  errno = 0;
+  const bool written = std::fwrite(line.data(), 1, line.size(), stdout) == line.size();
+  const bool flushed = std::fflush(stdout) == 0;
+  if ((!written || !flushed) && errno == EPIPE) ::kill(::getpid(), SIGPIPE);
 }
 
 }  // namespace

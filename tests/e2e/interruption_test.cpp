@@ -1,5 +1,6 @@
-// SIGINT and SIGTERM in the middle of a run: the binary removes the cSYM,
-// gzip and unpack files it made and exits with 128 + the signal's number.
+// SIGINT, SIGTERM, SIGHUP and SIGPIPE in the middle of a run: the binary
+// removes the cSYM, gzip and unpack files it made (and the folders it made
+// for them) and exits with 128 + the signal's number.
 // The tests start it in the background, wait until its temporary files are
 // there, signal it and look at what is left.
 
@@ -31,8 +32,10 @@ using Clock = std::chrono::steady_clock;
 // A symlift run in the background, its output going to a file.
 class BackgroundRun {
  public:
+  // Output goes to outputFile, or, when readEnd is given, to a pipe whose
+  // reading end is handed back there.
   BackgroundRun(const std::vector<std::string>& arguments, const std::map<std::string, std::string>& environment,
-                const fs::path& workingDirectory, const fs::path& outputFile) {
+                const fs::path& workingDirectory, const fs::path& outputFile, int* readEnd = nullptr) {
     std::vector<std::string> argv{symliftBinary()};
     argv.insert(argv.end(), arguments.begin(), arguments.end());
     std::vector<char*> args;
@@ -47,11 +50,19 @@ class BackgroundRun {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    int pipeEnds[2] = {-1, -1};
+    if (readEnd && ::pipe2(pipeEnds, O_CLOEXEC) == 0) {
+      *readEnd = pipeEnds[0];
+      posix_spawn_file_actions_adddup2(&actions, pipeEnds[1], STDOUT_FILENO);
+    } else {
+      posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                       0600);
+    }
     posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
     posix_spawn_file_actions_addchdir_np(&actions, workingDirectory.c_str());
     if (posix_spawn(&pid_, args[0], &actions, nullptr, args.data(), envp.data()) != 0) pid_ = -1;
     posix_spawn_file_actions_destroy(&actions);
+    if (pipeEnds[1] >= 0) ::close(pipeEnds[1]);
   }
   ~BackgroundRun() {
     if (pid_ > 0 && !reaped_) {
@@ -134,13 +145,15 @@ class InterruptionTest : public ::testing::Test {
   }
   // Expects the run to end by itself, with exit status 128 + signal, and
   // nothing left in its temporary directory.
-  void expectInterrupted(BackgroundRun& run, int signal) {
+  void expectInterrupted(BackgroundRun& run, int signal, bool toldSo = true) {
     auto status = run.waitFor(std::chrono::seconds(30));
     ASSERT_TRUE(status.has_value()) << "did not end after the signal";
     const std::string output = readFile(work_.path() / "output.txt");
     ASSERT_TRUE(WIFEXITED(*status)) << "ended by signal " << WTERMSIG(*status) << "\n" << output;
     EXPECT_EQ(WEXITSTATUS(*status), 128 + signal) << output;
-    EXPECT_NE(output.find("error: Interrupted by "), std::string::npos) << output;
+    if (toldSo) {
+      EXPECT_NE(output.find("error: Interrupted by "), std::string::npos) << output;
+    }
     EXPECT_EQ(joined(entriesBelow(tmp_.path())), "");
   }
 
@@ -167,31 +180,46 @@ TEST_F(InterruptionTest, SIGINTDuringAConvertOnlyRunRemovesItsCSYMAndGzipFiles) 
   expectInterrupted(run, SIGINT);
 }
 
-TEST_F(InterruptionTest, SIGTERMWhileAnUploadWaitsRemovesTheUnpackedArchive) {
+// An archive given by a path of several folders, so that the unpack folder
+// needs parents of its own below TMPDIR: they go too.
+TEST_F(InterruptionTest, EverySignalWhileAnUploadWaitsRemovesTheUnpackedArchive) {
   if (!haveProgram("zip") || !haveProgram("unzip")) GTEST_SKIP() << "zip and unzip are needed";
-  FakeServiceProcess service({"--delay-ms", "20000"});
-  ASSERT_TRUE(service.started());
   for (int i = 0; i < 3; ++i) copyFatApp(work_.path() / "content" / ("App" + std::to_string(i) + ".dSYM"));
-  ASSERT_TRUE(zipFolder(work_.path() / "content", work_.path() / "Symbols.zip"));
-
-  BackgroundRun run({"-sdv", "-ai", "1:99:ios:e2e", "-p", "ios", "--", "Symbols.zip"},
-                    environment(service.baseURL()), work_.path(), work_.path() / "output.txt");
-  ASSERT_TRUE(run.started());
-  const fs::path unpacked = tmp_.path() / "Symbols.zip.unzipped";
-  // Unpacked completely and unzip gone: the first slices are then on their
-  // way to the service, which holds every answer back far longer than this.
+  fs::create_directories(work_.path() / "drop/box");
+  ASSERT_TRUE(zipFolder(work_.path() / "content", work_.path() / "drop/box/Symbols.zip"));
+  const fs::path unpacked = tmp_.path() / "drop/box/Symbols.zip.unzipped";
   const auto fatAppSize = fs::file_size(fixturesDir() / "FatApp.dSYM/Contents/Resources/DWARF/FatApp");
-  ASSERT_TRUE(waitUntil(run, [&] {
-    for (const char* app : {"App0", "App1", "App2"}) {
-      std::error_code error;
-      if (fs::file_size(unpacked / (std::string(app) + ".dSYM") / "Contents/Resources/DWARF/FatApp", error) != fatAppSize) return false;
+  // 0: the reader of standard output goes away (the next line meets a
+  // closed pipe), rather than a signal from outside.
+  for (int signal : {SIGTERM, SIGHUP, SIGPIPE, 0}) {
+    SCOPED_TRACE(signal);
+    FakeServiceProcess service({"--delay-ms", signal ? "20000" : "1500"});
+    ASSERT_TRUE(service.started());
+    int readEnd = -1;
+    BackgroundRun run({"-sdv", "-ai", "1:99:ios:e2e", "-p", "ios", "--", "drop/box/Symbols.zip"},
+                      environment(service.baseURL()), work_.path(), work_.path() / "output.txt",
+                      signal ? nullptr : &readEnd);
+    ASSERT_TRUE(run.started());
+    // Unpacked completely and unzip gone: the first slices are then on their
+    // way to the service, which holds every answer back.
+    ASSERT_TRUE(waitUntil(run, [&] {
+      for (const char* app : {"App0", "App1", "App2"}) {
+        std::error_code error;
+        if (fs::file_size(unpacked / (std::string(app) + ".dSYM") / "Contents/Resources/DWARF/FatApp", error) !=
+            fatAppSize)
+          return false;
+      }
+      return !hasChildProcess(run.pid());
+    }, std::chrono::seconds(60))) << readFile(work_.path() / "output.txt");
+    const auto signalled = Clock::now();
+    if (signal) {
+      run.signal(signal);
+    } else {
+      ::close(readEnd);
     }
-    return !hasChildProcess(run.pid());
-  }, std::chrono::seconds(60))) << readFile(work_.path() / "output.txt");
-  const auto signalled = Clock::now();
-  run.signal(SIGTERM);
-  expectInterrupted(run, SIGTERM);
-  EXPECT_LT(Clock::now() - signalled, std::chrono::seconds(10)) << "waited for the service";
+    expectInterrupted(run, signal ? signal : SIGPIPE, /*toldSo=*/signal != 0 && signal != SIGPIPE);
+    EXPECT_LT(Clock::now() - signalled, std::chrono::seconds(10)) << "waited for the service";
+  }
 }
 
 TEST_F(InterruptionTest, SIGTERMStopsAnUnzipStillWritingBeforeRemovingItsFolder) {
