@@ -1,20 +1,14 @@
 #include "operations/parallel_gzip.h"
 
+#include <libdeflate.h>
 #include <zlib.h>
 
 #include <algorithm>
-#include <climits>
 #include <memory>
-#include <utility>
-#include <vector>
 
 namespace symlift::operations {
 
 namespace {
-
-constexpr std::size_t kWindowSize = 32768;
-constexpr int kLevel = Z_DEFAULT_COMPRESSION;  // 6
-constexpr int kMemLevel = 8;                   // zlib's default, as gzwrite uses
 
 // Bytes that deflate overwrites need no zeroing first: a vector whose
 // elements are left uninitialised when it grows.
@@ -35,78 +29,91 @@ struct UninitialisedAllocator : std::allocator<T> {
 };
 using Buffer = std::vector<std::uint8_t, UninitialisedAllocator<std::uint8_t>>;
 
+struct CompressorDeleter {
+  void operator()(libdeflate_compressor* compressor) const { libdeflate_free_compressor(compressor); }
+};
+
+// zlib counts in uInt; it is fed at most this much at a time.
+constexpr std::size_t kMaxZlibCount = std::size_t{1} << 30;
+
 struct Chunk {
   std::span<const std::uint8_t> input;
-  std::span<const std::uint8_t> dictionary;  // the end of the previous chunk
   bool last = false;
   Buffer output;
-  uLong crc = 0;
+  std::uint32_t crc = 0;
   bool ok = false;
 };
 
-// zlib counts in uInt; feed it at most this much at a time.
-constexpr std::size_t kMaxZlibCount = std::size_t{1} << 30;
+// Where a complete raw deflate stream's final block begins and where the
+// stream ends, in bits from its first byte. zlib's inflate stops at every
+// block boundary when asked to and then says how many bits of the last byte
+// it took are still unused.
+struct StreamBounds {
+  std::uint64_t finalBlock = 0;
+  std::uint64_t end = 0;
+};
 
-uLong crcOf(std::span<const std::uint8_t> bytes) {
-  uLong crc = crc32(0L, Z_NULL, 0);
-  while (!bytes.empty()) {
-    const std::size_t n = std::min(bytes.size(), kMaxZlibCount);
-    crc = crc32(crc, bytes.data(), static_cast<uInt>(n));
-    bytes = bytes.subspan(n);
-  }
-  return crc;
-}
-
-// Raw deflate of one chunk. A chunk that is not the last ends with a sync
-// flush (an empty stored block), which leaves the stream byte-aligned and
-// open, so the next chunk's bytes can simply follow it.
-void deflateChunk(Chunk& chunk) {
-  chunk.crc = crcOf(chunk.input);
-  z_stream stream{};
-  if (deflateInit2(&stream, kLevel, Z_DEFLATED, -15, kMemLevel, Z_DEFAULT_STRATEGY) != Z_OK) return;
-  bool ok = true;
-  if (!chunk.dictionary.empty() &&
-      deflateSetDictionary(&stream, chunk.dictionary.data(), static_cast<uInt>(chunk.dictionary.size())) != Z_OK) {
-    ok = false;
-  }
-  // Room for the whole chunk's output plus the flush marker; grown if ever short.
-  chunk.output.resize(deflateBound(&stream, static_cast<uLong>(std::min(chunk.input.size(), kMaxZlibCount))) + 16);
-  std::size_t produced = 0;
-  std::span<const std::uint8_t> rest = chunk.input;
-  while (ok) {
-    const std::size_t n = std::min(rest.size(), kMaxZlibCount);
-    stream.next_in = const_cast<Bytef*>(rest.data());
-    stream.avail_in = static_cast<uInt>(n);
-    const bool finalPiece = n == rest.size();
-    const int flush = !finalPiece ? Z_NO_FLUSH : (chunk.last ? Z_FINISH : Z_SYNC_FLUSH);
-    int status = Z_OK;
-    do {
-      if (produced == chunk.output.size()) chunk.output.resize(chunk.output.size() * 2);
-      const std::size_t room = std::min(chunk.output.size() - produced, kMaxZlibCount);
-      stream.next_out = chunk.output.data() + produced;
-      stream.avail_out = static_cast<uInt>(room);
-      status = deflate(&stream, flush);
-      produced += room - stream.avail_out;
-      if (status == Z_STREAM_ERROR) {
-        ok = false;
+std::optional<StreamBounds> boundsOf(const Buffer& stream) {
+  z_stream inflater{};
+  if (inflateInit2(&inflater, -15) != Z_OK) return std::nullopt;
+  std::vector<std::uint8_t> scratch(std::size_t{1} << 16);  // the output is not kept: zlib keeps its own window
+  std::span<const std::uint8_t> rest(stream.data(), stream.size());
+  std::uint64_t boundary = 0;  // the first block starts at bit 0
+  std::optional<StreamBounds> bounds;
+  for (;;) {
+    if (inflater.avail_in == 0 && !rest.empty()) {
+      const std::size_t n = std::min(rest.size(), kMaxZlibCount);
+      inflater.next_in = const_cast<Bytef*>(rest.data());
+      inflater.avail_in = static_cast<uInt>(n);
+      rest = rest.subspan(n);
+    }
+    inflater.next_out = scratch.data();
+    inflater.avail_out = static_cast<uInt>(scratch.size());
+    const int status = inflate(&inflater, Z_BLOCK);
+    const std::uint64_t position = std::uint64_t{inflater.total_in} * 8 - (inflater.data_type & 7);
+    if (status != Z_OK && status != Z_BUF_ERROR) break;  // the end is never passed without a stop first
+    if (status == Z_BUF_ERROR && inflater.avail_in == 0 && rest.empty()) break;  // cut short
+    if (inflater.data_type & 128) {  // stopped right after a block
+      if (inflater.data_type & 64) {  // and it was the final one
+        bounds = StreamBounds{boundary, position};
         break;
       }
-      // Done with this piece once deflate left output room unused (or ended).
-    } while (status != Z_STREAM_END && stream.avail_out == 0);
-    if (!ok) break;
-    if (stream.avail_in != 0) {
-      ok = false;
-      break;
-    }
-    rest = rest.subspan(n);
-    if (finalPiece) {
-      ok = !chunk.last || status == Z_STREAM_END;
-      break;
+      boundary = position;
     }
   }
-  deflateEnd(&stream);
+  inflateEnd(&inflater);
+  return bounds;
+}
+
+// The chunk's raw deflate stream, made to continue into the next chunk's:
+// its final block turned into an ordinary one and followed by an empty
+// stored block, which ends on a byte boundary.
+bool openUp(Buffer& stream) {
+  const auto bounds = boundsOf(stream);
+  if (!bounds || bounds->end > std::uint64_t{stream.size()} * 8) return false;
+  stream[bounds->finalBlock / 8] &= static_cast<std::uint8_t>(~(1u << (bounds->finalBlock % 8)));
+  // The stored block's three header bits (not final, type 0) are zero, as
+  // is the padding after them to the byte boundary.
+  const std::uint64_t headerEnd = bounds->end + 3;
+  const std::size_t bytes = static_cast<std::size_t>((headerEnd + 7) / 8);
+  stream.resize(bytes, 0);
+  const unsigned used = static_cast<unsigned>(bounds->end % 8);
+  if (used != 0) stream[bounds->end / 8] &= static_cast<std::uint8_t>((1u << used) - 1);
+  for (std::size_t i = static_cast<std::size_t>(bounds->end / 8) + (used != 0); i < bytes; ++i) stream[i] = 0;
+  for (std::uint8_t byte : {0x00, 0x00, 0xFF, 0xFF}) stream.push_back(byte);
+  return true;
+}
+
+void deflateChunk(Chunk& chunk, int level) {
+  std::unique_ptr<libdeflate_compressor, CompressorDeleter> compressor(libdeflate_alloc_compressor(level));
+  if (!compressor) return;
+  chunk.crc = static_cast<std::uint32_t>(libdeflate_crc32(0, chunk.input.data(), chunk.input.size()));
+  chunk.output.resize(libdeflate_deflate_compress_bound(compressor.get(), chunk.input.size()));
+  const std::size_t produced = libdeflate_deflate_compress(compressor.get(), chunk.input.data(), chunk.input.size(),
+                                                           chunk.output.data(), chunk.output.size());
+  if (produced == 0) return;
   chunk.output.resize(produced);
-  chunk.ok = ok;
+  chunk.ok = chunk.last || openUp(chunk.output);
 }
 
 void appendLittleEndian32(std::vector<std::uint8_t>& out, std::uint32_t value) {
@@ -122,17 +129,12 @@ std::optional<std::vector<std::uint8_t>> gzipInChunks(dispatch::ThreadPool& pool
   std::vector<Chunk> chunks(chunkCount);
   for (std::size_t i = 0; i < chunkCount; ++i) {
     const std::size_t begin = std::min(i * chunkSize, data.size());
-    const std::size_t end = std::min(begin + chunkSize, data.size());
-    chunks[i].input = data.subspan(begin, end - begin);
-    const std::size_t window = std::min(kWindowSize, begin);
-    chunks[i].dictionary = data.subspan(begin - window, window);
+    chunks[i].input = data.subspan(begin, std::min(chunkSize, data.size() - begin));
     chunks[i].last = i + 1 == chunkCount;
   }
+  pool.parallelFor(chunkCount, [&](std::size_t i) { deflateChunk(chunks[i], options.level); }, options.maxThreads);
 
-  pool.parallelFor(chunkCount, [&chunks](std::size_t i) { deflateChunk(chunks[i]); }, options.maxThreads);
-
-  // Header: deflate, no flags, no time stamp, no extra flags, OS Unix —
-  // the header zlib's own gzip writer produces.
+  // Header: deflate, no flags, no time stamp, no extra flags, OS Unix.
   std::vector<std::uint8_t> out{0x1f, 0x8b, 8, 0, 0, 0, 0, 0, 0, 3};
   std::size_t total = out.size() + 8;
   for (const Chunk& chunk : chunks) {
