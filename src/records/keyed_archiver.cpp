@@ -39,6 +39,23 @@ std::optional<ArchiveUID> uidOfNode(plist_t node) {
   return value;
 }
 
+// The members of an array in order, in one pass (see KeyedUnarchiver).
+std::vector<plist_t> arrayMembers(plist_t array) {
+  std::vector<plist_t> members;
+  members.reserve(plist_array_get_size(array));
+  plist_array_iter it = nullptr;
+  plist_array_new_iter(array, &it);
+  if (!it) return members;
+  for (;;) {
+    plist_t member = nullptr;
+    plist_array_next_item(array, it, &member);
+    if (!member) break;
+    members.push_back(member);
+  }
+  std::free(it);
+  return members;
+}
+
 plist_t dictItem(plist_t dict, const char* key) {
   if (!dict || plist_get_node_type(dict) != PLIST_DICT) return nullptr;
   return plist_dict_get_item(dict, key);
@@ -179,12 +196,13 @@ std::optional<KeyedUnarchiver> KeyedUnarchiver::fromBytes(std::string_view bytes
   if (!objects || plist_get_node_type(objects) != PLIST_ARRAY) return std::nullopt;
   auto root = uidOfNode(dictItem(plist.itemForKey(kTopKey), kRootKey));
   if (!root) return std::nullopt;
-  return KeyedUnarchiver(std::move(plist), objects, *root);
+  std::vector<plist_t> members = arrayMembers(objects);
+  return KeyedUnarchiver(std::move(plist), std::move(members), *root);
 }
 
 plist_t KeyedUnarchiver::objectAt(ArchiveUID uid) const {
-  if (uid == kArchiveNullUID || uid >= plist_array_get_size(objects_)) return nullptr;
-  return plist_array_get_item(objects_, static_cast<std::uint32_t>(uid));
+  if (uid == kArchiveNullUID || uid >= objects_.size()) return nullptr;
+  return objects_[uid];
 }
 
 std::optional<std::string> KeyedUnarchiver::classNameOf(ArchiveUID uid) const {
@@ -204,10 +222,10 @@ std::optional<std::vector<ArchiveUID>> KeyedUnarchiver::membersOf(ArchiveUID uid
   plist_t references = dictItem(objectAt(uid), kMembersKey);
   if (!references || plist_get_node_type(references) != PLIST_ARRAY) return std::nullopt;
   std::vector<ArchiveUID> members;
-  std::uint32_t count = plist_array_get_size(references);
-  members.reserve(count);
-  for (std::uint32_t i = 0; i < count; ++i) {
-    auto member = uidOfNode(plist_array_get_item(references, i));
+  const std::vector<plist_t> nodes = arrayMembers(references);
+  members.reserve(nodes.size());
+  for (plist_t node : nodes) {
+    auto member = uidOfNode(node);
     if (!member) return std::nullopt;
     members.push_back(*member);
   }
