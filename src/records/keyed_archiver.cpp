@@ -107,14 +107,14 @@ std::string wellFormedUTF8(const std::string& text) {
 // ---------------------------------------------------------------------------
 // Writing
 
-KeyedArchiver::KeyedArchiver() : objects_(plist_new_array()) {
-  plist_array_append_item(objects_.node(), plist_new_string(kNullObject));
+KeyedArchiver::KeyedArchiver() {
+  objects_.emplace_back(plist_new_string(kNullObject));
 }
 
 ArchiveUID KeyedArchiver::reserveObject() {
-  ArchiveUID uid = plist_array_get_size(objects_.node());
+  ArchiveUID uid = objects_.size();
   // A placeholder until the object's contents are known.
-  plist_array_append_item(objects_.node(), plist_new_string(kNullObject));
+  objects_.emplace_back(plist_new_string(kNullObject));
   return uid;
 }
 
@@ -126,8 +126,8 @@ ArchiveUID KeyedArchiver::classReference(const std::vector<std::string>& classes
   for (const std::string& entry : classes) plist_array_append_item(chain, plist_new_string(entry.c_str()));
   plist_dict_set_item(description, kClassesKey, chain);
   plist_dict_set_item(description, kClassNameKey, plist_new_string(name.c_str()));
-  ArchiveUID uid = plist_array_get_size(objects_.node());
-  plist_array_append_item(objects_.node(), description);
+  ArchiveUID uid = objects_.size();
+  objects_.emplace_back(description);
   classes_.emplace(name, uid);
   return uid;
 }
@@ -137,7 +137,7 @@ void KeyedArchiver::finishObject(ArchiveUID uid, const std::vector<std::string>&
   plist_t object = plist_new_dict();
   for (const auto& [key, reference] : fields) plist_dict_set_item(object, key.c_str(), plist_new_uid(reference));
   plist_dict_set_item(object, kClassKey, plist_new_uid(classReference(classes)));
-  plist_array_set_item(objects_.node(), object, static_cast<std::uint32_t>(uid));
+  objects_[uid] = support::PropertyList(object);
 }
 
 void KeyedArchiver::finishCollection(ArchiveUID uid, const std::vector<std::string>& classes,
@@ -147,13 +147,13 @@ void KeyedArchiver::finishCollection(ArchiveUID uid, const std::vector<std::stri
   for (ArchiveUID member : members) plist_array_append_item(references, plist_new_uid(member));
   plist_dict_set_item(object, kMembersKey, references);
   plist_dict_set_item(object, kClassKey, plist_new_uid(classReference(classes)));
-  plist_array_set_item(objects_.node(), object, static_cast<std::uint32_t>(uid));
+  objects_[uid] = support::PropertyList(object);
 }
 
 ArchiveUID KeyedArchiver::encodeString(const std::string& string) {
   if (auto found = strings_.find(string); found != strings_.end()) return found->second;
-  ArchiveUID uid = plist_array_get_size(objects_.node());
-  plist_array_append_item(objects_.node(), plist_new_string(wellFormedUTF8(string).c_str()));
+  ArchiveUID uid = objects_.size();
+  objects_.emplace_back(plist_new_string(wellFormedUTF8(string).c_str()));
   strings_.emplace(string, uid);
   return uid;
 }
@@ -163,7 +163,7 @@ ArchiveUID KeyedArchiver::encodeDate(double timeIntervalSinceReferenceDate) {
   plist_t object = plist_new_dict();
   plist_dict_set_item(object, kTimeKey, plist_new_real(timeIntervalSinceReferenceDate));
   plist_dict_set_item(object, kClassKey, plist_new_uid(classReference({"NSDate", "NSObject"})));
-  plist_array_set_item(objects_.node(), object, static_cast<std::uint32_t>(uid));
+  objects_[uid] = support::PropertyList(object);
   return uid;
 }
 
@@ -174,7 +174,9 @@ std::string KeyedArchiver::finishEncodingWithRoot(ArchiveUID root) {
   plist_dict_set_item(archive.node(), kVersionKey, plist_new_uint(kArchiveVersion));
   plist_dict_set_item(archive.node(), kArchiverKey, plist_new_string(kArchiverName));
   plist_dict_set_item(archive.node(), kTopKey, top);
-  plist_dict_set_item(archive.node(), kObjectsKey, plist_copy(objects_.node()));
+  plist_t objects = plist_new_array();
+  for (const support::PropertyList& object : objects_) plist_array_append_item(objects, plist_copy(object.node()));
+  plist_dict_set_item(archive.node(), kObjectsKey, objects);
 
   char* bytes = nullptr;
   std::uint32_t length = 0;

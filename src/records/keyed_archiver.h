@@ -61,7 +61,9 @@ class KeyedArchiver {
  private:
   ArchiveUID classReference(const std::vector<std::string>& classes);
 
-  support::PropertyList objects_;
+  // The slots of "$objects", filled in any order (libplist replaces the
+  // n-th member of an array by walking the members before it).
+  std::vector<support::PropertyList> objects_;
   std::map<std::string, ArchiveUID> strings_;
   std::map<std::string, ArchiveUID> classes_;
 };

@@ -185,7 +185,7 @@ TEST(StoreLockTest, PlantedLinkIsNeverFollowed) {
 // Far more records than the recorder keeps: every one decodes (the decode
 // used to be quadratic; timings are reported, not asserted).
 TEST(LargeStoreTest, ManyRecordsRoundTrip) {
-  constexpr int kRecords = 1000;
+  constexpr int kRecords = 2000;
   records::UploadRecordSet written;
   for (int i = 0; i < kRecords; ++i)
     written.insert(records::SUPUploadRecord({fmt::format("{:032x}", i), fmt::format("{:032x}", i + kRecords)},
