@@ -118,9 +118,14 @@ std::optional<std::string> appIDFromLumoProject(const std::optional<std::string>
     SYLLogError("Could not get path for LumoAppIDFile.vexa");
     return std::nullopt;
   }
-  auto contents = support::readWholeFile(*path);
+  auto contents = support::readRegularFile(*path, support::kMaxJSONFileBytes);
   if (!contents) {
     SYLLogError("Unable to read file at path {}", *path);
+    return std::nullopt;
+  }
+  // Deeper than any real file: refused as text that is no JSON object.
+  if (!support::jsonNestingWithin(*contents, support::kMaxNestingDepth)) {
+    SYLLogError("Unable to create json from file at path {}", *path);
     return std::nullopt;
   }
   auto json = nlohmann::json::parse(*contents, nullptr, /*allow_exceptions=*/false);

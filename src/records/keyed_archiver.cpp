@@ -39,6 +39,23 @@ std::optional<ArchiveUID> uidOfNode(plist_t node) {
   return value;
 }
 
+// The members of an array in order, in one pass (see KeyedUnarchiver).
+std::vector<plist_t> arrayMembers(plist_t array) {
+  std::vector<plist_t> members;
+  members.reserve(plist_array_get_size(array));
+  plist_array_iter it = nullptr;
+  plist_array_new_iter(array, &it);
+  if (!it) return members;
+  for (;;) {
+    plist_t member = nullptr;
+    plist_array_next_item(array, it, &member);
+    if (!member) break;
+    members.push_back(member);
+  }
+  std::free(it);
+  return members;
+}
+
 plist_t dictItem(plist_t dict, const char* key) {
   if (!dict || plist_get_node_type(dict) != PLIST_DICT) return nullptr;
   return plist_dict_get_item(dict, key);
@@ -90,14 +107,14 @@ std::string wellFormedUTF8(const std::string& text) {
 // ---------------------------------------------------------------------------
 // Writing
 
-KeyedArchiver::KeyedArchiver() : objects_(plist_new_array()) {
-  plist_array_append_item(objects_.node(), plist_new_string(kNullObject));
+KeyedArchiver::KeyedArchiver() {
+  objects_.emplace_back(plist_new_string(kNullObject));
 }
 
 ArchiveUID KeyedArchiver::reserveObject() {
-  ArchiveUID uid = plist_array_get_size(objects_.node());
+  ArchiveUID uid = objects_.size();
   // A placeholder until the object's contents are known.
-  plist_array_append_item(objects_.node(), plist_new_string(kNullObject));
+  objects_.emplace_back(plist_new_string(kNullObject));
   return uid;
 }
 
@@ -109,8 +126,8 @@ ArchiveUID KeyedArchiver::classReference(const std::vector<std::string>& classes
   for (const std::string& entry : classes) plist_array_append_item(chain, plist_new_string(entry.c_str()));
   plist_dict_set_item(description, kClassesKey, chain);
   plist_dict_set_item(description, kClassNameKey, plist_new_string(name.c_str()));
-  ArchiveUID uid = plist_array_get_size(objects_.node());
-  plist_array_append_item(objects_.node(), description);
+  ArchiveUID uid = objects_.size();
+  objects_.emplace_back(description);
   classes_.emplace(name, uid);
   return uid;
 }
@@ -120,7 +137,7 @@ void KeyedArchiver::finishObject(ArchiveUID uid, const std::vector<std::string>&
   plist_t object = plist_new_dict();
   for (const auto& [key, reference] : fields) plist_dict_set_item(object, key.c_str(), plist_new_uid(reference));
   plist_dict_set_item(object, kClassKey, plist_new_uid(classReference(classes)));
-  plist_array_set_item(objects_.node(), object, static_cast<std::uint32_t>(uid));
+  objects_[uid] = support::PropertyList(object);
 }
 
 void KeyedArchiver::finishCollection(ArchiveUID uid, const std::vector<std::string>& classes,
@@ -130,13 +147,13 @@ void KeyedArchiver::finishCollection(ArchiveUID uid, const std::vector<std::stri
   for (ArchiveUID member : members) plist_array_append_item(references, plist_new_uid(member));
   plist_dict_set_item(object, kMembersKey, references);
   plist_dict_set_item(object, kClassKey, plist_new_uid(classReference(classes)));
-  plist_array_set_item(objects_.node(), object, static_cast<std::uint32_t>(uid));
+  objects_[uid] = support::PropertyList(object);
 }
 
 ArchiveUID KeyedArchiver::encodeString(const std::string& string) {
   if (auto found = strings_.find(string); found != strings_.end()) return found->second;
-  ArchiveUID uid = plist_array_get_size(objects_.node());
-  plist_array_append_item(objects_.node(), plist_new_string(wellFormedUTF8(string).c_str()));
+  ArchiveUID uid = objects_.size();
+  objects_.emplace_back(plist_new_string(wellFormedUTF8(string).c_str()));
   strings_.emplace(string, uid);
   return uid;
 }
@@ -146,7 +163,7 @@ ArchiveUID KeyedArchiver::encodeDate(double timeIntervalSinceReferenceDate) {
   plist_t object = plist_new_dict();
   plist_dict_set_item(object, kTimeKey, plist_new_real(timeIntervalSinceReferenceDate));
   plist_dict_set_item(object, kClassKey, plist_new_uid(classReference({"NSDate", "NSObject"})));
-  plist_array_set_item(objects_.node(), object, static_cast<std::uint32_t>(uid));
+  objects_[uid] = support::PropertyList(object);
   return uid;
 }
 
@@ -157,7 +174,9 @@ std::string KeyedArchiver::finishEncodingWithRoot(ArchiveUID root) {
   plist_dict_set_item(archive.node(), kVersionKey, plist_new_uint(kArchiveVersion));
   plist_dict_set_item(archive.node(), kArchiverKey, plist_new_string(kArchiverName));
   plist_dict_set_item(archive.node(), kTopKey, top);
-  plist_dict_set_item(archive.node(), kObjectsKey, plist_copy(objects_.node()));
+  plist_t objects = plist_new_array();
+  for (const support::PropertyList& object : objects_) plist_array_append_item(objects, plist_copy(object.node()));
+  plist_dict_set_item(archive.node(), kObjectsKey, objects);
 
   char* bytes = nullptr;
   std::uint32_t length = 0;
@@ -179,12 +198,13 @@ std::optional<KeyedUnarchiver> KeyedUnarchiver::fromBytes(std::string_view bytes
   if (!objects || plist_get_node_type(objects) != PLIST_ARRAY) return std::nullopt;
   auto root = uidOfNode(dictItem(plist.itemForKey(kTopKey), kRootKey));
   if (!root) return std::nullopt;
-  return KeyedUnarchiver(std::move(plist), objects, *root);
+  std::vector<plist_t> members = arrayMembers(objects);
+  return KeyedUnarchiver(std::move(plist), std::move(members), *root);
 }
 
 plist_t KeyedUnarchiver::objectAt(ArchiveUID uid) const {
-  if (uid == kArchiveNullUID || uid >= plist_array_get_size(objects_)) return nullptr;
-  return plist_array_get_item(objects_, static_cast<std::uint32_t>(uid));
+  if (uid == kArchiveNullUID || uid >= objects_.size()) return nullptr;
+  return objects_[uid];
 }
 
 std::optional<std::string> KeyedUnarchiver::classNameOf(ArchiveUID uid) const {
@@ -204,10 +224,10 @@ std::optional<std::vector<ArchiveUID>> KeyedUnarchiver::membersOf(ArchiveUID uid
   plist_t references = dictItem(objectAt(uid), kMembersKey);
   if (!references || plist_get_node_type(references) != PLIST_ARRAY) return std::nullopt;
   std::vector<ArchiveUID> members;
-  std::uint32_t count = plist_array_get_size(references);
-  members.reserve(count);
-  for (std::uint32_t i = 0; i < count; ++i) {
-    auto member = uidOfNode(plist_array_get_item(references, i));
+  const std::vector<plist_t> nodes = arrayMembers(references);
+  members.reserve(nodes.size());
+  for (plist_t node : nodes) {
+    auto member = uidOfNode(node);
     if (!member) return std::nullopt;
     members.push_back(*member);
   }

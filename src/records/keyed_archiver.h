@@ -61,7 +61,9 @@ class KeyedArchiver {
  private:
   ArchiveUID classReference(const std::vector<std::string>& classes);
 
-  support::PropertyList objects_;
+  // The slots of "$objects", filled in any order (libplist replaces the
+  // n-th member of an array by walking the members before it).
+  std::vector<support::PropertyList> objects_;
   std::map<std::string, ArchiveUID> strings_;
   std::map<std::string, ArchiveUID> classes_;
 };
@@ -90,14 +92,17 @@ class KeyedUnarchiver {
   std::optional<ArchiveUID> referenceFor(ArchiveUID uid, const char* key) const;
 
  private:
-  explicit KeyedUnarchiver(support::PropertyList plist, plist_t objects, ArchiveUID root)
-      : plist_(std::move(plist)), objects_(objects), root_(root) {}
+  explicit KeyedUnarchiver(support::PropertyList plist, std::vector<plist_t> objects, ArchiveUID root)
+      : plist_(std::move(plist)), objects_(std::move(objects)), root_(root) {}
 
   // The object at uid, or nullptr when it is out of range or "$null".
   plist_t objectAt(ArchiveUID uid) const;
 
   support::PropertyList plist_;
-  plist_t objects_ = nullptr;  // owned by plist_
+  // The members of "$objects", owned by plist_. Collected once: libplist
+  // finds the n-th member of a parsed array by walking the members before it,
+  // so looking each reference up there would make decoding quadratic.
+  std::vector<plist_t> objects_;
   ArchiveUID root_ = kArchiveNullUID;
 };
 

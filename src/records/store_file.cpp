@@ -36,7 +36,9 @@ std::string temporaryPrefix(const fs::path& path) {
 }  // namespace
 
 std::optional<StoreLock> StoreLock::acquire(const std::string& lockFilePath, std::string* error) {
-  int fd = ::open(lockFilePath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  // Never through a link planted at the name: that would create or lock a
+  // file of someone else's choosing.
+  int fd = ::open(lockFilePath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
   if (fd < 0) {
     if (error) *error = errnoText("Cannot open lock file", lockFilePath);
     return std::nullopt;

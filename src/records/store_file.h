@@ -11,7 +11,8 @@
 namespace symlift::records {
 
 // An exclusive flock(2) on a lock file, held until the object goes away. The
-// lock file is created if needed and never removed: removing it would let two
+// lock file is created if needed (mode 0600), never opened through a
+// symbolic link, and never removed: removing it would let two
 // processes lock two different files.
 class StoreLock {
  public:

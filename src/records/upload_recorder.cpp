@@ -85,7 +85,7 @@ std::string SUPDSYMUploadRecorder::dataStoreFilePath() const {
 std::optional<UploadRecordSet> SUPDSYMUploadRecorder::uploadedBinaries() const {
   std::lock_guard guard(lock_);
   const std::string path = dataStoreFilePath();
-  auto bytes = support::readWholeFile(path);
+  auto bytes = support::readRegularFile(path, support::kMaxPropertyListFileBytes);
   if (!bytes) return std::nullopt;
   auto records = unarchiveUploadRecords(*bytes);
   if (!records) SYLLogDebug("Ignoring unreadable upload records at {}", path);

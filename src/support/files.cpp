@@ -1,8 +1,10 @@
 #include "support/files.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
@@ -91,6 +93,34 @@ std::optional<std::string> readWholeFile(const std::string& path) {
   std::fclose(file);
   if (failed) return std::nullopt;
   return bytes;
+}
+
+std::optional<std::string> readRegularFile(const std::string& path, std::size_t maxBytes) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  std::optional<std::string> result;
+  struct stat status {};
+  if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_size >= 0 &&
+      static_cast<std::uintmax_t>(status.st_size) <= maxBytes) {
+    std::string bytes;
+    bytes.reserve(static_cast<std::size_t>(status.st_size));
+    char buffer[65536];
+    for (;;) {
+      // One byte past the cap at most, to notice a file that grew.
+      const std::size_t room = maxBytes - bytes.size() + 1;
+      const ssize_t got = ::read(fd, buffer, std::min(sizeof buffer, room));
+      if (got < 0 && errno == EINTR) continue;
+      if (got < 0) break;
+      if (got == 0) {
+        result = std::move(bytes);
+        break;
+      }
+      bytes.append(buffer, static_cast<std::size_t>(got));
+      if (bytes.size() > maxBytes) break;
+    }
+  }
+  ::close(fd);
+  return result;
 }
 
 }  // namespace symlift::support

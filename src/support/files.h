@@ -48,4 +48,15 @@ bool replaceFileAtomically(const std::string& path, std::string_view bytes, cons
 // The whole contents of the file at path, or nothing when it cannot be read.
 std::optional<std::string> readWholeFile(const std::string& path);
 
+// Largest property list (Info.plist, service plist, the upload-record store)
+// and largest JSON file the program reads; real ones are a few kilobytes.
+inline constexpr std::size_t kMaxPropertyListFileBytes = 16 * 1024 * 1024;
+inline constexpr std::size_t kMaxJSONFileBytes = 16 * 1024 * 1024;
+
+// The whole contents of the regular file at path, for input that others may
+// control. Never blocks on a FIFO (opened non-blocking) and refuses anything
+// that is not a regular file (FIFO, device, folder) and any file of more than
+// maxBytes, even one that grows while it is read. Nothing on any failure.
+std::optional<std::string> readRegularFile(const std::string& path, std::size_t maxBytes);
+
 }  // namespace symlift::support

@@ -11,14 +11,33 @@
 
 namespace symlift::support {
 
+// Deepest nesting of arrays and dictionaries (or JSON arrays and objects)
+// accepted in input. The parsers recurse once per level, so a file nested
+// far deeper would exhaust the stack; real files nest a few levels.
+inline constexpr std::size_t kMaxNestingDepth = 256;
+
+// Whether the arrays and dictionaries of property-list bytes nest at most
+// maxDepth deep, found without parsing them. An XML list is scanned for its
+// <array> and <dict> elements; a binary list's object graph is walked from
+// its top object, and one that is damaged (a reference or offset out of
+// bounds, a cycle, references sharing bytes beyond the file's size) is
+// refused as well. Other bytes are not property lists and pass.
+bool propertyListNestingWithin(std::string_view bytes, std::size_t maxDepth);
+
+// Whether the arrays and objects of JSON text nest at most maxDepth deep
+// (brackets inside strings do not count).
+bool jsonNestingWithin(std::string_view text, std::size_t maxDepth);
+
 class PropertyList {
  public:
   PropertyList() = default;
   explicit PropertyList(plist_t node) : node_(node, &plist_free) {}
 
-  // Parses XML or binary property-list bytes; an empty list on any error.
+  // Parses XML or binary property-list bytes; an empty list on any error
+  // and for lists nested deeper than kMaxNestingDepth.
   static PropertyList fromBytes(std::string_view bytes);
-  // Reads and parses a whole file; an empty list when it cannot be read.
+  // Reads and parses a whole regular file of at most
+  // kMaxPropertyListFileBytes; an empty list when it cannot be read.
   static PropertyList fromFile(const std::string& path);
 
   explicit operator bool() const { return node_ != nullptr; }

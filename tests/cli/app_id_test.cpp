@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <cstdlib>
 
@@ -119,6 +121,20 @@ TEST_F(AppIDTest, LumoFileFailures) {
     EXPECT_EQ(captured([&] { return appIDFromLumoProject(path); }),
               redError("Unable to read valid app ID from path " + path))
         << text;
+    EXPECT_EQ(result_, std::nullopt);
+  }
+}
+
+// Nesting past the cap reads as invalid JSON; a FIFO or device as unreadable.
+TEST_F(AppIDTest, LumoFileTooDeepOrNotRegular) {
+  const std::string deep = dir_.write("deep.json", "{\"a\":" + std::string(300, '[') + std::string(300, ']') + "}").string();
+  EXPECT_EQ(captured([&] { return appIDFromLumoProject(deep); }),
+            redError("Unable to create json from file at path " + deep));
+  EXPECT_EQ(result_, std::nullopt);
+  const std::string fifo = (dir_.path() / "fifo.json").string();
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  for (const std::string& path : {fifo, std::string("/dev/zero")}) {
+    EXPECT_EQ(captured([&] { return appIDFromLumoProject(path); }), redError("Unable to read file at path " + path));
     EXPECT_EQ(result_, std::nullopt);
   }
 }
