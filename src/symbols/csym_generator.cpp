@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -12,6 +11,7 @@
 #include "support/cleanup_registry.h"
 #include "support/system_log.h"
 #include "support/temporary_directory.h"
+#include "support/unique_strings.h"
 #include "symbols/symbol_processor.h"
 #include "symbols/symbolication_proxy.h"
 
@@ -43,8 +43,7 @@ std::string SUPCSYMGeneratorUtilities::csymPathForArchitecture(const std::string
 }
 
 bool CSYMGenerator::writeFileAtomically(const std::string& path, const std::string& bytes) {
-  static std::atomic<unsigned> counter{0};
-  std::string partial = path + ".partial." + std::to_string(getpid()) + "." + std::to_string(counter++);
+  std::string partial = path + ".partial." + std::to_string(getpid()) + "." + support::SUPStrings::uniqueString();
   // Private to the user, never through a link planted at the name, never an
   // existing file; registered first so an interrupted run removes it.
   support::CleanupRegistry::add(partial);
@@ -82,6 +81,14 @@ std::map<std::string, std::string> CSYMGenerator::generateCSYMsFromDSYMAtPath(co
 std::map<std::string, std::string> CSYMGenerator::generateCSYMsFromDSYMAtPath(const std::string& path,
                                                                               float maxCoreSymbolicationVersion,
                                                                               const WrittenFileHandler& handler) {
+  SymbolFileCache cache;
+  return generateCSYMsFromDSYMAtPath(path, maxCoreSymbolicationVersion, handler, cache);
+}
+
+std::map<std::string, std::string> CSYMGenerator::generateCSYMsFromDSYMAtPath(const std::string& path,
+                                                                              float maxCoreSymbolicationVersion,
+                                                                              const WrittenFileHandler& handler,
+                                                                              SymbolFileCache& cache) {
   std::map<std::string, std::string> written;
   try {
     SUPSymbolProcessor::enumerateFormattedDataVersion(
@@ -96,7 +103,8 @@ std::map<std::string, std::string> CSYMGenerator::generateCSYMsFromDSYMAtPath(co
           }
           written[*uuid] = arch;
           if (handler) handler(csymPath, std::move(data));
-        });
+        },
+        cache);
   } catch (const SymbolReaderException&) {
     // A bundle without a DWARF file has no readable slice; the caller reports
     // the slices it expected and did not get.

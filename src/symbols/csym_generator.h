@@ -6,6 +6,8 @@
 #include <map>
 #include <string>
 
+#include "symbols/symbol_file_cache.h"
+
 namespace symlift::symbols {
 
 class SUPCSYMGeneratorUtilities {
@@ -24,8 +26,13 @@ class CSYMGenerator {
   static std::map<std::string, std::string> generateCSYMsFromDSYMAtPath(const std::string& path,
                                                                         float maxCoreSymbolicationVersion);
   // The same, handing every file written and its contents (no longer needed
-  // by the generator) to written, before the next slice is read.
+  // by the generator) to written, before the next slice is read. The file is
+  // read through the run's cache (see SymbolFileCache).
   using WrittenFileHandler = std::function<void(const std::string& csymPath, std::string&& contents)>;
+  static std::map<std::string, std::string> generateCSYMsFromDSYMAtPath(const std::string& path,
+                                                                        float maxCoreSymbolicationVersion,
+                                                                        const WrittenFileHandler& written,
+                                                                        SymbolFileCache& cache);
   static std::map<std::string, std::string> generateCSYMsFromDSYMAtPath(const std::string& path,
                                                                         float maxCoreSymbolicationVersion,
                                                                         const WrittenFileHandler& written);

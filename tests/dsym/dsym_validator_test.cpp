@@ -13,7 +13,6 @@
 #include "dsym/dsym_validator.h"
 #include "support/test_support.h"
 #include "symbols/fake_symbolication_provider.h"
-#include "symbols/symbol_processor.h"
 
 namespace symlift::dsym {
 namespace {
@@ -116,33 +115,27 @@ TEST(DSYMValidator, HiddenSymbolsInARealAppStoreDSYM) {
   EXPECT_EQ(validated({dir.str()}), hiddenWarning(dir.str() + "/Hidden.dSYM"));
 }
 
-class DSYMValidatorWithFakeReader : public ::testing::Test {
- protected:
-  void SetUp() override { symbols::SUPSymbolProcessor::setSymbolicationProviderForTesting(provider_); }
-  void TearDown() override { symbols::SUPSymbolProcessor::setSymbolicationProviderForTesting(nullptr); }
-
-  std::shared_ptr<symlift::testing::FakeProvider> provider_ = std::make_shared<symlift::testing::FakeProvider>();
-};
-
-TEST_F(DSYMValidatorWithFakeReader, HiddenAndEmptyAreSeparateFindings) {
+TEST(DSYMValidator, HiddenAndEmptyAreSeparateFindings) {
   using symlift::testing::cSymbol;
   using symlift::testing::FakeSymbol;
   using symlift::testing::kArm64;
   using symlift::testing::slice;
+  symlift::testing::FakeFiles files;
+  auto& fake = files.provider->files;
   const FakeSymbol hiddenSymbol{"__hidden#12_", "__hidden#12_", 0x100000020, 4, {}};
-  provider_->files["/in/Hidden.dsym"] = {slice(kArm64, {cSymbol("main", 0x100000000, 8), hiddenSymbol})};
-  provider_->files["/in/Named.dsym"] = {slice(kArm64, {cSymbol("main", 0x100000000, 8)})};
-  provider_->files["/in/Empty.dsym"] = {slice(kArm64, {})};
-  provider_->files["symlift"] = {slice(kArm64, {hiddenSymbol})};
+  fake["/in/Hidden.dsym"] = {slice(kArm64, {cSymbol("main", 0x100000000, 8), hiddenSymbol})};
+  fake["/in/Named.dsym"] = {slice(kArm64, {cSymbol("main", 0x100000000, 8)})};
+  fake["/in/Empty.dsym"] = {slice(kArm64, {})};
+  fake["symlift"] = fake["./symlift"] = {slice(kArm64, {hiddenSymbol})};
 
-  EXPECT_EQ(validated({"/in/Hidden.dsym", "/in/Named.dsym", "/in/Empty.dsym"}),
+  EXPECT_EQ(consoleOutput(console::SYLLogging::sharedInstance().logLevel(),
+                          [&] { DSYMValidator::validateDSYMs({"/in/Hidden.dsym", "/in/Named.dsym", "/in/Empty.dsym"}, files.cache); }),
             emptyWarning("/in/Empty.dsym") + hiddenWarning("/in/Hidden.dsym"));
   // The tool's own command name is never asked about, even when it would
   // have hidden symbols; the same file under another name is reported.
-  provider_->files["./symlift"] = provider_->files["symlift"];
-  EXPECT_EQ(DSYMValidator::getHiddenDSYMPathsFrom({"symlift", "./symlift", "/in/Named.dsym"}),
+  EXPECT_EQ(DSYMValidator::getHiddenDSYMPathsFrom({"symlift", "./symlift", "/in/Named.dsym"}, files.cache),
             (std::vector<std::string>{"./symlift"}));
-  EXPECT_EQ(DSYMValidator::removeValidDSYMPathsFrom({"/in/Empty.dsym", "/in/Hidden.dsym", "/in/Unknown.dsym"}),
+  EXPECT_EQ(DSYMValidator::removeValidDSYMPathsFrom({"/in/Empty.dsym", "/in/Hidden.dsym", "/in/Unknown.dsym"}, files.cache),
             (std::vector<std::string>{"/in/Empty.dsym", "/in/Unknown.dsym"}));
 }
 
