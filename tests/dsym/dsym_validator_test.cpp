@@ -60,35 +60,29 @@ const fs::path kSymbolsDWARF = fixturesDir() / "Hello.dSYM/Contents/Resources/DW
 // A well-formed Mach-O file without a symbol table: a stripped dSYM.
 const fs::path kStrippedDWARF = fixturesDir() / "edge/thin-arm64";
 
-TEST(DSYMValidator, FolderOfDSYMsWarnsAboutTheEmptyOnesOnly) {
+TEST(DSYMValidator, FoldersAreLookedIntoOneLevelAndOtherPathsKeptByTheirExtension) {
   TempDir dir;
   makeBundle(dir.path(), "A.dSYM", kSymbolsDWARF);
-  std::string b = makeBundle(dir.path(), "B.dSYM", kStrippedDWARF);
-  std::string c = makeBundle(dir.path(), "C.DSYM", kStrippedDWARF);
-  // Neither is a dSYM: the extension is "zip", and a plain file.
-  makeBundle(dir.path(), "D.dSYM.zip", kStrippedDWARF);
+  const std::string b = makeBundle(dir.path(), "B.dSYM", kStrippedDWARF);
+  const std::string c = makeBundle(dir.path(), "C.DSYM", kStrippedDWARF);
+  makeBundle(dir.path(), "D.dSYM.zip", kStrippedDWARF);  // not a dSYM: the extension is "zip"
   dir.write("notes.txt", "x");
-
-  EXPECT_EQ(DSYMValidator::expandDSYMDirectories({dir.str()}),
-            (std::vector<std::string>{dir.str() + "/A.dSYM", b, c}));
-  EXPECT_EQ(validated({dir.str()}), emptyWarning(b) + emptyWarning(c));
-}
-
-TEST(DSYMValidator, PathsThatAreNotFoldersAreKeptByTheirExtension) {
-  TempDir dir;
-  const std::string missing = dir.str() + "/Gone.dSYM";
-  const std::string plainFile = dir.write("Plain.dsym", "not a bundle").string();
-  EXPECT_EQ(DSYMValidator::expandDSYMDirectories({missing, dir.str() + "/gone.txt", plainFile, dir.str() + "/x"}),
-            (std::vector<std::string>{missing, plainFile}));
-  // Nothing to read in either: both are empty, and nothing is raised.
-  EXPECT_EQ(validated({missing, plainFile}), emptyWarning(missing) + emptyWarning(plainFile));
-}
-
-TEST(DSYMValidator, ABundlePassedDirectlyIsNotLookedInto) {
-  TempDir dir;
-  std::string stripped = makeBundle(dir.path(), "Stripped.dSYM", kStrippedDWARF);
-  EXPECT_TRUE(DSYMValidator::expandDSYMDirectories({stripped}).empty());
-  EXPECT_EQ(validated({(fixturesDir() / "Hello.dSYM").string(), stripped}), "");
+  const std::string missing = dir.str() + "/other/Gone.dSYM";
+  const std::string plainFile = dir.write("other/Plain.dsym", "not a bundle").string();
+  const struct {
+    std::vector<std::string> paths, expanded;
+    std::string warnings;
+  } cases[] = {
+      {{dir.str()}, {dir.str() + "/A.dSYM", b, c}, emptyWarning(b) + emptyWarning(c)},
+      // Nothing to read in either: both are empty, and nothing is raised.
+      {{missing, dir.str() + "/gone.txt", plainFile}, {missing, plainFile}, emptyWarning(missing) + emptyWarning(plainFile)},
+      // A bundle passed directly is not looked into.
+      {{b, (fixturesDir() / "Hello.dSYM").string()}, {}, ""},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(DSYMValidator::expandDSYMDirectories(c.paths), c.expanded);
+    EXPECT_EQ(validated(c.paths), c.warnings);
+  }
 }
 
 TEST(DSYMValidator, DamagedBundleEndsValidationWithOneError) {

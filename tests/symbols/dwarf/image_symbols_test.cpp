@@ -4,9 +4,9 @@
 
 #include "symbols/dwarf/image_symbols.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
 
 #include "dwarf_builder.h"
@@ -20,20 +20,12 @@ constexpr std::uint64_t kText = 0x100001000;
 
 std::string render(const ImageSymbols& symbols) {
   std::string text;
-  char line[512];
   for (const ImageSymbol& symbol : symbols.symbols) {
-    std::snprintf(line, sizeof line, "%llx+%llx %.*s | %.*s\n", static_cast<unsigned long long>(symbol.address - kText),
-                  static_cast<unsigned long long>(symbol.length),
-                  static_cast<int>(symbol.mangledName ? symbol.mangledName->size() : 1),
-                  symbol.mangledName ? symbol.mangledName->data() : "-",
-                  static_cast<int>(symbol.name ? symbol.name->size() : 1), symbol.name ? symbol.name->data() : "-");
-    text += line;
+    text += fmt::format("{:x}+{:x} {} | {}\n", symbol.address - kText, symbol.length, symbol.mangledName.value_or("-"),
+                        symbol.name.value_or("-"));
     for (std::size_t i = 0; i < symbol.sourceCount; ++i) {
       const SourceInfo source = symbols.source(symbol.firstSource + i);
-      std::snprintf(line, sizeof line, "  %llx+%llx %.*s:%llu\n", static_cast<unsigned long long>(source.address - kText),
-                    static_cast<unsigned long long>(source.length), static_cast<int>(source.path.size()),
-                    source.path.data(), static_cast<unsigned long long>(source.line));
-      text += line;
+      text += fmt::format("  {:x}+{:x} {}:{}\n", source.address - kText, source.length, source.path, source.line);
     }
   }
   return text;
