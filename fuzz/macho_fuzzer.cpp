@@ -1,5 +1,6 @@
 // Arbitrary bytes through the Mach-O reader: the fat header walk, every
-// slice's load commands and everything a slice exposes.
+// slice's load commands (both the platform's view and the symbol reader's
+// images are read) and everything a slice exposes.
 
 #include <cstddef>
 #include <cstdint>
@@ -9,8 +10,8 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using symlift::macho::SUPMachOBinary;
-  // The mapped-file path refuses files under 16 bytes; the in-memory entry
-  // point is given everything so that the short-input checks are exercised.
+  // Binaries refuse files under 16 bytes; the in-memory entry point is given
+  // everything so that the short-input checks are exercised.
   auto slices = SUPMachOBinary::slicesOfImage(data, size);
   std::size_t total = 0;
   for (const auto& slice : slices) {

@@ -14,33 +14,36 @@
 #include <string>
 #include <vector>
 
-#include "symbols/csym_text.h"
+#include "dispatch/thread_pool.h"
+#include "macho/macho_file.h"
 #include "symbols/dwarf/debug_info.h"
 #include "symbols/dwarf/dwarf_sections.h"
 #include "symbols/dwarf/image_symbols.h"
 #include "symbols/dwarf/line_table.h"
-#include "symbols/dwarf/macho_image.h"
-#include "symbols/dwarf/mapped_file.h"
+#include "symbols/csym_text.h"
+#include "symbols/symbol_processor.h"
 
 namespace {
 
 using namespace symlift::symbols;
 using namespace symlift::symbols::dwarf;
 
+using symlift::macho::MachOFile;
+using symlift::macho::MachOImage;
+
 struct Input {
-  std::shared_ptr<MappedFile> file;
-  std::vector<MachOImage> images;
+  std::shared_ptr<const MachOFile> file;
+  const std::vector<MachOImage>& images() const { return file->images(); }
 };
 
 const Input* input() {
   static const Input loaded = [] {
     Input in;
     const char* path = std::getenv("SYMLIFT_BENCH_DWARF");
-    if (path && *path) in.file = MappedFile::open(path);
-    if (in.file) in.images = readMachOImages(in.file->bytes());
+    if (path && *path) in.file = MachOFile::open(path);
     return in;
   }();
-  return loaded.images.empty() ? nullptr : &loaded;
+  return loaded.file && !loaded.images().empty() ? &loaded : nullptr;
 }
 
 bool skipWithoutInput(benchmark::State& state) {
@@ -50,14 +53,14 @@ bool skipWithoutInput(benchmark::State& state) {
   }
   // Which slice of the fat file was read.
   constexpr std::int32_t kCPUTypeX86_64 = 0x01000007, kCPUTypeARM64 = 0x0100000c;
-  std::int32_t cputype = input()->images.front().cputype;
+  std::int32_t cputype = input()->images().front().cputype;
   state.SetLabel(cputype == kCPUTypeX86_64 ? "x86_64" : cputype == kCPUTypeARM64 ? "arm64" : "other");
   return false;
 }
 
 void BM_DieWalk(benchmark::State& state) {
   if (skipWithoutInput(state)) return;
-  DwarfSections sections = DwarfSections::of(input()->images.front());
+  DwarfSections sections = DwarfSections::of(input()->images().front());
   std::size_t functions = 0;
   for (auto _ : state) {
     DebugInfo info(sections);
@@ -72,7 +75,7 @@ BENCHMARK(BM_DieWalk)->Unit(benchmark::kMillisecond);
 
 void BM_LinePrograms(benchmark::State& state) {
   if (skipWithoutInput(state)) return;
-  DwarfSections sections = DwarfSections::of(input()->images.front());
+  DwarfSections sections = DwarfSections::of(input()->images().front());
   DebugInfo info(sections);
   std::size_t rows = 0;
   for (auto _ : state) {
@@ -89,13 +92,18 @@ void BM_LinePrograms(benchmark::State& state) {
 BENCHMARK(BM_LinePrograms)->Unit(benchmark::kMillisecond);
 
 // Symbol table, DIE walk, names (with demangling) and line records joined:
-// everything the cSYM of one slice needs before formatting.
+// everything the cSYM of one slice needs before formatting; the argument is
+// the number of threads (on a pool, as a run decodes).
 void BM_ReadImageSymbols(benchmark::State& state) {
   if (skipWithoutInput(state)) return;
-  const MachOImage& image = input()->images.front();
+  const MachOImage& image = input()->images().front();
+  symlift::dispatch::ThreadPool pool;
+  DecodeOptions options;
+  options.pool = &pool;
+  options.maxParallel = static_cast<unsigned>(state.range(0));
   std::size_t symbols = 0, sources = 0;
   for (auto _ : state) {
-    ImageSymbols read = readImageSymbols(image);
+    ImageSymbols read = readImageSymbols(image, options);
     symbols = read.symbols.size();
     sources = read.sources.size();
     benchmark::DoNotOptimize(read.symbols.data());
@@ -103,7 +111,7 @@ void BM_ReadImageSymbols(benchmark::State& state) {
   state.counters["symbols"] = static_cast<double>(symbols);
   state.counters["sources"] = static_cast<double>(sources);
 }
-BENCHMARK(BM_ReadImageSymbols)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ReadImageSymbols)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond);
 
 // Formatting alone, on lists shaped like a large app's: long C++ names,
 // a few thousand files, several ranges per symbol.
@@ -131,7 +139,8 @@ void BM_CSYMText(benchmark::State& state) {
     }
   std::size_t bytes = 0;
   for (auto _ : state) {
-    std::string text = formatCSYMText(SUPSourceTypeDsym, std::string(32, 'a'), "arm64", files, symbols, ranges);
+    std::string text =
+        SUPSymbolProcessor::formattedDataVersion(1, SUPSourceTypeDsym, std::string(32, 'a'), "arm64", files, symbols, ranges);
     bytes = text.size();
     benchmark::DoNotOptimize(text.data());
   }

@@ -4,14 +4,17 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "macho/macho_file.h"
+#include "support/diagnostics.h"
 #include "symbols/dwarf/image_symbols.h"
-#include "symbols/dwarf/macho_image.h"
 
 using namespace symlift::symbols::dwarf;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  for (const MachOImage& image : readMachOImages(Bytes(data, size))) {
-    ImageSymbols symbols = readImageSymbols(image);
+  symlift::support::DiscardingDiagnosticsSink discard;
+  for (const symlift::macho::MachOImage& image : symlift::macho::readMachOLayout(symlift::macho::Bytes(data, size), &discard).images) {
+    DamageList damage;
+    ImageSymbols symbols = readImageSymbols(image, {}, &damage);
     for (const ImageSymbol& symbol : symbols.symbols)
       if (symbol.firstSource + symbol.sourceCount > symbols.sources.size()) __builtin_trap();
   }

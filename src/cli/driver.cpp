@@ -97,6 +97,8 @@ class Run {
                                   : std::vector<operations::PipelineObserver*>{&progress_, &tally_}),
         context_(settings.convertOnly, observers_) {}
 
+  symbols::SymbolFileCache& symbolFiles() { return context_.symbolFiles(); }
+
   // Every path through the pipeline; the run's status. With --strict a run
   // in which no slice made it fails.
   int process(const SYLUploadSettings& settings, const std::vector<std::string>& paths) {
@@ -150,7 +152,7 @@ int runManualMode(const ArgumentList& arguments, SYLUploadSettings settings, con
   Run run(settings, options);
   if (int status = run.process(settings, paths); status != kExitSuccess) return status;
   // By hand the validator's warnings follow the upload; they never stop it.
-  if (!arguments.hasFlag(kSkipDSYMValidationOption)) dsym::DSYMValidator::validateDSYMs(paths);
+  if (!arguments.hasFlag(kSkipDSYMValidationOption)) dsym::DSYMValidator::validateDSYMs(paths, run.symbolFiles());
   SYLLogSuccess("Successfully uploaded Vantrel symbols");
   return kExitSuccess;
 }
@@ -189,8 +191,11 @@ int runBuildPhaseMode(const ArgumentList& arguments, const buildenv::Environment
     if (!buildenv::waitForDSYM(environment, path)) return kExitDSYMWaitTimedOut;
 
   // In a build the validator's warnings come before the upload, so they are
-  // shown even when the upload is skipped as already done.
-  if (!arguments.hasFlag(kSkipDSYMValidationOption)) dsym::DSYMValidator::validateDSYMs(paths);
+  // shown even when the upload is skipped as already done. What it decodes
+  // is kept in the run for the conversion.
+  if (options.report) options.report->setPlatform(settings.platform);
+  Run run(settings, options);
+  if (!arguments.hasFlag(kSkipDSYMValidationOption)) dsym::DSYMValidator::validateDSYMs(paths, run.symbolFiles());
 
   // The built executable's slice UUIDs identify this build's symbols. An
   // executable that cannot be opened is still asked about (as an empty set).
@@ -207,8 +212,6 @@ int runBuildPhaseMode(const ArgumentList& arguments, const buildenv::Environment
     return kExitSuccess;
   }
 
-  if (options.report) options.report->setPlatform(settings.platform);
-  Run run(settings, options);
   if (int status = run.process(settings, paths); status != kExitSuccess) return status;
   recordUpload(recorder, executable, settings.isCI);
   SYLLogSuccess("Successfully uploaded Vantrel build event and symbols");

@@ -252,7 +252,7 @@ int PathExpansion::processDSYMBundle(const std::string& path) {
   const fs::path dwarfFolder = fs::path(path) / kDWARFFolder;
   for (const auto& entry : deepEntries(dwarfFolder).value_or(std::vector<std::string>{})) {
     const fs::path dwarfPath = (dwarfFolder / entry).lexically_normal();
-    auto dSYMFile = dsym::SUPDSYMFile::initWithDWARFURL(dwarfPath, path);
+    auto dSYMFile = dsym::SUPDSYMFile::initWithDWARFURL(dwarfPath, path, run_.symbolFiles());
     if (dSYMFile && isSystemLibraryDSYM(*dSYMFile)) {
       SYLLogWarning("Skipping Apple dSYM: {}", printable(path));
       if (skipped_) skipped_(DWARFInput{path, dwarfPath, dSYMFile});

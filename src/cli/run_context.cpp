@@ -7,10 +7,11 @@ namespace symlift::cli {
 RunContext::RunContext(bool keepTemporaryFiles, operations::PipelineObserver& observer)
     : keepTemporaryFiles_(keepTemporaryFiles),
       pool_(std::make_unique<dispatch::ThreadPool>()),
+      symbolFiles_(std::make_unique<symbols::SymbolFileCache>(*pool_, diagnostics_)),
       compressedCSYMs_(std::make_unique<operations::CompressedCSYMCache>(*pool_)),
       queue_(dispatch::OperationQueue::create(*pool_, "symlift.processing")),
       networkClient_(network::SUPKITNetworkClient::create(*pool_)),
-      pipeline_{*pool_, cleanup_, *compressedCSYMs_, observer} {
+      pipeline_{*pool_, cleanup_, *compressedCSYMs_, observer, *symbolFiles_} {
   // From here on an interruption removes what this run registers.
   setInterruptionCleanup(&cleanup_);
 }
@@ -23,6 +24,8 @@ RunContext::~RunContext() {
   networkClient_.reset();
   queue_.reset();
   compressedCSYMs_.reset();
+  symbolFiles_.reset();
+  diagnostics_.finish();
   if (!keepTemporaryFiles_) cleanup_.removeAll();
   setInterruptionCleanup(nullptr);
   pool_.reset();  // joins every thread of the run

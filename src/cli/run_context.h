@@ -1,8 +1,9 @@
 #pragma once
 // Everything one run owns and hands down: the pool that every queue, delayed
 // dispatch and parallel loop works on, the queue the dSYMs go through one at
-// a time, the network client, the registry of temporary paths and the
-// compressed cSYMs waiting for their upload. The driver makes one after
+// a time, the network client, the registry of temporary paths, the symbol
+// files (each DWARF file mapped and decoded once) and the compressed cSYMs
+// waiting for their upload. The driver makes one after
 // reading the options; its end waits for queued clean-up, ends the network
 // session and joins every thread, so nothing of the run outlives it.
 
@@ -14,6 +15,8 @@
 #include "operations/compressed_csym_cache.h"
 #include "operations/pipeline_context.h"
 #include "support/cleanup_registry.h"
+#include "support/diagnostics.h"
+#include "symbols/symbol_file_cache.h"
 
 namespace symlift::cli {
 
@@ -32,6 +35,7 @@ class RunContext {
   // Nothing when no HTTP session could be made (the upload step then fails).
   const std::shared_ptr<network::SUPKITNetworkClient>& networkClient() const { return networkClient_; }
   support::CleanupRegistry& cleanup() { return cleanup_; }
+  symbols::SymbolFileCache& symbolFiles() { return *symbolFiles_; }
   const operations::PipelineContext& pipeline() const { return pipeline_; }
 
  private:
@@ -39,6 +43,9 @@ class RunContext {
   // Declared first, destroyed last: every other member works on it.
   std::unique_ptr<dispatch::ThreadPool> pool_;
   support::CleanupRegistry cleanup_;
+  // What the readers skip in damaged files; printed with -d.
+  support::ConsoleDiagnosticsSink diagnostics_;
+  std::unique_ptr<symbols::SymbolFileCache> symbolFiles_;
   std::unique_ptr<operations::CompressedCSYMCache> compressedCSYMs_;
   std::shared_ptr<dispatch::OperationQueue> queue_;
   std::shared_ptr<network::SUPKITNetworkClient> networkClient_;

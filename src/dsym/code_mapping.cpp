@@ -24,6 +24,20 @@ std::shared_ptr<SUPDSYMFile> SUPDSYMFile::initWithDWARFURL(const std::filesystem
   return std::make_shared<SUPDSYMFile>(Token{}, dwarfURL, bundleURL, std::move(dsym));
 }
 
+std::shared_ptr<SUPDSYMFile> SUPDSYMFile::mappingWithURL(const std::filesystem::path& dwarfURL,
+                                                         const std::filesystem::path& bundleURL,
+                                                         symbols::SymbolFileCache& cache) {
+  return initWithDWARFURL(dwarfURL, bundleURL, cache);
+}
+
+std::shared_ptr<SUPDSYMFile> SUPDSYMFile::initWithDWARFURL(const std::filesystem::path& dwarfURL,
+                                                           const std::filesystem::path& bundleURL,
+                                                           symbols::SymbolFileCache& cache) {
+  auto dsym = SUPdSYM::dSYMWithDWARFURL(dwarfURL, bundleURL, cache);
+  if (!dsym) return nullptr;
+  return std::make_shared<SUPDSYMFile>(Token{}, dwarfURL, bundleURL, std::move(dsym));
+}
+
 SUPDSYMFile::SUPDSYMFile(Token, const std::filesystem::path& dwarfURL, const std::filesystem::path& bundleURL,
                          std::shared_ptr<SUPdSYM> dsym)
     : SUPCodeMapping(dwarfURL, bundleURL), dsym_(std::move(dsym)) {}

@@ -42,6 +42,13 @@ class SUPDSYMFile : public SUPCodeMapping {
                                                      const std::filesystem::path& bundleURL);
   static std::shared_ptr<SUPDSYMFile> initWithDWARFURL(const std::filesystem::path& dwarfURL,
                                                        const std::filesystem::path& bundleURL);
+  // The same over the run's one mapping of the DWARF file.
+  static std::shared_ptr<SUPDSYMFile> mappingWithURL(const std::filesystem::path& dwarfURL,
+                                                     const std::filesystem::path& bundleURL,
+                                                     symbols::SymbolFileCache& cache);
+  static std::shared_ptr<SUPDSYMFile> initWithDWARFURL(const std::filesystem::path& dwarfURL,
+                                                       const std::filesystem::path& bundleURL,
+                                                       symbols::SymbolFileCache& cache);
 
   SUPDSYMFile(Token, const std::filesystem::path& dwarfURL, const std::filesystem::path& bundleURL,
               std::shared_ptr<SUPdSYM> dsym);

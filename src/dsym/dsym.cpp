@@ -18,6 +18,16 @@ std::shared_ptr<SUPdSYM> SUPdSYM::initWithDWARFURL(const std::filesystem::path& 
   return std::make_shared<SUPdSYM>(Token{}, std::move(bundle), macho::SUPMachOBinary::initWithURL(dwarfURL));
 }
 
+std::shared_ptr<SUPdSYM> SUPdSYM::dSYMWithDWARFURL(const std::filesystem::path& dwarfURL,
+                                                   const std::filesystem::path& bundleURL,
+                                                   symbols::SymbolFileCache& cache) {
+  auto bundle = SUPBundle::bundleWithURL(bundleURL);
+  if (!bundle) return nullptr;
+  auto binary = dwarfURL.empty() ? nullptr
+                                 : macho::SUPMachOBinary::binaryWithFile(dwarfURL, cache.machOFile(dwarfURL.string()));
+  return std::make_shared<SUPdSYM>(Token{}, std::move(bundle), std::move(binary));
+}
+
 SUPdSYM::SUPdSYM(Token, std::shared_ptr<SUPBundle> bundle, std::shared_ptr<macho::SUPMachOBinary> binary)
     : bundle_(std::move(bundle)), binary_(std::move(binary)) {}
 

@@ -9,6 +9,7 @@
 
 #include "dsym/bundle.h"
 #include "macho/macho_binary.h"
+#include "symbols/symbol_file_cache.h"
 
 namespace symlift::dsym {
 
@@ -22,6 +23,10 @@ class SUPdSYM {
                                                    const std::filesystem::path& bundleURL);
   static std::shared_ptr<SUPdSYM> initWithDWARFURL(const std::filesystem::path& dwarfURL,
                                                    const std::filesystem::path& bundleURL);
+  // The same over the run's one mapping of the DWARF file.
+  static std::shared_ptr<SUPdSYM> dSYMWithDWARFURL(const std::filesystem::path& dwarfURL,
+                                                   const std::filesystem::path& bundleURL,
+                                                   symbols::SymbolFileCache& cache);
 
   SUPdSYM(Token, std::shared_ptr<SUPBundle> bundle, std::shared_ptr<macho::SUPMachOBinary> binary);
 

@@ -38,10 +38,15 @@ bool isMissingBundle(const std::string& path) {
 }  // namespace
 
 void DSYMValidator::validateDSYMs(const std::vector<std::string>& paths) {
+  symbols::SymbolFileCache cache;
+  validateDSYMs(paths, cache);
+}
+
+void DSYMValidator::validateDSYMs(const std::vector<std::string>& paths, symbols::SymbolFileCache& cache) {
   try {
     std::vector<std::string> dSYMPaths = expandDSYMDirectories(paths);
-    checkForEmptyDSYMs(dSYMPaths);
-    checkForHiddenDSYMs(dSYMPaths);
+    checkForEmptyDSYMs(dSYMPaths, cache);
+    checkForHiddenDSYMs(dSYMPaths, cache);
   } catch (const std::exception& exception) {
     console::SYLLogError("Failed to validate dSYMs due to exception: {}", exception.what());
   } catch (...) {
@@ -74,8 +79,8 @@ std::vector<std::string> DSYMValidator::expandDSYMDirectories(const std::vector<
   return dSYMPaths;
 }
 
-void DSYMValidator::checkForEmptyDSYMs(const std::vector<std::string>& dSYMPaths) {
-  for (const std::string& path : removeValidDSYMPathsFrom(dSYMPaths))
+void DSYMValidator::checkForEmptyDSYMs(const std::vector<std::string>& dSYMPaths, symbols::SymbolFileCache& cache) {
+  for (const std::string& path : removeValidDSYMPathsFrom(dSYMPaths, cache))
     console::SYLLogWarning(
         "Vantrel found an invalid dSYM without any symbols at path: {}. This will result in missing stack frames "
         "for that library in Vantrel. This can happen in some cases when a code obfuscator is used, or when symbols "
@@ -84,8 +89,8 @@ void DSYMValidator::checkForEmptyDSYMs(const std::vector<std::string>& dSYMPaths
         path, kSkipDSYMValidationOption);
 }
 
-void DSYMValidator::checkForHiddenDSYMs(const std::vector<std::string>& dSYMPaths) {
-  for (const std::string& path : getHiddenDSYMPathsFrom(dSYMPaths))
+void DSYMValidator::checkForHiddenDSYMs(const std::vector<std::string>& dSYMPaths, symbols::SymbolFileCache& cache) {
+  for (const std::string& path : getHiddenDSYMPathsFrom(dSYMPaths, cache))
     console::SYLLogWarning(
         "Vantrel found a dSYM with hidden symbols at path: {}. This will result in hidden stack frames for that "
         "library in Vantrel. This can occur if you have  bitcode enabled in your app. If you have chosen to upload "
@@ -97,20 +102,32 @@ void DSYMValidator::checkForHiddenDSYMs(const std::vector<std::string>& dSYMPath
         path, kSkipDSYMValidationOption);
 }
 
-std::vector<std::string> DSYMValidator::removeValidDSYMPathsFrom(const std::vector<std::string>& dSYMPaths) {
+std::vector<std::string> DSYMValidator::removeValidDSYMPathsFrom(const std::vector<std::string>& dSYMPaths,
+                                                                 symbols::SymbolFileCache& cache) {
   std::vector<std::string> empty;
   for (const std::string& path : dSYMPaths)
-    if (isMissingBundle(path) || SUPSymbolProcessor::countSymbolOwnersAtPath(path) == 0) empty.push_back(path);
+    if (isMissingBundle(path) || SUPSymbolProcessor::countSymbolOwnersAtPath(path, cache) == 0) empty.push_back(path);
   return empty;
 }
 
-std::vector<std::string> DSYMValidator::getHiddenDSYMPathsFrom(const std::vector<std::string>& dSYMPaths) {
+std::vector<std::string> DSYMValidator::removeValidDSYMPathsFrom(const std::vector<std::string>& dSYMPaths) {
+  symbols::SymbolFileCache cache;
+  return removeValidDSYMPathsFrom(dSYMPaths, cache);
+}
+
+std::vector<std::string> DSYMValidator::getHiddenDSYMPathsFrom(const std::vector<std::string>& dSYMPaths,
+                                                               symbols::SymbolFileCache& cache) {
   std::vector<std::string> hidden;
   for (const std::string& path : dSYMPaths) {
     if (path == kToolCommandName || isMissingBundle(path)) continue;
-    if (SUPSymbolProcessor::checkForHiddenSymbolsAtPath(path)) hidden.push_back(path);
+    if (SUPSymbolProcessor::checkForHiddenSymbolsAtPath(path, cache)) hidden.push_back(path);
   }
   return hidden;
+}
+
+std::vector<std::string> DSYMValidator::getHiddenDSYMPathsFrom(const std::vector<std::string>& dSYMPaths) {
+  symbols::SymbolFileCache cache;
+  return getHiddenDSYMPathsFrom(dSYMPaths, cache);
 }
 
 }  // namespace symlift::dsym

@@ -90,4 +90,19 @@ const char* publishedArchitectureName(std::int32_t cputype, std::int32_t cpusubt
   return nullptr;
 }
 
+const char* sliceArchitectureName(std::int32_t cputype, std::int32_t cpusubtype) {
+  // arm64e with capability bits (0x80000002) goes to the published table.
+  const auto subtype = static_cast<std::uint32_t>(cpusubtype);
+  if (cputype == kCPUTypeARM64 && subtype == 2) return "arm64e";
+  if (cputype == kCPUTypeARM64 && subtype == 0) return "arm64";
+  if (cputype == kCPUTypeARM && subtype == 11) return "armv7s";
+  if (cputype == kCPUTypeARM && subtype == 12) return "armv7k";
+  return architectureFamilyName(cputype, cpusubtype);
+}
+
+const char* architectureFamilyName(std::int32_t cputype, std::int32_t cpusubtype) {
+  const char* name = publishedArchitectureName(cputype, cpusubtype);
+  return name != nullptr ? name : "unknown";
+}
+
 }  // namespace symlift::macho

@@ -24,4 +24,13 @@ inline constexpr std::uint32_t kCPUSubtypeCapabilityMask = 0xff000000u;
 // lookup does. nullptr when the CPU type is unknown.
 const char* publishedArchitectureName(std::int32_t cputype, std::int32_t cpusubtype);
 
+// The name a slice goes by: "arm64e", "arm64", "armv7s" and "armv7k" by exact
+// CPU type and full subtype (capability bits included), else the published
+// table's name, else "unknown".
+const char* sliceArchitectureName(std::int32_t cputype, std::int32_t cpusubtype);
+
+// The family name of a CPU type and subtype: the published table's name, or
+// "unknown" when the CPU type is not in it.
+const char* architectureFamilyName(std::int32_t cputype, std::int32_t cpusubtype);
+
 }  // namespace symlift::macho

@@ -12,24 +12,31 @@ std::shared_ptr<SUPMachOBinary> SUPMachOBinary::MachOBinaryWithPath(const std::s
 
 std::shared_ptr<SUPMachOBinary> SUPMachOBinary::initWithURL(const std::filesystem::path& url) {
   if (url.empty()) return nullptr;
-  SUPMachOFile file;
-  if (!SUPMachOFileOpen(&file, url.c_str())) return nullptr;
-  return std::make_shared<SUPMachOBinary>(Token{}, url, file);
+  return binaryWithFile(url, MachOFile::open(url.string()));
+}
+
+std::shared_ptr<SUPMachOBinary> SUPMachOBinary::binaryWithFile(const std::filesystem::path& url,
+                                                               std::shared_ptr<const MachOFile> file) {
+  if (!file || file->bytes().size() < kMinimumMachOFileSize) return nullptr;
+  return std::make_shared<SUPMachOBinary>(Token{}, url, std::move(file));
 }
 
 std::vector<std::shared_ptr<SUPMachOSlice>> SUPMachOBinary::slicesOfImage(const std::uint8_t* bytes,
                                                                            std::size_t size) {
+  if (bytes == nullptr) return {};
+  auto facts = std::make_shared<const std::vector<MachOSliceFacts>>(readMachOLayout(Bytes(bytes, size)).slices);
   std::vector<std::shared_ptr<SUPMachOSlice>> slices;
-  SUPMachOFileEnumerateSlices(bytes, size, [&slices](const SUPMachOSliceRecord& record) {
-    slices.push_back(SUPMachOSlice::initWithSlice(&record));
-  });
+  for (const MachOSliceFacts& slice : *facts)
+    slices.push_back(std::make_shared<SUPMachOSlice>(std::shared_ptr<const MachOSliceFacts>(facts, &slice)));
   return slices;
 }
 
-SUPMachOBinary::SUPMachOBinary(Token, std::filesystem::path url, SUPMachOFile file)
-    : url_(std::move(url)), file_(file), slices_(slicesOfImage(file_.mappedFile, file_.mappedSize)) {}
-
-SUPMachOBinary::~SUPMachOBinary() { SUPMachOFileClose(&file_); }
+SUPMachOBinary::SUPMachOBinary(Token, std::filesystem::path url, std::shared_ptr<const MachOFile> file)
+    : url_(std::move(url)), file_(std::move(file)) {
+  // Each slice shares the file's ownership, so the facts stay as long as it does.
+  for (const MachOSliceFacts& slice : file_->slices())
+    slices_.push_back(std::make_shared<SUPMachOSlice>(std::shared_ptr<const MachOSliceFacts>(file_, &slice)));
+}
 
 void SUPMachOBinary::enumerateUUIDs(const UUIDVisitor& visitor) const {
   if (!visitor) return;

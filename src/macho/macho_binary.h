@@ -1,8 +1,8 @@
 #pragma once
-// A Mach-O file, thin or universal (fat), mapped read-only for as long as the
-// object lives, with one SUPMachOSlice per architecture slice. Only the fat
-// header, the Mach-O headers and the load commands are ever touched, so
-// large DWARF files cost no more than their headers.
+// A Mach-O file, thin or universal (fat), with one SUPMachOSlice per
+// architecture slice: a view over the file's one mapping (MachOFile). Only
+// the headers and load commands are ever read through it, so large DWARF
+// files cost no more than their headers.
 
 #include <cstddef>
 #include <cstdint>
@@ -26,23 +26,25 @@ class SUPMachOBinary {
   using UUIDVisitor =
       std::function<void(const std::optional<std::string>& uuid, const std::string& architectureName)>;
 
-  // A binary for the file at path; nothing when it cannot be opened and
-  // mapped (missing, not a regular file, shorter than 16 bytes).
+  // A binary for the file at path, mapped here for this binary alone;
+  // nothing when it cannot be opened and mapped or is shorter than 16 bytes.
   static std::shared_ptr<SUPMachOBinary> MachOBinaryWithPath(const std::string& path);
   static std::shared_ptr<SUPMachOBinary> initWithURL(const std::filesystem::path& url);
+  // A binary over a file mapped already (the run's one mapping of it), with
+  // the same refusals as above; nothing without a file.
+  static std::shared_ptr<SUPMachOBinary> binaryWithFile(const std::filesystem::path& url,
+                                                        std::shared_ptr<const MachOFile> file);
 
-  // The slices of an image held in memory, read exactly as those of a mapped
-  // file. The slices' records point into bytes, which the caller keeps.
-  static std::vector<std::shared_ptr<SUPMachOSlice>> slicesOfImage(const std::uint8_t* bytes,
-                                                                    std::size_t size);
+  // The slices of an image held in memory, read exactly as those of a file.
+  static std::vector<std::shared_ptr<SUPMachOSlice>> slicesOfImage(const std::uint8_t* bytes, std::size_t size);
 
-  SUPMachOBinary(Token, std::filesystem::path url, SUPMachOFile file);
-  ~SUPMachOBinary();
+  SUPMachOBinary(Token, std::filesystem::path url, std::shared_ptr<const MachOFile> file);
   SUPMachOBinary(const SUPMachOBinary&) = delete;
   SUPMachOBinary& operator=(const SUPMachOBinary&) = delete;
 
   const std::filesystem::path& URL() const { return url_; }
   std::string path() const { return url_.string(); }
+  const std::shared_ptr<const MachOFile>& file() const { return file_; }
   // In the order of the fat header; a thin file has exactly one.
   const std::vector<std::shared_ptr<SUPMachOSlice>>& slices() const { return slices_; }
 
@@ -62,7 +64,7 @@ class SUPMachOBinary {
 
  private:
   std::filesystem::path url_;
-  SUPMachOFile file_;
+  std::shared_ptr<const MachOFile> file_;
   std::vector<std::shared_ptr<SUPMachOSlice>> slices_;
   mutable std::optional<std::string> instanceIdentifier_;
 };

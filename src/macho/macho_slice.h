@@ -1,7 +1,8 @@
 #pragma once
-// One architecture slice of a Mach-O file: its UUID, architecture name,
-// linked dylibs and version-minimum values, copied out of the mapping while
-// the slice is built.
+// One architecture slice of a Mach-O file as the platform reports it: its
+// UUID, architecture name, linked dylibs and version minimums. A view over
+// what the file's one walk read; it keeps those facts alive on its own, so a
+// slice may outlive the binary it came from.
 
 #include <cstdint>
 #include <memory>
@@ -15,38 +16,21 @@ namespace symlift::macho {
 
 class SUPMachOSlice {
  public:
-  // Reads the slice's load commands; the record's CPU type and subtype are
-  // replaced by those of the slice's own header. The mapping is only read
-  // here: afterwards the slice holds copies, and the record's startAddress
-  // must not be dereferenced once the binary that owns the mapping is gone.
-  explicit SUPMachOSlice(const SUPMachOSliceRecord& slice);
-
-  // Nothing when given no record.
-  static std::shared_ptr<SUPMachOSlice> initWithSlice(const SUPMachOSliceRecord* slice);
-  // The running process's own slice. This platform cannot find the running
-  // image, so the slice has no UUID and is named "unknown".
-  static std::shared_ptr<SUPMachOSlice> runningSlice();
+  explicit SUPMachOSlice(std::shared_ptr<const MachOSliceFacts> facts) : facts_(std::move(facts)) {}
 
   // 32 lower-case hexadecimal digits; nothing when there is no UUID command.
-  const std::optional<std::string>& uuid() const { return uuidString_; }
+  const std::optional<std::string>& uuid() const { return facts_->uuid; }
+  // See sliceArchitectureName.
   std::string architectureName() const;
-  // Install names of the plain load-dylib commands, in command order.
-  const std::vector<std::string>& linkedDylibs() const { return linkedDylibs_; }
-  // 0.0.0 unless a version-minimum command is present; the build-version
-  // command is deliberately not read.
-  SUPMachOVersion minimumOSVersion() const { return minimumOSVersion_; }
-  SUPMachOVersion linkedSDKVersion() const { return linkedSDKVersion_; }
-
-  std::int32_t cputype() const { return slice_.cputype; }
-  std::int32_t cpusubtype() const { return slice_.cpusubtype; }
-  const SUPMachOSliceRecord& record() const { return slice_; }
+  const std::vector<std::string>& linkedDylibs() const { return facts_->linkedDylibs; }
+  // 0.0.0 unless a version-minimum command is present.
+  SUPMachOVersion minimumOSVersion() const { return facts_->minimumOSVersion; }
+  SUPMachOVersion linkedSDKVersion() const { return facts_->linkedSDKVersion; }
+  std::int32_t cputype() const { return facts_->cputype; }
+  std::int32_t cpusubtype() const { return facts_->cpusubtype; }
 
  private:
-  SUPMachOSliceRecord slice_;
-  std::optional<std::string> uuidString_;
-  std::vector<std::string> linkedDylibs_;
-  SUPMachOVersion minimumOSVersion_;
-  SUPMachOVersion linkedSDKVersion_;
+  std::shared_ptr<const MachOSliceFacts> facts_;
 };
 
 }  // namespace symlift::macho

@@ -55,7 +55,7 @@ void SUPGenerateCSYMOperation::generateCSYMs(float maxCoreSymbolicationVersion) 
         written.push_back(csymPath);
         cache.compressInBackground(csymPath, std::move(contents));
       },
-      &context_.cleanup);
+      context_.symbolFiles, &context_.cleanup);
   ArchitecturesByUUID missing = checkForMissingCSYMsInResult(result);
   if (!missing.empty()) {
     // No compress step follows: nobody will ask for these streams.

@@ -1,6 +1,5 @@
 #include "symbols/csym_generator.h"
 
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -8,9 +7,9 @@
 #include "console/console_log.h"
 #include "support/cleanup_registry.h"
 #include "support/files.h"
-#include "support/unique_strings.h"
 #include "support/system_log.h"
 #include "support/temporary_directory.h"
+#include "support/unique_strings.h"
 #include "symbols/symbol_processor.h"
 #include "symbols/symbolication_proxy.h"
 
@@ -38,12 +37,20 @@ bool CSYMGenerator::writeFileAtomically(const std::string& path, const std::stri
 
 std::map<std::string, std::string> CSYMGenerator::generateCSYMsFromDSYMAtPath(const std::string& path,
                                                                               float maxCoreSymbolicationVersion) {
-  return generateCSYMsFromDSYMAtPath(path, maxCoreSymbolicationVersion, nullptr, nullptr);
+  return generateCSYMsFromDSYMAtPath(path, maxCoreSymbolicationVersion, nullptr);
+}
+
+std::map<std::string, std::string> CSYMGenerator::generateCSYMsFromDSYMAtPath(const std::string& path,
+                                                                              float maxCoreSymbolicationVersion,
+                                                                              const WrittenFileHandler& written) {
+  SymbolFileCache cache;
+  return generateCSYMsFromDSYMAtPath(path, maxCoreSymbolicationVersion, written, cache);
 }
 
 std::map<std::string, std::string> CSYMGenerator::generateCSYMsFromDSYMAtPath(const std::string& path,
                                                                               float maxCoreSymbolicationVersion,
                                                                               const WrittenFileHandler& handler,
+                                                                              SymbolFileCache& cache,
                                                                               support::CleanupRegistry* cleanup) {
   std::map<std::string, std::string> written;
   try {
@@ -59,7 +66,8 @@ std::map<std::string, std::string> CSYMGenerator::generateCSYMsFromDSYMAtPath(co
           }
           written[*uuid] = arch;
           if (handler) handler(csymPath, std::move(data));
-        });
+        },
+        cache);
   } catch (const SymbolReaderException&) {
     // A bundle without a DWARF file has no readable slice; the caller reports
     // the slices it expected and did not get.

@@ -6,6 +6,8 @@
 #include <map>
 #include <string>
 
+#include "symbols/symbol_file_cache.h"
+
 namespace symlift::support {
 class CleanupRegistry;
 }
@@ -28,13 +30,19 @@ class CSYMGenerator {
   static std::map<std::string, std::string> generateCSYMsFromDSYMAtPath(const std::string& path,
                                                                         float maxCoreSymbolicationVersion);
   // The same, handing every file written and its contents (no longer needed
-  // by the generator) to written, before the next slice is read. The files
-  // are registered with cleanup (when given) from before they exist.
+  // by the generator) to written, before the next slice is read. The file is
+  // read through the run's cache (see SymbolFileCache); the cSYM files are
+  // registered with cleanup (when given) from before they exist.
   using WrittenFileHandler = std::function<void(const std::string& csymPath, std::string&& contents)>;
   static std::map<std::string, std::string> generateCSYMsFromDSYMAtPath(const std::string& path,
                                                                         float maxCoreSymbolicationVersion,
                                                                         const WrittenFileHandler& written,
-                                                                        support::CleanupRegistry* cleanup);
+                                                                        SymbolFileCache& cache,
+                                                                        support::CleanupRegistry* cleanup = nullptr);
+  // The same through a cache of its own.
+  static std::map<std::string, std::string> generateCSYMsFromDSYMAtPath(const std::string& path,
+                                                                        float maxCoreSymbolicationVersion,
+                                                                        const WrittenFileHandler& written);
   // The same with the process-wide default maximum symbolication version.
   static std::map<std::string, std::string> generateCSYMsFromDSYMAtPath(const std::string& path);
 

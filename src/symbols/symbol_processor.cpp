@@ -4,10 +4,9 @@
 #include <filesystem>
 #include <mutex>
 #include <system_error>
-#include <unordered_map>
 
+#include "macho/architecture_names.h"
 #include "symbols/csym_text.h"
-#include "symbols/dwarf/dwarf_provider.h"
 #include "symbols/symbolication_proxy.h"
 
 namespace symlift::symbols {
@@ -21,84 +20,111 @@ constexpr std::uint64_t kMaximumLineNumber = 99999;
 constexpr std::string_view kBlockHelperPrefixes[] = {"__copy_helper_block", "__destroy_helper_block",
                                                      "__block_global"};
 
-struct ProviderSlot {
-  std::mutex mutex;
-  std::shared_ptr<SymbolicationProvider> replacement;
-  std::shared_ptr<SymbolicationProvider> reader;
-};
-
-ProviderSlot& providerSlot() {
-  static ProviderSlot slot;
-  return slot;
+// The ranges of one symbol: one per source record, or the symbol's own
+// extent when it has none; addresses relative to base.
+template <typename RangeVisitor>
+void forEachRange(const SymbolInfo& symbol, std::uint64_t base, RangeVisitor&& visit) {
+  for (const SourceInfo& info : symbol.sourceInfos) {
+    std::optional<std::string_view> path;
+    if (!info.path.empty()) path = info.path;
+    const std::int64_t line = info.line <= kMaximumLineNumber ? static_cast<std::int64_t>(info.line) : -1;
+    visit(info.address - base, info.length, path, line);
+  }
+  if (symbol.sourceInfos.empty()) visit(symbol.address - base, symbol.length, std::nullopt, std::int64_t{-1});
 }
 
-// The lists of one slice while it is collected. Paths are de-duplicated
-// through a map looked up by view; its keys own the (line-feed free) paths
-// that the ranges point at, and node-based storage keeps them in place.
+// The one loop from a slice's symbols to its ranges: out gets every named
+// symbol (addSymbol) and its ranges (addRange); facts counts every symbol.
+template <typename Out>
+void readSlice(const SymbolOwner& owner, Out& out, SymbolFileFacts& facts) {
+  const std::uint64_t base = owner.baseAddress();
+  SUPSymbolProcessor::enumerateTextRegionSymbolsForOwner(owner, [&](const SymbolInfo& symbol, std::string_view name) {
+    ++facts.codeSymbolCount;
+    if (name.find(kHiddenSymbolMarker) != std::string_view::npos) facts.hasHiddenSymbols = true;
+    if (name == kNullSymbolName) return;
+    const std::int64_t symbolIndex = out.addSymbol(name);
+    forEachRange(symbol, base, [&](std::uint64_t location, std::uint64_t length, std::optional<std::string_view> path,
+                                   std::int64_t line) { out.addRange(location, length, symbolIndex, path, line); });
+  });
+}
+
+// The lists of one slice, for the raw-list interface.
 struct SliceLists {
   std::vector<std::string> files;
   std::vector<std::string> symbols;
   std::vector<SUPSymbolRange> ranges;
-  std::unordered_map<std::string, std::int64_t, TransparentStringHash, std::equal_to<>> fileIndexByPath;
+  CSYMFileTable fileTable;  // owns the paths the ranges point at
 
-  std::int64_t fileIndexFor(std::string_view path, SUPSymbolRange& range) {
-    std::string storage;
-    path = pathWithoutLineFeeds(path, storage);
-    auto found = fileIndexByPath.find(path);
-    if (found == fileIndexByPath.end()) {
-      found = fileIndexByPath.emplace(std::string(path), static_cast<std::int64_t>(files.size())).first;
-      files.emplace_back(path);
+  std::int64_t addSymbol(std::string_view name) {
+    symbols.emplace_back(name);
+    return static_cast<std::int64_t>(symbols.size() - 1);
+  }
+  void addRange(std::uint64_t location, std::uint64_t length, std::int64_t symbolIndex,
+                std::optional<std::string_view> path, std::int64_t line) {
+    SUPSymbolRange range;
+    range.setRange({location, length});
+    range.setSymbolIndex(symbolIndex);
+    range.setLineNumber(line);
+    if (path) {
+      const CSYMFileTable::Entry file = fileTable.fileFor(*path);
+      if (file.isNew) files.emplace_back(file.listedPath);
+      range.setPath(file.listedPath);
+      range.setFileIndex(file.index);
     }
-    range.setPath(std::string_view(found->first));
-    return found->second;
+    ranges.push_back(range);
   }
 };
-
-using SliceVisitor = std::function<void(std::uint64_t sourceType, const std::optional<std::string>& uuid,
-                                        const std::string& arch, SliceLists& lists, const support::ErrorPtr& error)>;
-
-// Collects every slice of the (already resolved) path, one owner at a time.
-void collectSlices(const std::string& path, const SliceVisitor& visitor) {
-  SUPSymbolProcessor::enumerateSymbolOwnersAtPath(
-      path, [&](const SymbolOwner& owner, const std::optional<std::string>& uuid, const std::string& arch) {
-        const std::uint64_t base = owner.baseAddress();
-        SliceLists lists;
-        SUPSymbolProcessor::enumerateTextRegionSymbolsForOwner(
-            owner, [&](const SymbolInfo& symbol, std::string_view name) {
-              if (name == kNullSymbolName) return;
-              const auto symbolIndex = static_cast<std::int64_t>(lists.symbols.size());
-              lists.symbols.emplace_back(name);
-              SUPSymbolProcessor::enumerateSymbolRangesForSymbol(symbol, base, [&](SUPSymbolRange& range) {
-                range.setSymbolIndex(symbolIndex);
-                if (auto rangePath = range.path()) range.setFileIndex(lists.fileIndexFor(*rangePath, range));
-                lists.ranges.push_back(range);
-              });
-            });
-        support::ErrorPtr error;
-        if (!uuid || uuid->empty()) error = support::makeError(kSymbolicationErrorDomain, 0);
-        visitor(SUPSymbolProcessor::sourceTypeForOwner(owner), uuid, arch, lists, error);
-      });
-}
 
 bool isBlockHelper(std::string_view name) {
   return std::any_of(std::begin(kBlockHelperPrefixes), std::end(kBlockHelperPrefixes),
                      [&](std::string_view prefix) { return name.starts_with(prefix); });
 }
 
-}  // namespace
+// The distinct names, and no text.
+struct SymbolNames {
+  std::unordered_set<std::string, TransparentStringHash, std::equal_to<>> distinct;
 
-std::shared_ptr<SymbolicationProvider> SUPSymbolProcessor::symbolicationProvider() {
-  ProviderSlot& slot = providerSlot();
-  std::lock_guard lock(slot.mutex);
-  if (slot.replacement) return slot.replacement;
-  if (!slot.reader) slot.reader = dwarf::makeDwarfSymbolicationProvider();
-  return slot.reader;
+  std::int64_t addSymbol(std::string_view name) {
+    if (!name.empty() && !isBlockHelper(name) && distinct.find(name) == distinct.end()) distinct.emplace(name);
+    return 0;
+  }
+  void addRange(std::uint64_t, std::uint64_t, std::int64_t, std::optional<std::string_view>, std::int64_t) {}
+};
+
+// Only the facts.
+struct NoText {
+  std::int64_t addSymbol(std::string_view) { return 0; }
+  void addRange(std::uint64_t, std::uint64_t, std::int64_t, std::optional<std::string_view>, std::int64_t) {}
+};
+
+using OwnerBody = std::function<void(const SymbolOwner& owner, const std::optional<std::string>& uuid,
+                                     const std::string& arch, SymbolFileFacts& facts)>;
+
+// Every owner of every slice of the file (read as given); afterwards the
+// facts the body counted go to the cache.
+void forEachOwner(const std::string& file, SymbolFileCache& cache, SymbolFileCache::Decoded decoded,
+                  const OwnerBody& body) {
+  SymbolFileFacts facts;
+  cache.forEachSlice(file, decoded, [&](const Symbolicator& symbolicator) {
+    const std::string arch = SUPSymbolProcessor::architectureName(symbolicator.architecture());
+    symbolicator.forEachSymbolOwner([&](const SymbolOwner& owner) {
+      std::optional<std::string> uuid;
+      if (auto bytes = owner.uuidBytes()) uuid = SUPSymbolProcessor::uuidString(*bytes);
+      body(owner, uuid, arch, facts);
+    });
+  });
+  cache.recordFacts(file, facts);
 }
 
-void SUPSymbolProcessor::setSymbolicationProviderForTesting(std::shared_ptr<SymbolicationProvider> provider) {
-  ProviderSlot& slot = providerSlot();
-  std::lock_guard lock(slot.mutex);
-  slot.replacement = std::move(provider);
+support::ErrorPtr errorForSlice(const std::optional<std::string>& uuid) {
+  if (!uuid || uuid->empty()) return support::makeError(kSymbolicationErrorDomain, 0);
+  return nullptr;
+}
+
+}  // namespace
+
+std::string SymbolicationArchitecture::familyName() const {
+  return macho::architectureFamilyName(cputype, cpusubtype);
 }
 
 void SUPSymbolProcessor::loadCoreSymbolication(float maxVersion) {
@@ -149,20 +175,6 @@ std::uint64_t SUPSymbolProcessor::sourceTypeForOwner(const SymbolOwner& owner) {
   if (owner.isObject()) return SUPSourceTypeStatic;
   return SUPSourceTypeUnknown;
 }
-
-void SUPSymbolProcessor::enumerateSymbolOwnersAtPath(const std::string& path, const SymbolOwnerVisitor& visitor) {
-  loadCoreSymbolication(defaultMaxCoreSymbolicationVersion());
-  std::shared_ptr<SymbolicationProvider> provider = symbolicationProvider();
-  provider->forEachSymbolicatorWithPath(path, [&](const Symbolicator& symbolicator) {
-    const std::string arch = architectureName(symbolicator.architecture());
-    symbolicator.forEachSymbolOwner([&](const SymbolOwner& owner) {
-      std::optional<std::string> uuid;
-      if (auto bytes = owner.uuidBytes()) uuid = uuidString(*bytes);
-      visitor(owner, uuid, arch);
-    });
-  });
-}
-
 const OffLimitSymbolSet& SUPSymbolProcessor::offLimitMangledSymbols() {
   static const OffLimitSymbolSet symbols{
       "__TTWOE5imojiCSo5Imoji14ImojiMatchRankS_9RankValueS_FS2_g9rankValueqq_Ss16RawRepresentable8RawValue",
@@ -188,28 +200,52 @@ void SUPSymbolProcessor::enumerateTextRegionSymbolsForOwner(const SymbolOwner& o
 
 void SUPSymbolProcessor::enumerateSymbolRangesForSymbol(const SymbolInfo& symbol, std::uint64_t base,
                                                         const SymbolRangeVisitor& visitor) {
-  for (const SourceInfo& info : symbol.sourceInfos) {
+  forEachRange(symbol, base, [&](std::uint64_t location, std::uint64_t length, std::optional<std::string_view> path,
+                                 std::int64_t line) {
     SUPSymbolRange range;
-    if (!info.path.empty()) range.setPath(info.path);
-    if (info.line <= kMaximumLineNumber) range.setLineNumber(static_cast<std::int64_t>(info.line));
-    range.setRange({info.address - base, info.length});
+    range.setPath(path);
+    range.setLineNumber(line);
+    range.setRange({location, length});
     visitor(range);
-  }
-  if (symbol.sourceInfos.empty()) {
-    SUPSymbolRange range;
-    range.setRange({symbol.address - base, symbol.length});
-    visitor(range);
-  }
+  });
+}
+
+void SUPSymbolProcessor::enumerateSymbolOwnersAtPath(const std::string& path, const SymbolOwnerVisitor& visitor,
+                                                     SymbolFileCache& cache) {
+  loadCoreSymbolication(defaultMaxCoreSymbolicationVersion());
+  cache.forEachSlice(path, SymbolFileCache::Decoded::kLetGo, [&](const Symbolicator& symbolicator) {
+    const std::string arch = architectureName(symbolicator.architecture());
+    symbolicator.forEachSymbolOwner([&](const SymbolOwner& owner) {
+      std::optional<std::string> uuid;
+      if (auto bytes = owner.uuidBytes()) uuid = uuidString(*bytes);
+      visitor(owner, uuid, arch);
+    });
+  });
+}
+
+void SUPSymbolProcessor::enumerateSymbolOwnersAtPath(const std::string& path, const SymbolOwnerVisitor& visitor) {
+  SymbolFileCache cache;
+  enumerateSymbolOwnersAtPath(path, visitor, cache);
+}
+
+void SUPSymbolProcessor::enumerateSymbolicationDataFromFile(const std::string& path,
+                                                            const SymbolicationDataVisitor& visitor,
+                                                            SymbolFileCache& cache) {
+  loadCoreSymbolication(defaultMaxCoreSymbolicationVersion());
+  forEachOwner(executablePathForInputPath(path), cache, SymbolFileCache::Decoded::kLetGo,
+               [&](const SymbolOwner& owner, const std::optional<std::string>& uuid, const std::string& arch,
+                   SymbolFileFacts& facts) {
+                 SliceLists lists;
+                 readSlice(owner, lists, facts);
+                 visitor(sourceTypeForOwner(owner), uuid, arch, lists.files, lists.symbols, lists.ranges,
+                         errorForSlice(uuid));
+               });
 }
 
 void SUPSymbolProcessor::enumerateSymbolicationDataFromFile(const std::string& path,
                                                             const SymbolicationDataVisitor& visitor) {
-  loadCoreSymbolication(defaultMaxCoreSymbolicationVersion());
-  collectSlices(executablePathForInputPath(path),
-                [&](std::uint64_t sourceType, const std::optional<std::string>& uuid, const std::string& arch,
-                    SliceLists& lists, const support::ErrorPtr& error) {
-                  visitor(sourceType, uuid, arch, lists.files, lists.symbols, lists.ranges, error);
-                });
+  SymbolFileCache cache;
+  enumerateSymbolicationDataFromFile(path, visitor, cache);
 }
 
 std::string SUPSymbolProcessor::formattedDataVersion(std::uint64_t /*version*/, std::uint64_t sourceType,
@@ -218,39 +254,35 @@ std::string SUPSymbolProcessor::formattedDataVersion(std::uint64_t /*version*/, 
                                                      const std::vector<std::string>& symbols,
                                                      const std::vector<SUPSymbolRange>& ranges) {
   // Only format version 1 exists; the requested version does not change the text.
-  return formatCSYMText(sourceType, uuid, arch, files, symbols, ranges);
+  CSYMTextBuilder builder(ranges.size());
+  for (const std::string& file : files) builder.addFileLine(file);
+  for (const std::string& symbol : symbols) builder.addSymbol(symbol);
+  for (const SUPSymbolRange& range : ranges)
+    builder.addRangeLine(range.range().location, range.range().length, range.symbolIndex(), range.fileIndex(),
+                         range.lineNumber());
+  return builder.finish(sourceType, uuid, arch);
 }
 
 void SUPSymbolProcessor::enumerateFormattedDataVersion(std::uint64_t /*version*/, const std::string& path,
-                                                       float maxVersion, const FormattedDataVisitor& visitor) {
-  // Only format version 1 exists; the requested version does not change the
-  // text. The text is the one formattedDataVersion writes for the lists of
-  // enumerateSymbolicationDataFromFile, built as the symbols come instead of
-  // through a list of range objects (a large slice has millions of ranges).
+                                                       float maxVersion, const FormattedDataVisitor& visitor,
+                                                       SymbolFileCache& cache) {
+  // Only format version 1 exists; the requested version does not change the text.
   loadCoreSymbolication(maxVersion);
-  enumerateSymbolOwnersAtPath(
-      executablePathForInputPath(path),
-      [&](const SymbolOwner& owner, const std::optional<std::string>& uuid, const std::string& arch) {
-        const std::uint64_t base = owner.baseAddress();
-        CSYMTextBuilder builder(owner.sourceInfoCountHint());
-        enumerateTextRegionSymbolsForOwner(owner, [&](const SymbolInfo& symbol, std::string_view name) {
-          if (name == kNullSymbolName) return;
-          const std::int64_t symbolIndex = builder.addSymbol(name);
-          // The same ranges enumerateSymbolRangesForSymbol hands out.
-          for (const SourceInfo& info : symbol.sourceInfos) {
-            std::optional<std::string_view> rangePath;
-            if (!info.path.empty()) rangePath = info.path;
-            const std::int64_t line = info.line <= kMaximumLineNumber ? static_cast<std::int64_t>(info.line) : -1;
-            builder.addRange(info.address - base, info.length, symbolIndex, rangePath, line);
-          }
-          if (symbol.sourceInfos.empty())
-            builder.addRange(symbol.address - base, symbol.length, symbolIndex, std::nullopt, -1);
-        });
-        support::ErrorPtr error;
-        if (!uuid || uuid->empty()) error = support::makeError(kSymbolicationErrorDomain, 0);
-        std::string data = builder.finish(sourceTypeForOwner(owner), uuid, arch);
-        visitor(sourceTypeForOwner(owner), uuid, arch, data, error);
-      });
+  forEachOwner(executablePathForInputPath(path), cache, SymbolFileCache::Decoded::kLetGo,
+               [&](const SymbolOwner& owner, const std::optional<std::string>& uuid, const std::string& arch,
+                   SymbolFileFacts& facts) {
+                 CSYMTextBuilder builder(owner.sourceInfoCountHint());
+                 readSlice(owner, builder, facts);
+                 const std::uint64_t sourceType = sourceTypeForOwner(owner);
+                 std::string data = builder.finish(sourceType, uuid, arch);
+                 visitor(sourceType, uuid, arch, data, errorForSlice(uuid));
+               });
+}
+
+void SUPSymbolProcessor::enumerateFormattedDataVersion(std::uint64_t version, const std::string& path,
+                                                       float maxVersion, const FormattedDataVisitor& visitor) {
+  SymbolFileCache cache;
+  enumerateFormattedDataVersion(version, path, maxVersion, visitor, cache);
 }
 
 void SUPSymbolProcessor::enumerateFormattedDataVersion(std::uint64_t version, const std::string& path,
@@ -258,41 +290,52 @@ void SUPSymbolProcessor::enumerateFormattedDataVersion(std::uint64_t version, co
   enumerateFormattedDataVersion(version, path, defaultMaxCoreSymbolicationVersion(), visitor);
 }
 
-std::int64_t SUPSymbolProcessor::countSymbolOwnersAtPath(const std::string& path) {
+SymbolFileFacts SUPSymbolProcessor::symbolFactsAtPath(const std::string& path, SymbolFileCache& cache) {
   loadCoreSymbolication(defaultMaxCoreSymbolicationVersion());
-  std::int64_t count = 0;
-  enumerateSymbolOwnersAtPath(executablePathForInputPath(path),
-                              [&](const SymbolOwner& owner, const std::optional<std::string>&, const std::string&) {
-                                owner.forEachTextSymbol([&](const SymbolInfo&) { ++count; });
-                              });
-  return count;
+  const std::string file = executablePathForInputPath(path);
+  if (auto known = cache.facts(file)) return *known;
+  forEachOwner(file, cache, SymbolFileCache::Decoded::kKeptForConversion,
+               [](const SymbolOwner& owner, const std::optional<std::string>&, const std::string&,
+                  SymbolFileFacts& facts) {
+                 NoText none;
+                 readSlice(owner, none, facts);
+               });
+  return cache.facts(file).value_or(SymbolFileFacts{});
+}
+
+std::int64_t SUPSymbolProcessor::countSymbolOwnersAtPath(const std::string& path, SymbolFileCache& cache) {
+  return symbolFactsAtPath(path, cache).codeSymbolCount;
+}
+
+std::int64_t SUPSymbolProcessor::countSymbolOwnersAtPath(const std::string& path) {
+  SymbolFileCache cache;
+  return countSymbolOwnersAtPath(path, cache);
+}
+
+bool SUPSymbolProcessor::checkForHiddenSymbolsAtPath(const std::string& path, SymbolFileCache& cache) {
+  return symbolFactsAtPath(path, cache).hasHiddenSymbols;
 }
 
 bool SUPSymbolProcessor::checkForHiddenSymbolsAtPath(const std::string& path) {
-  loadCoreSymbolication(defaultMaxCoreSymbolicationVersion());
-  bool found = false;
-  enumerateSymbolOwnersAtPath(executablePathForInputPath(path),
-                              [&](const SymbolOwner& owner, const std::optional<std::string>&, const std::string&) {
-                                enumerateTextRegionSymbolsForOwner(owner, [&](const SymbolInfo&, std::string_view name) {
-                                  if (name.find(kHiddenSymbolMarker) != std::string_view::npos) found = true;
-                                });
-                              });
-  return found;
+  SymbolFileCache cache;
+  return checkForHiddenSymbolsAtPath(path, cache);
 }
 
 bool SUPSymbolProcessor::enumerateSymbolsFromFile(const std::string& path, support::ErrorPtr* /*error*/,
-                                                  const SymbolNameVisitor& visitor) {
+                                                  const SymbolNameVisitor& visitor, SymbolFileCache& cache) {
   loadCoreSymbolication(defaultMaxCoreSymbolicationVersion());
-  std::unordered_set<std::string, TransparentStringHash, std::equal_to<>> names;
-  enumerateSymbolOwnersAtPath(path, [&](const SymbolOwner& owner, const std::optional<std::string>&,
-                                        const std::string&) {
-    enumerateTextRegionSymbolsForOwner(owner, [&](const SymbolInfo&, std::string_view name) {
-      if (name.empty() || name == kNullSymbolName || isBlockHelper(name)) return;
-      if (names.find(name) == names.end()) names.emplace(name);
-    });
-  });
-  for (const std::string& name : names) visitor(name);
+  SymbolNames names;
+  forEachOwner(path, cache, SymbolFileCache::Decoded::kLetGo,
+               [&](const SymbolOwner& owner, const std::optional<std::string>&, const std::string&,
+                   SymbolFileFacts& facts) { readSlice(owner, names, facts); });
+  for (const std::string& name : names.distinct) visitor(name);
   return true;
+}
+
+bool SUPSymbolProcessor::enumerateSymbolsFromFile(const std::string& path, support::ErrorPtr* error,
+                                                  const SymbolNameVisitor& visitor) {
+  SymbolFileCache cache;
+  return enumerateSymbolsFromFile(path, error, visitor, cache);
 }
 
 }  // namespace symlift::symbols

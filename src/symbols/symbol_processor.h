@@ -4,6 +4,11 @@
 // questions: how many code symbols there are and whether any are hidden.
 // Every operation is class-level; results go to visitors, one call per item,
 // in a fixed order.
+//
+// Every reading operation comes in two forms: one given the run's
+// SymbolFileCache, through which each file is mapped and decoded once per
+// run, and one given only a path, which reads with a cache of its own (a
+// pool of its own, no damage reports) and keeps nothing.
 
 #include <cstdint>
 #include <functional>
@@ -16,6 +21,7 @@
 #include <vector>
 
 #include "support/error.h"
+#include "symbols/symbol_file_cache.h"
 #include "symbols/symbol_range.h"
 #include "symbols/symbolication_provider.h"
 
@@ -56,17 +62,24 @@ class SUPSymbolProcessor {
 
   // Calls the visitor once per slice with that slice's complete cSYM text. A
   // slice without a UUID comes with an error but is still formatted. The
-  // visitor may keep the text (move it away).
+  // visitor may keep the text (move it away). Records the file's facts in
+  // the cache as it goes.
+  static void enumerateFormattedDataVersion(std::uint64_t version, const std::string& path, float maxVersion,
+                                            const FormattedDataVisitor& visitor, SymbolFileCache& cache);
   static void enumerateFormattedDataVersion(std::uint64_t version, const std::string& path, float maxVersion,
                                             const FormattedDataVisitor& visitor);
   static void enumerateFormattedDataVersion(std::uint64_t version, const std::string& path,
                                             const FormattedDataVisitor& visitor);
 
   // The per-slice lists before formatting: files in order of first use,
-  // symbols in region order, ranges symbol by symbol.
+  // symbols in region order, ranges symbol by symbol. Made by the same loop
+  // as the text, so formattedDataVersion of them is that text.
+  static void enumerateSymbolicationDataFromFile(const std::string& path, const SymbolicationDataVisitor& visitor,
+                                                 SymbolFileCache& cache);
   static void enumerateSymbolicationDataFromFile(const std::string& path, const SymbolicationDataVisitor& visitor);
 
-  // The cSYM text of one slice; the format version written is always 1.
+  // The cSYM text of one slice from lists, written as they are; the format
+  // version written is always 1.
   static std::string formattedDataVersion(std::uint64_t version, std::uint64_t sourceType,
                                           const std::optional<std::string>& uuid, const std::string& arch,
                                           const std::vector<std::string>& files,
@@ -82,14 +95,23 @@ class SUPSymbolProcessor {
   // first call's maximum version); later calls change nothing.
   static void loadCoreSymbolication(float maxVersion);
 
+  // The path is read as given.
+  static void enumerateSymbolOwnersAtPath(const std::string& path, const SymbolOwnerVisitor& visitor,
+                                          SymbolFileCache& cache);
   static void enumerateSymbolOwnersAtPath(const std::string& path, const SymbolOwnerVisitor& visitor);
   static void enumerateTextRegionSymbolsForOwner(const SymbolOwner& owner, const TextSymbolVisitor& visitor);
   static void enumerateSymbolRangesForSymbol(const SymbolInfo& symbol, std::uint64_t base,
                                              const SymbolRangeVisitor& visitor);
 
+  // Both of the validator's questions at once, asked of the cache first: a
+  // file the run converted already is not read again. Otherwise the file is
+  // decoded, and the cache keeps the slices for the conversion to take.
+  static SymbolFileFacts symbolFactsAtPath(const std::string& path, SymbolFileCache& cache);
   // The number of code symbols (not owners) of every slice.
+  static std::int64_t countSymbolOwnersAtPath(const std::string& path, SymbolFileCache& cache);
   static std::int64_t countSymbolOwnersAtPath(const std::string& path);
   // Whether any code symbol's name contains "_hidden#".
+  static bool checkForHiddenSymbolsAtPath(const std::string& path, SymbolFileCache& cache);
   static bool checkForHiddenSymbolsAtPath(const std::string& path);
 
   // Mangled names whose demangled form must not be requested; such symbols
@@ -99,6 +121,8 @@ class SUPSymbolProcessor {
   // Every distinct code-symbol name of all slices, in no defined order, except
   // empty names, "(null)" and block helpers. The path is read as given.
   // Always returns true; error is never set.
+  static bool enumerateSymbolsFromFile(const std::string& path, support::ErrorPtr* error,
+                                       const SymbolNameVisitor& visitor, SymbolFileCache& cache);
   static bool enumerateSymbolsFromFile(const std::string& path, support::ErrorPtr* error,
                                        const SymbolNameVisitor& visitor);
 
@@ -110,11 +134,6 @@ class SUPSymbolProcessor {
   static std::string architectureName(const SymbolicationArchitecture& architecture);
   // 32 lower-case hexadecimal digits.
   static std::string uuidString(const std::array<std::uint8_t, 16>& bytes);
-
-  // The reader behind every operation: our DWARF reader unless replaced.
-  static std::shared_ptr<SymbolicationProvider> symbolicationProvider();
-  // Replaces the reader (nullptr restores the default).
-  static void setSymbolicationProviderForTesting(std::shared_ptr<SymbolicationProvider> provider);
 };
 
 }  // namespace symlift::symbols

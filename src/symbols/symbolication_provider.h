@@ -6,6 +6,8 @@
 //
 // Views (std::string_view, std::span) handed to a visitor are valid only for
 // the duration of that visitor call; the objects passed by reference likewise.
+// A symbolicator handed over by shared pointer holds its slice's symbols for
+// as long as someone holds it.
 
 #include <array>
 #include <cstdint>
@@ -15,6 +17,15 @@
 #include <span>
 #include <string>
 #include <string_view>
+
+#include "macho/macho_file.h"
+
+namespace symlift::dispatch {
+class ThreadPool;
+}
+namespace symlift::support {
+class DiagnosticsSink;
+}
 
 namespace symlift::symbols {
 
@@ -73,13 +84,27 @@ class Symbolicator {
   virtual void forEachSymbolOwner(const std::function<void(const SymbolOwner&)>& visitor) const = 0;
 };
 
+// The files of a run as a reader sees them (SymbolFileCache is the run's).
+class SymbolFiles {
+ public:
+  virtual ~SymbolFiles() = default;
+  // The file's one mapping for the run; nothing when it cannot be mapped.
+  virtual std::shared_ptr<const macho::MachOFile> machOFile(const std::string& path) = 0;
+  // Where slices are decoded and where damage is reported.
+  virtual dispatch::ThreadPool& pool() const = 0;
+  virtual support::DiagnosticsSink& diagnostics() const = 0;
+};
+
 class SymbolicationProvider {
  public:
+  using SymbolicatorVisitor = std::function<void(const std::shared_ptr<const Symbolicator>& symbolicator)>;
+
   virtual ~SymbolicationProvider() = default;
   // One symbolicator per architecture slice of the file at path, in
-  // fat-header order. A file that cannot be opened gives none.
-  virtual void forEachSymbolicatorWithPath(const std::string& path,
-                                           const std::function<void(const Symbolicator&)>& visitor) const = 0;
+  // fat-header order, each with its slice read and handed over before the
+  // next slice is read. A file that cannot be opened gives none.
+  virtual void forEachSymbolicatorWithPath(const std::string& path, SymbolFiles& files,
+                                           const SymbolicatorVisitor& visitor) const = 0;
 };
 
 }  // namespace symlift::symbols

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cctype>
 #include <cfloat>
 #include <cstdlib>
@@ -68,8 +67,6 @@ LoaderState& state() {
   return instance;
 }
 
-std::atomic<float> gDefaultMaxVersion{0.0f};
-
 std::string homeDirectory() {
   if (const char* home = std::getenv("HOME"); home && *home) return home;
   if (const passwd* entry = getpwuid(getuid()); entry && entry->pw_dir) return entry->pw_dir;
@@ -77,12 +74,6 @@ std::string homeDirectory() {
 }
 
 }  // namespace
-
-float defaultMaxCoreSymbolicationVersion() { return gDefaultMaxVersion.load(std::memory_order_relaxed); }
-
-void setDefaultMaxCoreSymbolicationVersion(float version) {
-  gDefaultMaxVersion.store(version, std::memory_order_relaxed);
-}
 
 float SUPSymbolicationProxy::leadingVersionNumber(std::string_view text) {
   // Like a string's float value: leading blanks, an optional sign, digits with

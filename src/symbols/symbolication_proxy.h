@@ -28,15 +28,14 @@ inline constexpr const char* kCoreSymbolicationLibrary =
 inline constexpr const char* kDebugSymbolsLibrary =
     "Contents/SharedFrameworks/DebugSymbolsDT.framework/DebugSymbolsDT";
 
-// The process-wide default maximum symbolication version: 0.0 (no cap) unless
-// the driver sets it from the command line.
-float defaultMaxCoreSymbolicationVersion();
-void setDefaultMaxCoreSymbolicationVersion(float version);
+// The default maximum symbolication version: 0.0, no cap.
+inline constexpr float kDefaultMaxCoreSymbolicationVersion = 0.0f;
+inline float defaultMaxCoreSymbolicationVersion() { return kDefaultMaxCoreSymbolicationVersion; }
 
 class SUPSymbolicationProxy {
  public:
   // Path of the Xcode application bundle with the highest framework version
-  // allowed by maxVersion, or nothing.
+  // allowed by maxVersion (the default maximum allows any), or nothing.
   static std::optional<std::string> xcodePathWithMaxCSVersion(float maxVersion);
 
   // Chooses Xcode, loads both libraries and binds the functions. Failures are

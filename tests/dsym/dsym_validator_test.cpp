@@ -13,7 +13,6 @@
 #include "dsym/dsym_validator.h"
 #include "support/test_support.h"
 #include "symbols/fake_symbolication_provider.h"
-#include "symbols/symbol_processor.h"
 
 namespace symlift::dsym {
 namespace {
@@ -61,35 +60,29 @@ const fs::path kSymbolsDWARF = fixturesDir() / "Hello.dSYM/Contents/Resources/DW
 // A well-formed Mach-O file without a symbol table: a stripped dSYM.
 const fs::path kStrippedDWARF = fixturesDir() / "edge/thin-arm64";
 
-TEST(DSYMValidator, FolderOfDSYMsWarnsAboutTheEmptyOnesOnly) {
+TEST(DSYMValidator, FoldersAreLookedIntoOneLevelAndOtherPathsKeptByTheirExtension) {
   TempDir dir;
   makeBundle(dir.path(), "A.dSYM", kSymbolsDWARF);
-  std::string b = makeBundle(dir.path(), "B.dSYM", kStrippedDWARF);
-  std::string c = makeBundle(dir.path(), "C.DSYM", kStrippedDWARF);
-  // Neither is a dSYM: the extension is "zip", and a plain file.
-  makeBundle(dir.path(), "D.dSYM.zip", kStrippedDWARF);
+  const std::string b = makeBundle(dir.path(), "B.dSYM", kStrippedDWARF);
+  const std::string c = makeBundle(dir.path(), "C.DSYM", kStrippedDWARF);
+  makeBundle(dir.path(), "D.dSYM.zip", kStrippedDWARF);  // not a dSYM: the extension is "zip"
   dir.write("notes.txt", "x");
-
-  EXPECT_EQ(DSYMValidator::expandDSYMDirectories({dir.str()}),
-            (std::vector<std::string>{dir.str() + "/A.dSYM", b, c}));
-  EXPECT_EQ(validated({dir.str()}), emptyWarning(b) + emptyWarning(c));
-}
-
-TEST(DSYMValidator, PathsThatAreNotFoldersAreKeptByTheirExtension) {
-  TempDir dir;
-  const std::string missing = dir.str() + "/Gone.dSYM";
-  const std::string plainFile = dir.write("Plain.dsym", "not a bundle").string();
-  EXPECT_EQ(DSYMValidator::expandDSYMDirectories({missing, dir.str() + "/gone.txt", plainFile, dir.str() + "/x"}),
-            (std::vector<std::string>{missing, plainFile}));
-  // Nothing to read in either: both are empty, and nothing is raised.
-  EXPECT_EQ(validated({missing, plainFile}), emptyWarning(missing) + emptyWarning(plainFile));
-}
-
-TEST(DSYMValidator, ABundlePassedDirectlyIsNotLookedInto) {
-  TempDir dir;
-  std::string stripped = makeBundle(dir.path(), "Stripped.dSYM", kStrippedDWARF);
-  EXPECT_TRUE(DSYMValidator::expandDSYMDirectories({stripped}).empty());
-  EXPECT_EQ(validated({(fixturesDir() / "Hello.dSYM").string(), stripped}), "");
+  const std::string missing = dir.str() + "/other/Gone.dSYM";
+  const std::string plainFile = dir.write("other/Plain.dsym", "not a bundle").string();
+  const struct {
+    std::vector<std::string> paths, expanded;
+    std::string warnings;
+  } cases[] = {
+      {{dir.str()}, {dir.str() + "/A.dSYM", b, c}, emptyWarning(b) + emptyWarning(c)},
+      // Nothing to read in either: both are empty, and nothing is raised.
+      {{missing, dir.str() + "/gone.txt", plainFile}, {missing, plainFile}, emptyWarning(missing) + emptyWarning(plainFile)},
+      // A bundle passed directly is not looked into.
+      {{b, (fixturesDir() / "Hello.dSYM").string()}, {}, ""},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(DSYMValidator::expandDSYMDirectories(c.paths), c.expanded);
+    EXPECT_EQ(validated(c.paths), c.warnings);
+  }
 }
 
 TEST(DSYMValidator, DamagedBundleEndsValidationWithOneError) {
@@ -116,33 +109,27 @@ TEST(DSYMValidator, HiddenSymbolsInARealAppStoreDSYM) {
   EXPECT_EQ(validated({dir.str()}), hiddenWarning(dir.str() + "/Hidden.dSYM"));
 }
 
-class DSYMValidatorWithFakeReader : public ::testing::Test {
- protected:
-  void SetUp() override { symbols::SUPSymbolProcessor::setSymbolicationProviderForTesting(provider_); }
-  void TearDown() override { symbols::SUPSymbolProcessor::setSymbolicationProviderForTesting(nullptr); }
-
-  std::shared_ptr<symlift::testing::FakeProvider> provider_ = std::make_shared<symlift::testing::FakeProvider>();
-};
-
-TEST_F(DSYMValidatorWithFakeReader, HiddenAndEmptyAreSeparateFindings) {
+TEST(DSYMValidator, HiddenAndEmptyAreSeparateFindings) {
   using symlift::testing::cSymbol;
   using symlift::testing::FakeSymbol;
   using symlift::testing::kArm64;
   using symlift::testing::slice;
+  symlift::testing::FakeFiles files;
+  auto& fake = files.provider->files;
   const FakeSymbol hiddenSymbol{"__hidden#12_", "__hidden#12_", 0x100000020, 4, {}};
-  provider_->files["/in/Hidden.dsym"] = {slice(kArm64, {cSymbol("main", 0x100000000, 8), hiddenSymbol})};
-  provider_->files["/in/Named.dsym"] = {slice(kArm64, {cSymbol("main", 0x100000000, 8)})};
-  provider_->files["/in/Empty.dsym"] = {slice(kArm64, {})};
-  provider_->files["symlift"] = {slice(kArm64, {hiddenSymbol})};
+  fake["/in/Hidden.dsym"] = {slice(kArm64, {cSymbol("main", 0x100000000, 8), hiddenSymbol})};
+  fake["/in/Named.dsym"] = {slice(kArm64, {cSymbol("main", 0x100000000, 8)})};
+  fake["/in/Empty.dsym"] = {slice(kArm64, {})};
+  fake["symlift"] = fake["./symlift"] = {slice(kArm64, {hiddenSymbol})};
 
-  EXPECT_EQ(validated({"/in/Hidden.dsym", "/in/Named.dsym", "/in/Empty.dsym"}),
+  EXPECT_EQ(consoleOutput(console::SYLLogging::sharedInstance().logLevel(),
+                          [&] { DSYMValidator::validateDSYMs({"/in/Hidden.dsym", "/in/Named.dsym", "/in/Empty.dsym"}, files.cache); }),
             emptyWarning("/in/Empty.dsym") + hiddenWarning("/in/Hidden.dsym"));
   // The tool's own command name is never asked about, even when it would
   // have hidden symbols; the same file under another name is reported.
-  provider_->files["./symlift"] = provider_->files["symlift"];
-  EXPECT_EQ(DSYMValidator::getHiddenDSYMPathsFrom({"symlift", "./symlift", "/in/Named.dsym"}),
+  EXPECT_EQ(DSYMValidator::getHiddenDSYMPathsFrom({"symlift", "./symlift", "/in/Named.dsym"}, files.cache),
             (std::vector<std::string>{"./symlift"}));
-  EXPECT_EQ(DSYMValidator::removeValidDSYMPathsFrom({"/in/Empty.dsym", "/in/Hidden.dsym", "/in/Unknown.dsym"}),
+  EXPECT_EQ(DSYMValidator::removeValidDSYMPathsFrom({"/in/Empty.dsym", "/in/Hidden.dsym", "/in/Unknown.dsym"}, files.cache),
             (std::vector<std::string>{"/in/Empty.dsym", "/in/Unknown.dsym"}));
 }
 

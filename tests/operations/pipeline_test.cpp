@@ -14,6 +14,7 @@
 #include "network/network_constants.h"
 #include "operations/compress_csym_operation.h"
 #include "operations/compressed_csym_cache.h"
+#include "support/diagnostics.h"
 #include "operations/delete_file_operation.h"
 #include "dispatch/operation_queue.h"
 #include "operations/pipeline_errors.h"
@@ -80,7 +81,9 @@ class PipelineTest : public ::testing::Test {
   support::CleanupRegistry cleanup_;
   CompressedCSYMCache compressed_{pool_};
   PipelineObserver observer_;
-  PipelineContext context_{pool_, cleanup_, compressed_, observer_};
+  support::DiscardingDiagnosticsSink diagnostics_;
+  symbols::SymbolFileCache symbolFiles_{pool_, diagnostics_};
+  PipelineContext context_{pool_, cleanup_, compressed_, observer_, symbolFiles_};
 };
 
 TEST(SystemVersionTest, TenTenOrLaterCanConvert) {

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "symbols/symbol_file_cache.h"
 #include "symbols/symbolication_provider.h"
 
 namespace symlift::testing {
@@ -102,12 +103,19 @@ class FakeProvider : public symbols::SymbolicationProvider {
   // Path → slices; any other path cannot be opened.
   std::map<std::string, std::vector<FakeSymbolicator>> files;
 
-  void forEachSymbolicatorWithPath(const std::string& path,
-                                   const std::function<void(const symbols::Symbolicator&)>& visitor) const override {
+  void forEachSymbolicatorWithPath(const std::string& path, symbols::SymbolFiles&,
+                                   const SymbolicatorVisitor& visitor) const override {
     auto found = files.find(path);
     if (found == files.end()) return;
-    for (const FakeSymbolicator& symbolicator : found->second) visitor(symbolicator);
+    for (const FakeSymbolicator& symbolicator : found->second)
+      visitor(std::make_shared<const FakeSymbolicator>(symbolicator));
   }
+};
+
+// A cache of its own that reads through the fake provider.
+struct FakeFiles {
+  std::shared_ptr<FakeProvider> provider = std::make_shared<FakeProvider>();
+  symbols::SymbolFileCache cache{provider};
 };
 
 // One slice with one owner holding the given symbols.

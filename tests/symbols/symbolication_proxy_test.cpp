@@ -28,7 +28,6 @@ class SymbolicationProxyTest : public ::testing::Test {
   void TearDown() override {
     SUPSymbolicationProxy::setApplicationSearchFoldersForTesting(std::nullopt);
     SUPSymbolicationProxy::resetForTesting();
-    symbols::setDefaultMaxCoreSymbolicationVersion(0.0f);
   }
 
   // An application bundle; with a framework version unless it is empty.
@@ -64,55 +63,37 @@ class SymbolicationProxyTest : public ::testing::Test {
 };
 
 TEST_F(SymbolicationProxyTest, ReadsTheLeadingDecimalNumberOfAVersion) {
-  EXPECT_FLOAT_EQ(SUPSymbolicationProxy::leadingVersionNumber("64570.35.1"), 64570.35f);
-  EXPECT_FLOAT_EQ(SUPSymbolicationProxy::leadingVersionNumber("65000.2"), 65000.2f);
-  EXPECT_FLOAT_EQ(SUPSymbolicationProxy::leadingVersionNumber("  12abc"), 12.0f);
-  EXPECT_FLOAT_EQ(SUPSymbolicationProxy::leadingVersionNumber(".5"), 0.5f);
-  EXPECT_FLOAT_EQ(SUPSymbolicationProxy::leadingVersionNumber("-3"), -3.0f);
-  EXPECT_FLOAT_EQ(SUPSymbolicationProxy::leadingVersionNumber("1e3x"), 1000.0f);
-  EXPECT_FLOAT_EQ(SUPSymbolicationProxy::leadingVersionNumber("version 5"), 0.0f);
-  EXPECT_FLOAT_EQ(SUPSymbolicationProxy::leadingVersionNumber("."), 0.0f);
-  EXPECT_FLOAT_EQ(SUPSymbolicationProxy::leadingVersionNumber(""), 0.0f);
+  const std::pair<const char*, float> cases[] = {{"64570.35.1", 64570.35f}, {"  12abc", 12.0f}, {".5", 0.5f},
+                                                 {"-3", -3.0f},           {"1e3x", 1000.0f},  {"version 5", 0.0f},
+                                                 {".", 0.0f},             {"", 0.0f}};
+  for (const auto& [text, number] : cases) EXPECT_FLOAT_EQ(SUPSymbolicationProxy::leadingVersionNumber(text), number);
 }
 
-TEST_F(SymbolicationProxyTest, FindsXcodeBundlesFolderByFolder) {
-  std::string userXcode = addApplication("User/Xcode.app", "1");
-  std::string betaXcode = addApplication("System/Xcode-beta.app", "1");
-  std::string stableXcode = addApplication("System/Xcode.app", "1");
-  addApplication("System/Other.app", "1", "com.example.other");
-  apps_.write("System/NotABundle.app", "a file");
-  EXPECT_EQ(SUPSymbolicationProxy::applicationPathsForBundleIdentifier("com.apple.dt.Xcode"),
-            (std::vector<std::string>{betaXcode, stableXcode, userXcode}));
-}
-
-TEST_F(SymbolicationProxyTest, ChoosesTheNewestFrameworkWithinTheCap) {
+TEST_F(SymbolicationProxyTest, ChoosesTheXcodeWithTheNewestFrameworkWithinTheCap) {
+  // Found folder by folder, by name within a folder; other bundles and plain files are not Xcode.
+  std::string user = addApplication("User/Xcode.app", "64000.1");
+  std::string beta = addApplication("System/Xcode-b.app", "65000.2");
   std::string older = addApplication("System/Xcode-a.app", "64000.1");
-  std::string newer = addApplication("System/Xcode-b.app", "65000.2");
   addApplication("System/Xcode-c.app", "");  // no version.plist: skipped
   addApplication("System/Xcode-d.app", "not a number");
+  addApplication("System/Other.app", "99999", "com.example.other");
+  apps_.write("System/NotABundle.app", "a file");
   apps_.write(std::string("System/Xcode-e.app/") + symbols::kCoreSymbolicationVersionPlist, "garbage");
   apps_.write("System/Xcode-e.app/Contents/Info.plist", infoPlist("com.apple.dt.Xcode"));
-
-  EXPECT_EQ(SUPSymbolicationProxy::xcodePathWithMaxCSVersion(0.0f), newer);
+  EXPECT_EQ(SUPSymbolicationProxy::applicationPathsForBundleIdentifier("com.apple.dt.Xcode"),
+            (std::vector<std::string>{older, beta, apps_.str() + "/System/Xcode-c.app",
+                                      apps_.str() + "/System/Xcode-d.app", apps_.str() + "/System/Xcode-e.app", user}));
+  // Of equal versions the first listed wins.
+  const std::pair<float, std::optional<std::string>> caps[] = {
+      {symbols::kDefaultMaxCoreSymbolicationVersion, beta},  // the default: no cap
+      {64500.0f, older},
+      {65000.2f, beta},
+      {60000.0f, std::nullopt}};
+  for (const auto& [cap, chosen] : caps) EXPECT_EQ(SUPSymbolicationProxy::xcodePathWithMaxCSVersion(cap), chosen) << cap;
+  // A binary version.plist counts as well.
+  apps_.write(std::string("System/Xcode-b.app/") + symbols::kCoreSymbolicationVersionPlist,
+              binaryPlist("CFBundleVersion", "63000"));
   EXPECT_EQ(SUPSymbolicationProxy::xcodePathWithMaxCSVersion(64500.0f), older);
-  EXPECT_EQ(SUPSymbolicationProxy::xcodePathWithMaxCSVersion(65000.2f), newer);
-  EXPECT_EQ(SUPSymbolicationProxy::xcodePathWithMaxCSVersion(60000.0f), std::nullopt);
-
-  // A cap equal to the process-wide default means "no cap".
-  symbols::setDefaultMaxCoreSymbolicationVersion(64500.0f);
-  EXPECT_EQ(SUPSymbolicationProxy::xcodePathWithMaxCSVersion(64500.0f), newer);
-  EXPECT_EQ(SUPSymbolicationProxy::xcodePathWithMaxCSVersion(0.0f), std::nullopt);
-}
-
-TEST_F(SymbolicationProxyTest, EqualVersionsKeepTheFirstListedAndBinaryPlistsCount) {
-  apps_.write("System/Xcode-a.app/Contents/Info.plist", infoPlist("com.apple.dt.Xcode"));
-  apps_.write(std::string("System/Xcode-a.app/") + symbols::kCoreSymbolicationVersionPlist,
-              binaryPlist("CFBundleVersion", "64570.35.1"));
-  addApplication("System/Xcode-b.app", "64570.35");
-  EXPECT_EQ(SUPSymbolicationProxy::xcodePathWithMaxCSVersion(0.0f), apps_.str() + "/System/Xcode-a.app");
-
-  SUPSymbolicationProxy::setApplicationSearchFoldersForTesting(std::vector<std::string>{apps_.str() + "/none"});
-  EXPECT_EQ(SUPSymbolicationProxy::xcodePathWithMaxCSVersion(0.0f), std::nullopt);
 }
 
 TEST_F(SymbolicationProxyTest, BindingStopsAtTheFirstMissingFunction) {
@@ -132,20 +113,6 @@ TEST_F(SymbolicationProxyTest, BindingStopsAtTheFirstMissingFunction) {
   EXPECT_EQ(boundFlags(), std::vector<bool>(symbols::kCoreSymbolicationFunctionCount, true));
   EXPECT_EQ(SUPSymbolicationProxy::boundFunction(24), dlsym(complete, "CSSymbolicatorGetArchitecture"));
   EXPECT_EQ(SUPSymbolicationProxy::boundFunction(25), nullptr);
-}
-
-TEST_F(SymbolicationProxyTest, LoadsBothLibrariesFromTheChosenXcode) {
-  std::string xcode = addApplication("System/Xcode.app", "65000.2");
-  install(SYMLIFT_STUB_COMPLETE, xcode + "/" + symbols::kCoreSymbolicationLibrary);
-  install(SYMLIFT_STUB_COMPLETE, xcode + "/" + symbols::kDebugSymbolsLibrary);
-  // An older Xcode whose framework lacks functions must not be the one bound.
-  std::string older = addApplication("System/Xcode-old.app", "64000.1");
-  install(SYMLIFT_STUB_WITHOUT_FIFTH, older + "/" + symbols::kCoreSymbolicationLibrary);
-
-  EXPECT_EQ(loadAndCaptureLog(0.0f), "");
-  EXPECT_NE(SUPSymbolicationProxy::debugSymbolsHandle(), nullptr);
-  EXPECT_NE(SUPSymbolicationProxy::coreSymbolicationHandle(), nullptr);
-  EXPECT_EQ(boundFlags(), std::vector<bool>(symbols::kCoreSymbolicationFunctionCount, true));
 }
 
 TEST_F(SymbolicationProxyTest, ReportsEachLoadingFailureToTheSystemLog) {
@@ -169,6 +136,11 @@ TEST_F(SymbolicationProxyTest, ReportsEachLoadingFailureToTheSystemLog) {
                                std::regex(prefix + "Unable to load DebugSymbols, continuing anyways\n")));
   EXPECT_EQ(SUPSymbolicationProxy::debugSymbolsHandle(), nullptr);
   EXPECT_EQ(boundFlags(), std::vector<bool>(symbols::kCoreSymbolicationFunctionCount, true));
+
+  // Both libraries: nothing to report.
+  install(SYMLIFT_STUB_COMPLETE, xcode + "/" + symbols::kDebugSymbolsLibrary);
+  EXPECT_EQ(loadAndCaptureLog(0.0f), "");
+  EXPECT_NE(SUPSymbolicationProxy::debugSymbolsHandle(), nullptr);
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include "symbols/dwarf/debug_info.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 
 #include "symbols/dwarf/range_lists.h"
@@ -54,7 +56,7 @@ std::optional<std::uint64_t> referenceTarget(const FormValue& value, const UnitI
 
 }  // namespace
 
-DebugInfo::DebugInfo(const DwarfSections& sections)
+DebugInfo::DebugInfo(const DwarfSections& sections, DamageList* damage)
     : sections_(sections), abbreviationBudget_(8 * std::uint64_t{sections.abbrev.size()} + (1u << 20)) {
   ByteReader reader(sections.info);
   while (reader.remaining() > 0) {
@@ -65,9 +67,13 @@ DebugInfo::DebugInfo(const DwarfSections& sections)
       unit.context.offsetSize = 8;
       length = reader.u64();
     } else if (length >= 0xfffffff0u) {
-      break;  // reserved values
+      noteDamage(damage, "__debug_info", unit.offset, fmt::format("every unit from here on (reserved unit length {:#x})", length));
+      break;
     }
-    if (!reader.ok() || length > reader.remaining()) break;
+    if (!reader.ok() || length > reader.remaining()) {
+      noteDamage(damage, "__debug_info", unit.offset, "every unit from here on (a unit running past the end of the section)");
+      break;
+    }
     unit.end = reader.offset() + length;
     ByteReader header(sections.info.first(static_cast<std::size_t>(unit.end)), reader.offset());
     unit.context.version = header.u16();
@@ -99,7 +105,14 @@ DebugInfo::DebugInfo(const DwarfSections& sections)
                         unit.context.addressSize >= 1 && unit.context.addressSize <= 8;
     if (usable) {
       unit.abbreviations = abbreviationTable(abbreviationOffset);
+      if (!unit.abbreviations)
+        noteDamage(damage, "__debug_info", unit.offset,
+                   fmt::format("a unit whose abbreviation table at {:#x} cannot be read", abbreviationOffset));
       readUnitDie(unit);
+    } else {
+      noteDamage(damage, "__debug_info", unit.offset,
+                 fmt::format("a unit with an unreadable header (version {}, address size {})", unit.context.version,
+                             unit.context.addressSize));
     }
     units_.push_back(unit);
   }
@@ -153,13 +166,13 @@ std::uint64_t DebugInfo::functionRangeBudget() const {
   return 4 * std::uint64_t{sections_.ranges.size() + sections_.rnglists.size()} + (1u << 16);
 }
 
-std::vector<FunctionRange> DebugInfo::functionRanges() const {
+std::vector<FunctionRange> DebugInfo::functionRanges(DamageList* damage) const {
   std::uint64_t budget = functionRangeBudget();
-  return functionRanges(0, units_.size(), budget);
+  return functionRanges(0, units_.size(), budget, damage);
 }
 
 std::vector<FunctionRange> DebugInfo::functionRanges(std::size_t firstUnit, std::size_t endUnit,
-                                                     std::uint64_t& rangeBudget) const {
+                                                     std::uint64_t& rangeBudget, DamageList* damage) const {
   std::vector<FunctionRange> functions;
   std::vector<AddressRange> ranges;
   endUnit = std::min(endUnit, units_.size());
@@ -175,13 +188,21 @@ std::vector<FunctionRange> DebugInfo::functionRanges(std::size_t firstUnit, std:
       if (!reader.ok()) break;
       if (code == 0) continue;  // end of a sibling list
       const Abbreviation* abbreviation = unit.abbreviations->find(code);
-      if (!abbreviation) break;  // the rest of the unit cannot be read
+      if (!abbreviation) {
+        noteDamage(damage, "__debug_info", dieOffset,
+                   fmt::format("the rest of a unit, from a DIE with an unknown abbreviation code ({})", code));
+        break;
+      }
       const bool subprogram = abbreviation->tag == kTagSubprogram;
       std::optional<FormValue> low, high, rangesValue;
       bool readable = true;
       for (const AttributeSpec& attr : unit.abbreviations->attributes(*abbreviation)) {
         FormValue value;
         if (!readFormValue(reader, attr.form, attr.implicitConst, unit.context, value)) {
+          // A form this reader does not know leaves the reader where it was.
+          noteDamage(damage, "__debug_info", dieOffset,
+                     reader.ok() ? fmt::format("the rest of a unit, from a DIE with an unknown form ({:#x})", attr.form)
+                                 : std::string("the rest of a unit, cut short inside a DIE"));
           readable = false;
           break;
         }
@@ -204,7 +225,8 @@ std::vector<FunctionRange> DebugInfo::functionRanges(std::size_t firstUnit, std:
         if (highAddress > lowAddress) functions.push_back({lowAddress, highAddress, dieOffset});
       } else if (rangesValue) {
         ranges.clear();
-        readRangeList(sections_, unit, *rangesValue, ranges, rangeBudget);
+        if (!readRangeList(sections_, unit, *rangesValue, ranges, rangeBudget))
+          noteDamage(damage, "__debug_info", dieOffset, "part of a subprogram's ranges (its range list is damaged)");
         for (const AddressRange& range : ranges) functions.push_back({range.first, range.second, dieOffset});
       }
     }

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "symbols/dwarf/abbreviations.h"
+#include "symbols/dwarf/damage.h"
 #include "symbols/dwarf/dwarf_forms.h"
 #include "symbols/dwarf/dwarf_sections.h"
 
@@ -45,17 +46,20 @@ struct FunctionNames {
 
 class DebugInfo {
  public:
-  explicit DebugInfo(const DwarfSections& sections);
+  // Reads every unit header and unit DIE; damage notes what is skipped.
+  explicit DebugInfo(const DwarfSections& sections, DamageList* damage = nullptr);
 
   const std::vector<UnitInfo>& units() const { return units_; }
 
   // Every range of every subprogram with code, in DIE order. Inlined
-  // subroutines are not subprograms. A damaged unit ends where the damage is.
-  std::vector<FunctionRange> functionRanges() const;
+  // subroutines are not subprograms. A damaged unit ends where the damage is
+  // (noted in damage).
+  std::vector<FunctionRange> functionRanges(DamageList* damage = nullptr) const;
   // The same for units [firstUnit, endUnit) only, drawing on budget (range-list
   // entries the walk may still read; start from functionRangeBudget()). Runs
   // over disjoint unit spans may go on separate threads.
-  std::vector<FunctionRange> functionRanges(std::size_t firstUnit, std::size_t endUnit, std::uint64_t& budget) const;
+  std::vector<FunctionRange> functionRanges(std::size_t firstUnit, std::size_t endUnit, std::uint64_t& budget,
+                                            DamageList* damage = nullptr) const;
   // Range-list entries all subprograms together may read: many DIEs of a
   // damaged unit could name one long list.
   std::uint64_t functionRangeBudget() const;

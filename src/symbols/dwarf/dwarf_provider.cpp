@@ -5,18 +5,8 @@
 #endif
 
 #include "macho/architecture_names.h"
+#include "support/diagnostics.h"
 #include "symbols/dwarf/image_symbols.h"
-#include "symbols/dwarf/macho_image.h"
-#include "symbols/dwarf/mapped_file.h"
-
-namespace symlift::symbols {
-
-std::string SymbolicationArchitecture::familyName() const {
-  const char* name = macho::publishedArchitectureName(cputype, cpusubtype);
-  return name ? name : "unknown";
-}
-
-}  // namespace symlift::symbols
 
 namespace symlift::symbols::dwarf {
 
@@ -30,26 +20,19 @@ void returnFreeMemory() {
 #endif
 }
 
-// The image itself as its only symbol owner. Symbols are read when the
-// owner is made and live as long as it does.
+// The image itself as its only symbol owner, holding the image's symbols.
 class ImageOwner final : public SymbolOwner {
  public:
-  // Once the symbols are made nothing points into the slice any more (names
-  // and paths are copies): its pages leave memory.
-  ImageOwner(const MachOImage& image, const MappedFile& file) : image_(image), symbols_(readImageSymbols(image)) {
-    file.release(image.bytes);
-    // The decoding threads' lists are gone too.
-    returnFreeMemory();
-  }
+  ImageOwner(const macho::MachOImage& image, ImageSymbols symbols) : image_(image), symbols_(std::move(symbols)) {}
 
   std::uint64_t baseAddress() const override { return image_.textSegmentAddress; }
   std::optional<std::array<std::uint8_t, 16>> uuidBytes() const override { return image_.uuid; }
-  bool isDsym() const override { return image_.fileType == kMachOFileDsym; }
+  bool isDsym() const override { return image_.fileType == macho::kMachOFileDsym; }
   bool isDylib() const override {
-    return image_.fileType == kMachOFileDylib || image_.fileType == kMachOFileBundle;
+    return image_.fileType == macho::kMachOFileDylib || image_.fileType == macho::kMachOFileBundle;
   }
   bool isDyldSharedCache() const override { return false; }
-  bool isObject() const override { return image_.fileType == kMachOFileObject; }
+  bool isObject() const override { return image_.fileType == macho::kMachOFileObject; }
 
   void forEachTextSymbol(const std::function<void(const SymbolInfo&)>& visitor) const override {
     std::vector<SourceInfo> sources;  // one symbol's, reused
@@ -69,50 +52,68 @@ class ImageOwner final : public SymbolOwner {
   std::size_t sourceInfoCountHint() const override { return symbols_.sources.size() + symbols_.symbols.size(); }
 
  private:
-  const MachOImage& image_;
+  const macho::MachOImage& image_;
   ImageSymbols symbols_;
 };
 
+// One slice, read when it is made; its symbols live as long as it does.
 class ImageSymbolicator final : public Symbolicator {
  public:
-  ImageSymbolicator(const MachOImage& image, const MappedFile& file) : image_(image), file_(file) {}
+  ImageSymbolicator(std::shared_ptr<const macho::MachOFile> file, const macho::MachOImage& image,
+                    ImageSymbols symbols)
+      : file_(std::move(file)), image_(image), owner_(std::make_unique<ImageOwner>(image, std::move(symbols))) {}
+
+  ~ImageSymbolicator() override {
+    owner_.reset();
+    returnFreeMemory();
+  }
 
   SymbolicationArchitecture architecture() const override {
     return SymbolicationArchitecture{image_.cputype, image_.cpusubtype};
   }
-
-  void forEachSymbolOwner(const std::function<void(const SymbolOwner&)>& visitor) const override {
-    ImageOwner owner(image_, file_);
-    visitor(owner);
-  }
+  void forEachSymbolOwner(const std::function<void(const SymbolOwner&)>& visitor) const override { visitor(*owner_); }
 
  private:
-  const MachOImage& image_;
-  const MappedFile& file_;
+  std::shared_ptr<const macho::MachOFile> file_;  // holds the image
+  const macho::MachOImage& image_;
+  std::unique_ptr<ImageOwner> owner_;
 };
 
 class DwarfSymbolicationProvider final : public SymbolicationProvider {
  public:
-  void forEachSymbolicatorWithPath(const std::string& path,
-                                   const std::function<void(const Symbolicator&)>& visitor) const override {
-    std::shared_ptr<MappedFile> file = MappedFile::open(path);
+  explicit DwarfSymbolicationProvider(const DecodeOptions& options) : options_(options) {}
+
+  void forEachSymbolicatorWithPath(const std::string& path, SymbolFiles& files,
+                                   const SymbolicatorVisitor& visitor) const override {
+    std::shared_ptr<const macho::MachOFile> file = files.machOFile(path);
     if (!file) return;
-    std::vector<MachOImage> images = readMachOImages(file->bytes());
-    for (const MachOImage& image : images) {
-      ImageSymbolicator symbolicator(image, *file);
-      visitor(symbolicator);
-      // Slices are read one after the other: this one's pages can go, and
-      // so can the memory its lists took.
-      file->release(image.bytes);
+    for (const macho::MachOImage& image : file->images()) {
+      DecodeOptions options = options_;
+      options.pool = &files.pool();
+      DamageList damage;
+      ImageSymbols symbols = readImageSymbols(image, options, &damage);
+      const std::string slice = macho::sliceArchitectureName(image.cputype, image.cpusubtype);
+      for (support::Diagnostic& diagnostic : damage) {
+        diagnostic.file = path;
+        diagnostic.section = slice + " " + diagnostic.section;
+        files.diagnostics().report(diagnostic);
+      }
+      // Nothing points into the slice any more (names and paths are copies):
+      // its pages can go, and so can what the decoding threads' lists took.
+      file->release(image);
       returnFreeMemory();
+      visitor(std::make_shared<const ImageSymbolicator>(file, image, std::move(symbols)));
     }
   }
+
+ private:
+  DecodeOptions options_;
 };
 
 }  // namespace
 
-std::shared_ptr<SymbolicationProvider> makeDwarfSymbolicationProvider() {
-  return std::make_shared<DwarfSymbolicationProvider>();
+std::shared_ptr<SymbolicationProvider> makeDwarfSymbolicationProvider(const DecodeOptions& options) {
+  return std::make_shared<DwarfSymbolicationProvider>(options);
 }
 
 }  // namespace symlift::symbols::dwarf

@@ -4,10 +4,13 @@
 
 #include <memory>
 
+#include "symbols/dwarf/image_symbols.h"
 #include "symbols/symbolication_provider.h"
 
 namespace symlift::symbols::dwarf {
 
-std::shared_ptr<SymbolicationProvider> makeDwarfSymbolicationProvider();
+// Slices are decoded on the files' pool; options other than the pool tune
+// how many threads (for tests and measurements).
+std::shared_ptr<SymbolicationProvider> makeDwarfSymbolicationProvider(const DecodeOptions& options = {});
 
 }  // namespace symlift::symbols::dwarf

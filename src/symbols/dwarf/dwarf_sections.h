@@ -3,7 +3,7 @@
 // Any of them may be empty.
 
 #include "symbols/dwarf/byte_reader.h"
-#include "symbols/dwarf/macho_image.h"
+#include "macho/macho_file.h"
 
 namespace symlift::symbols::dwarf {
 
@@ -18,7 +18,7 @@ struct DwarfSections {
   Bytes ranges;
   Bytes rnglists;
 
-  static DwarfSections of(const MachOImage& image) {
+  static DwarfSections of(const macho::MachOImage& image) {
     DwarfSections sections;
     // Mach-O section names are cut to 16 characters.
     sections.info = image.sectionContents("__DWARF", "__debug_info");

@@ -1,14 +1,12 @@
 #include "symbols/dwarf/image_symbols.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 #include <span>
-#include <system_error>
-#include <thread>
 
-#include "symbols/dwarf/debug_info.h"
 #include "demangle/demangle.h"
+#include "dispatch/thread_pool.h"
+#include "symbols/dwarf/debug_info.h"
 #include "symbols/dwarf/dwarf_sections.h"
 #include "symbols/dwarf/line_table.h"
 #include "symbols/dwarf/symbol_table.h"
@@ -64,7 +62,7 @@ void setNames(ImageSymbol& symbol, const Candidate& candidate, const DebugInfo* 
 // order is the only sorted one. Otherwise all spans are sorted, earlier
 // sequences (in group order) first on ties.
 std::vector<LineSpan> lineSpans(const std::vector<LineTables>& groups, const std::vector<std::uint32_t>& pathBase,
-                                const MachOSection& text) {
+                                const macho::MachOSection& text) {
   const std::uint64_t textEnd = text.address + text.size;
   struct SequenceRef {
     std::uint32_t group;
@@ -109,37 +107,26 @@ std::vector<LineSpan> lineSpans(const std::vector<LineTables>& groups, const std
   return spans;
 }
 
-// Runs task(0) … task(count - 1) on up to `threads` threads (this one included).
-template <typename Task>
-void runTasks(std::size_t count, unsigned threads, const Task& task) {
-  std::atomic<std::size_t> next{0};
-  auto work = [&] {
-    for (std::size_t i; (i = next.fetch_add(1)) < count;) task(i);
-  };
-  std::vector<std::jthread> workers;
-  for (unsigned t = 1; t < threads && t < count; ++t) {
-    try {
-      workers.emplace_back(work);
-    } catch (const std::system_error&) {
-      break;  // out of threads: the rest is done here
-    }
-  }
-  work();
-}
-
 // Units are read in groups, a few per thread so that uneven units balance.
 constexpr std::size_t kGroupsPerThread = 4;
-// Fewer units than this per thread are not worth a thread.
-constexpr std::size_t kMinimumUnitsPerThread = 16;
 
-std::atomic<unsigned> maxDecodeThreads{0};
-std::atomic<std::size_t> minimumUnitsPerThread{kMinimumUnitsPerThread};
-
-unsigned decodeThreadsFor(std::size_t units) {
-  unsigned threads = maxDecodeThreads.load();
-  if (threads == 0) threads = std::max(1u, std::thread::hardware_concurrency());
-  const std::size_t perThread = std::max<std::size_t>(minimumUnitsPerThread.load(), 1);
+// The threads that decode an image of this many units.
+unsigned decodeThreadsFor(std::size_t units, const DecodeOptions& options) {
+  if (!options.pool) return 1;
+  const unsigned threads = options.maxParallel ? options.maxParallel : dispatch::ThreadPool::hardwareConcurrency();
+  const std::size_t perThread = std::max<std::size_t>(options.minimumUnitsPerThread, 1);
   return static_cast<unsigned>(std::clamp<std::size_t>(units / perThread, 1, threads));
+}
+
+// Runs task(0) … task(count - 1) on up to `threads` threads of the pool,
+// the calling one included.
+void runTasks(std::size_t count, unsigned threads, const DecodeOptions& options,
+              const std::function<void(std::size_t)>& task) {
+  if (threads <= 1 || !options.pool) {
+    for (std::size_t i = 0; i < count; ++i) task(i);
+    return;
+  }
+  options.pool->parallelFor(count, task, threads);
 }
 
 // [begin, end) of group g when n items are cut into `groups` nearly equal parts.
@@ -149,17 +136,19 @@ std::pair<std::size_t, std::size_t> groupBounds(std::size_t n, std::size_t group
 
 // Every subprogram range of every unit, in DIE order: the same list as
 // DebugInfo::functionRanges(), read by several threads.
-std::vector<FunctionRange> readFunctionRanges(const DebugInfo& debugInfo, unsigned threads) {
+std::vector<FunctionRange> readFunctionRanges(const DebugInfo& debugInfo, unsigned threads,
+                                              const DecodeOptions& options, DamageList* damage) {
   const std::size_t unitCount = debugInfo.units().size();
-  if (threads <= 1) return debugInfo.functionRanges();
+  if (threads <= 1) return debugInfo.functionRanges(damage);
   const std::size_t groups = std::min<std::size_t>(threads * kGroupsPerThread, unitCount);
   const std::uint64_t budget = debugInfo.functionRangeBudget();
   std::vector<std::vector<FunctionRange>> parts(groups);
+  std::vector<DamageList> partDamage(groups);
   std::vector<std::uint64_t> used(groups, 0);
-  runTasks(groups, threads, [&](std::size_t g) {
+  runTasks(groups, threads, options, [&](std::size_t g) {
     auto [begin, end] = groupBounds(unitCount, groups, g);
     std::uint64_t left = budget;
-    parts[g] = debugInfo.functionRanges(begin, end, left);
+    parts[g] = debugInfo.functionRanges(begin, end, left, damage ? &partDamage[g] : nullptr);
     used[g] = budget - left;
   });
   // Each group had the whole budget to itself. Only when all of them
@@ -167,14 +156,15 @@ std::vector<FunctionRange> readFunctionRanges(const DebugInfo& debugInfo, unsign
   // (a damaged file) the walk is repeated in one pass.
   std::uint64_t total = 0;
   for (std::uint64_t n : used) total += n;
-  if (total >= budget) return debugInfo.functionRanges();
+  if (total >= budget) return debugInfo.functionRanges(damage);
   std::size_t count = 0;
   for (const auto& part : parts) count += part.size();
   std::vector<FunctionRange> functions;
   functions.reserve(count);
-  for (auto& part : parts) {
-    functions.insert(functions.end(), part.begin(), part.end());
-    std::vector<FunctionRange>().swap(part);
+  for (std::size_t g = 0; g < groups; ++g) {
+    functions.insert(functions.end(), parts[g].begin(), parts[g].end());
+    std::vector<FunctionRange>().swap(parts[g]);
+    if (damage) damage->insert(damage->end(), partDamage[g].begin(), partDamage[g].end());
   }
   return functions;
 }
@@ -183,6 +173,7 @@ std::vector<FunctionRange> readFunctionRanges(const DebugInfo& debugInfo, unsign
 struct LineGroup {
   LineTables tables;
   std::deque<std::string> strings;
+  DamageList damage;
   bool anyRead = false;         // a table of the group was read
   std::uint64_t readUntil = 0;  // just past the last table read
 };
@@ -193,8 +184,12 @@ void readLineGroup(const DwarfSections& sections, std::span<const UnitInfo* cons
                    LineGroup& group) {
   group.readUntil = readUntil;
   for (const UnitInfo* unit : units) {
-    if (*unit->stmtList < group.readUntil) continue;
-    if (auto end = readLineTable(sections, *unit, *unit->stmtList, group.tables, group.strings)) {
+    if (*unit->stmtList < group.readUntil) {
+      noteDamage(&group.damage, "__debug_info", unit->offset,
+                 "the line table of a unit, which starts inside a line table already read");
+      continue;
+    }
+    if (auto end = readLineTable(sections, *unit, *unit->stmtList, group.tables, group.strings, &group.damage)) {
       group.readUntil = *end;
       group.anyRead = true;
     }
@@ -206,7 +201,8 @@ void readLineGroup(const DwarfSections& sections, std::span<const UnitInfo* cons
 // keeps the work linear in the section's size). Groups of units are read on
 // several threads, each as if nothing had been read before it; a group is
 // read again, in order, when what came before would have changed its choices.
-std::vector<LineGroup> readLineGroups(const DwarfSections& sections, const DebugInfo& debugInfo, unsigned threads) {
+std::vector<LineGroup> readLineGroups(const DwarfSections& sections, const DebugInfo& debugInfo, unsigned threads,
+                                      const DecodeOptions& options) {
   std::vector<const UnitInfo*> units;
   for (const UnitInfo& unit : debugInfo.units())
     if (unit.stmtList) units.push_back(&unit);
@@ -218,7 +214,7 @@ std::vector<LineGroup> readLineGroups(const DwarfSections& sections, const Debug
     auto [begin, end] = groupBounds(units.size(), groups.size(), g);
     return std::span<const UnitInfo* const>(units.data() + begin, end - begin);
   };
-  runTasks(groups.size(), threads, [&](std::size_t g) { readLineGroup(sections, unitsOf(g), 0, groups[g]); });
+  runTasks(groups.size(), threads, options, [&](std::size_t g) { readLineGroup(sections, unitsOf(g), 0, groups[g]); });
   std::uint64_t readUntil = 0;
   for (std::size_t g = 0; g < groups.size(); ++g) {
     std::span<const UnitInfo* const> span = unitsOf(g);
@@ -273,23 +269,23 @@ void attachSources(ImageSymbols& out, const std::vector<LineSpan>& spans) {
 
 }  // namespace
 
-ImageSymbols readImageSymbols(const MachOImage& image) {
+ImageSymbols readImageSymbols(const macho::MachOImage& image, const DecodeOptions& options, DamageList* damage) {
   ImageSymbols out;
   if (image.bigEndian || !image.textSection) return out;
-  const MachOSection& text = *image.textSection;
+  const macho::MachOSection& text = *image.textSection;
   const std::uint64_t textEnd = text.address + text.size;
   auto inText = [&](std::uint64_t address) { return address >= text.address && address < textEnd; };
 
-  std::vector<TableSymbol> table = readTextSymbols(image);
+  std::vector<TableSymbol> table = readTextSymbols(image, damage);
 
   DwarfSections sections = DwarfSections::of(image);
   std::optional<DebugInfo> debugInfo;
   std::vector<FunctionRange> functions;
   unsigned threads = 1;
   if (!sections.info.empty()) {
-    debugInfo.emplace(sections);
-    threads = decodeThreadsFor(debugInfo->units().size());
-    functions = readFunctionRanges(*debugInfo, threads);
+    debugInfo.emplace(sections, damage);
+    threads = decodeThreadsFor(debugInfo->units().size(), options);
+    functions = readFunctionRanges(*debugInfo, threads, options, damage);
     std::erase_if(functions, [&](const FunctionRange& f) { return !inText(f.low); });
     std::stable_sort(functions.begin(), functions.end(),
                      [](const FunctionRange& a, const FunctionRange& b) { return a.low < b.low; });
@@ -328,10 +324,11 @@ ImageSymbols readImageSymbols(const MachOImage& image) {
   }
 
   if (debugInfo) {
-    std::vector<LineGroup> groups = readLineGroups(sections, *debugInfo, threads);
+    std::vector<LineGroup> groups = readLineGroups(sections, *debugInfo, threads, options);
     std::vector<LineTables> tables;
     std::vector<std::uint32_t> pathBase;
     for (LineGroup& group : groups) {
+      if (damage) damage->insert(damage->end(), group.damage.begin(), group.damage.end());
       pathBase.push_back(static_cast<std::uint32_t>(out.paths.size()));
       out.paths.insert(out.paths.end(), group.tables.paths.begin(), group.tables.paths.end());
       // Moving a deque keeps its strings where they are: the paths stay valid.
@@ -360,11 +357,6 @@ std::string_view TextArena::copy(std::string_view text) {
   std::memcpy(at, text.data(), text.size());
   used_ += text.size();
   return {at, text.size()};
-}
-
-void setMaxDecodeThreads(unsigned threads, std::size_t unitsPerThread) {
-  maxDecodeThreads.store(threads);
-  minimumUnitsPerThread.store(unitsPerThread == 0 ? kMinimumUnitsPerThread : unitsPerThread);
 }
 
 }  // namespace symlift::symbols::dwarf

@@ -11,8 +11,13 @@
 #include <string_view>
 #include <vector>
 
-#include "symbols/dwarf/macho_image.h"
+#include "macho/macho_file.h"
+#include "symbols/dwarf/damage.h"
 #include "symbols/symbolication_provider.h"
+
+namespace symlift::dispatch {
+class ThreadPool;
+}
 
 namespace symlift::symbols::dwarf {
 
@@ -71,13 +76,18 @@ struct ImageSymbols {
   }
 };
 
-// Units are decoded on up to one thread per core; the result does not
-// depend on how many.
-ImageSymbols readImageSymbols(const MachOImage& image);
+struct DecodeOptions {
+  // Where groups of units are decoded; nothing: all on the calling thread.
+  dispatch::ThreadPool* pool = nullptr;
+  // Threads at most, the caller's included (0: one per core).
+  unsigned maxParallel = 0;
+  // Fewer units than this per thread are not worth a thread.
+  std::size_t minimumUnitsPerThread = 16;
+};
 
-// At most this many threads decode one image (0: one per core), each taking
-// at least unitsPerThread units (0: the default, 16). For tests and
-// measurements.
-void setMaxDecodeThreads(unsigned threads, std::size_t unitsPerThread = 0);
+// Neither the symbols nor the damage noted depend on how many threads
+// decoded. Nothing in the result points into the image.
+ImageSymbols readImageSymbols(const macho::MachOImage& image, const DecodeOptions& options = {},
+                              DamageList* damage = nullptr);
 
 }  // namespace symlift::symbols::dwarf

@@ -1,5 +1,7 @@
 #include "symbols/dwarf/line_table.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 
 namespace symlift::symbols::dwarf {
@@ -152,8 +154,13 @@ void appendPathComponent(std::string& path, std::string_view component) {
 }
 
 std::optional<std::uint64_t> readLineTable(const DwarfSections& sections, const UnitInfo& unit,
-                                           std::uint64_t offset, LineTables& out, std::deque<std::string>& strings) {
-  if (offset >= sections.line.size()) return std::nullopt;
+                                           std::uint64_t offset, LineTables& out, std::deque<std::string>& strings,
+                                           DamageList* damage) {
+  if (offset >= sections.line.size()) {
+    noteDamage(damage, "__debug_info", unit.offset,
+               fmt::format("the line table of a unit (its offset {:#x} lies past the end of __debug_line)", offset));
+    return std::nullopt;
+  }
   ByteReader reader(sections.line, static_cast<std::size_t>(offset));
   std::uint8_t offsetSize = 4;
   std::uint64_t length = reader.u32();
@@ -161,13 +168,20 @@ std::optional<std::uint64_t> readLineTable(const DwarfSections& sections, const 
     offsetSize = 8;
     length = reader.u64();
   } else if (length >= 0xfffffff0u) {
+    noteDamage(damage, "__debug_line", offset, fmt::format("a line table (reserved unit length {:#x})", length));
     return std::nullopt;
   }
-  if (!reader.ok() || length > reader.remaining()) return std::nullopt;
+  if (!reader.ok() || length > reader.remaining()) {
+    noteDamage(damage, "__debug_line", offset, "a line table running past the end of the section");
+    return std::nullopt;
+  }
   const std::size_t tableEnd = reader.offset() + static_cast<std::size_t>(length);
   ByteReader program(sections.line.first(tableEnd), reader.offset());
   Prologue prologue;
-  if (!readPrologue(program, unit, sections, offsetSize, prologue)) return std::nullopt;
+  if (!readPrologue(program, unit, sections, offsetSize, prologue)) {
+    noteDamage(damage, "__debug_line", offset, "a line table whose header cannot be read");
+    return std::nullopt;
+  }
 
   // File-table entry → index into out.paths, made when first used.
   std::vector<std::uint32_t> fileIndex(prologue.files.size(), kNoFile);
@@ -208,11 +222,19 @@ std::optional<std::uint64_t> readLineTable(const DwarfSections& sections, const 
   auto advance = [&](std::uint64_t operations) { address += operations * prologue.minInstructionLength; };
 
   // Every opcode consumes at least one byte, so the loop ends.
+  std::size_t opcodeOffset = program.offset();
+  auto cutShort = [&] {
+    noteDamage(damage, "__debug_line", opcodeOffset, "the rest of a line program, cut short inside an opcode");
+  };
   while (program.remaining() > 0) {
+    opcodeOffset = program.offset();
     std::uint8_t opcode = program.u8();
     if (opcode == 0) {
       std::uint64_t size = program.uleb();
-      if (!program.ok() || size > program.remaining()) break;
+      if (!program.ok() || size > program.remaining()) {
+        cutShort();
+        break;
+      }
       std::size_t end = program.offset() + static_cast<std::size_t>(size);
       if (size > 0) {
         std::uint8_t subOpcode = program.u8();
@@ -258,9 +280,15 @@ std::optional<std::uint64_t> readLineTable(const DwarfSections& sections, const 
       }
       emitRow();
     }
-    if (!program.ok()) break;
+    if (!program.ok()) {
+      cutShort();
+      break;
+    }
   }
   // An unterminated sequence is incomplete and dropped.
+  if (out.rows.size() > sequenceStart)
+    noteDamage(damage, "__debug_line", offset,
+               fmt::format("{} rows of a line table's last sequence, which has no end", out.rows.size() - sequenceStart));
   out.rows.resize(sequenceStart);
   return tableEnd;
 }

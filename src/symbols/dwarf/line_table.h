@@ -44,8 +44,9 @@ void appendPathComponent(std::string& path, std::string_view component);
 // Reads the line program at offset for unit; the full paths are kept in
 // strings. Returns the offset just past the table, or nothing when its
 // header is damaged; sequences completed before damage in the program are
-// kept.
+// kept, and damage notes what was skipped.
 std::optional<std::uint64_t> readLineTable(const DwarfSections& sections, const UnitInfo& unit,
-                                           std::uint64_t offset, LineTables& out, std::deque<std::string>& strings);
+                                           std::uint64_t offset, LineTables& out, std::deque<std::string>& strings,
+                                           DamageList* damage = nullptr);
 
 }  // namespace symlift::symbols::dwarf

@@ -1,5 +1,7 @@
 #include "symbols/dwarf/symbol_table.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 
 namespace symlift::symbols::dwarf {
@@ -11,21 +13,33 @@ constexpr std::uint8_t kTypeSection = 0x0e;
 constexpr std::uint8_t kTypeExternal = 0x01;
 }  // namespace
 
-std::vector<TableSymbol> readTextSymbols(const MachOImage& image) {
+std::vector<TableSymbol> readTextSymbols(const macho::MachOImage& image, DamageList* damage) {
   std::vector<TableSymbol> symbols;
   if (image.bigEndian || !image.hasSymbolTable || !image.textSection) return symbols;
   std::size_t textIndex = 0;
   while (textIndex < image.sections.size() &&
          !(image.sections[textIndex].segmentName == "__TEXT" && image.sections[textIndex].sectionName == "__text"))
     ++textIndex;
-  const MachOSection& text = *image.textSection;
+  const macho::MachOSection& text = *image.textSection;
 
   const Bytes slice = image.bytes;
-  if (image.stringOffset > slice.size()) return symbols;
+  if (image.stringOffset > slice.size()) {
+    noteDamage(damage, "symbol table", image.stringOffset, "the symbol table (its strings lie past the end of the slice)");
+    return symbols;
+  }
+  if (image.stringSize > slice.size() - image.stringOffset)
+    noteDamage(damage, "symbol table", image.stringOffset, "the end of the string table, past the end of the slice");
   Bytes strings = slice.subspan(image.stringOffset, std::min<std::size_t>(image.stringSize, slice.size() - image.stringOffset));
   const std::size_t entrySize = image.is64Bit ? 16 : 12;
-  if (image.symbolOffset > slice.size()) return symbols;
+  if (image.symbolOffset > slice.size()) {
+    noteDamage(damage, "symbol table", image.symbolOffset, "the symbol table (it starts past the end of the slice)");
+    return symbols;
+  }
   std::size_t count = std::min<std::size_t>(image.symbolCount, (slice.size() - image.symbolOffset) / entrySize);
+  if (count < image.symbolCount)
+    noteDamage(damage, "symbol table", image.symbolOffset,
+               fmt::format("{} of {} symbols, which lie past the end of the slice", image.symbolCount - count,
+                           image.symbolCount));
 
   ByteReader reader(slice, image.symbolOffset);
   for (std::size_t i = 0; i < count; ++i) {

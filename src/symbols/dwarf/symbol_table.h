@@ -6,7 +6,9 @@
 #include <string_view>
 #include <vector>
 
-#include "symbols/dwarf/macho_image.h"
+#include "macho/macho_file.h"
+#include "symbols/dwarf/byte_reader.h"
+#include "symbols/dwarf/damage.h"
 
 namespace symlift::symbols::dwarf {
 
@@ -17,7 +19,7 @@ struct TableSymbol {
 };
 
 // Sorted by address; of several names at one address the last in table
-// order is kept.
-std::vector<TableSymbol> readTextSymbols(const MachOImage& image);
+// order is kept. damage notes a table that does not lie inside the image.
+std::vector<TableSymbol> readTextSymbols(const macho::MachOImage& image, DamageList* damage = nullptr);
 
 }  // namespace symlift::symbols::dwarf

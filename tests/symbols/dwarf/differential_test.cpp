@@ -20,8 +20,7 @@
 #include "symbols/dwarf/debug_info.h"
 #include "symbols/dwarf/dwarf_provider.h"
 #include "symbols/dwarf/line_table.h"
-#include "symbols/dwarf/macho_image.h"
-#include "symbols/dwarf/mapped_file.h"
+#include "symbols/symbol_file_cache.h"
 
 namespace symlift::symbols::dwarf {
 namespace {
@@ -115,7 +114,7 @@ std::string symbolizerArch(const SymbolicationArchitecture& architecture) {
 
 // Why our answer differs from the symbolizer's, as one of the documented
 // classes (listed in the README), or "unexplained".
-std::string differenceClass(const Answer& ours, const Answer& theirs, std::uint64_t address, const MachOImage& image) {
+std::string differenceClass(const Answer& ours, const Answer& theirs, std::uint64_t address, const macho::MachOImage& image) {
   const bool sameFunction = ours.function == theirs.function;
   const bool sameLocation = ours.file == theirs.file && ours.line == theirs.line;
   if (sameFunction && sameLocation) return {};
@@ -136,7 +135,7 @@ struct Totals {
 };
 
 // The address of every line-table row in the text section.
-std::vector<std::uint64_t> rowAddresses(const MachOImage& image) {
+std::vector<std::uint64_t> rowAddresses(const macho::MachOImage& image) {
   std::vector<std::uint64_t> addresses;
   DwarfSections sections = DwarfSections::of(image);
   if (sections.info.empty()) return addresses;
@@ -147,7 +146,7 @@ std::vector<std::uint64_t> rowAddresses(const MachOImage& image) {
   for (const UnitInfo& unit : debugInfo.units())
     if (unit.stmtList && read.insert(*unit.stmtList).second)
       readLineTable(sections, unit, *unit.stmtList, tables, strings);
-  const MachOSection& text = *image.textSection;
+  const macho::MachOSection& text = *image.textSection;
   for (const LineRow& row : tables.rows)
     if (row.address >= text.address && row.address - text.address < text.size) addresses.push_back(row.address);
   return addresses;
@@ -175,12 +174,13 @@ fs::path symbolizedCopy(const fs::path& file, const TempDir& temp) {
 }
 
 void compareFile(const fs::path& file, Totals& totals, const TempDir& temp) {
-  auto mapped = MappedFile::open(file.string());
+  SymbolFileCache cache;
+  auto mapped = cache.machOFile(file.string());
   if (!mapped) return;
-  std::vector<MachOImage> images = readMachOImages(mapped->bytes());
   std::size_t sliceIndex = 0;
-  makeDwarfSymbolicationProvider()->forEachSymbolicatorWithPath(file.string(), [&](const Symbolicator& symbolicator) {
-    const MachOImage& image = images.at(sliceIndex++);
+  makeDwarfSymbolicationProvider()->forEachSymbolicatorWithPath(file.string(), cache, [&](const auto& slice) {
+    const Symbolicator& symbolicator = *slice;
+    const macho::MachOImage& image = mapped->images().at(sliceIndex++);
     if (!image.textSection || image.textSection->size == 0) return;
     std::string arch = symbolizerArch(symbolicator.architecture());
     std::vector<Symbol> symbols;

@@ -1,17 +1,23 @@
-// The provider on whole files: slices of fat and thin files in order, their
-// architectures, owners' kinds, UUIDs and base addresses, and files that
-// are not (complete) Mach-O files.
+// The provider on whole files: the slices of fat and thin files in order,
+// their architectures, owners' kinds, UUIDs and base addresses; files that
+// are not (whole) Mach-O files; and the damage it reports, and how.
 
 #include "symbols/dwarf/dwarf_provider.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <mutex>
 #include <string>
 #include <vector>
 
+#include "dispatch/thread_pool.h"
 #include "dwarf_builder.h"
+#include "support/captured_output.h"
+#include "support/diagnostics.h"
 #include "support/test_support.h"
+#include "symbols/symbol_file_cache.h"
 
 namespace symlift::symbols::dwarf {
 namespace {
@@ -19,38 +25,45 @@ namespace {
 using namespace testing;
 using symlift::testing::TempDir;
 
-struct SliceReport {
-  std::string architecture;
-  std::uint64_t base = 0;
-  std::string kind;
-  std::string uuid;
-  std::vector<std::string> symbols;  // "name@address+length:records"
+struct RecordingSink final : support::DiagnosticsSink {
+  std::mutex mutex;
+  std::vector<std::string> lines;
+  void report(const support::Diagnostic& d) override {
+    std::lock_guard<std::mutex> guard(mutex);
+    lines.push_back(support::ConsoleDiagnosticsSink::lineFor(d));
+  }
 };
 
-std::vector<SliceReport> report(const std::string& path) {
-  std::vector<SliceReport> slices;
-  makeDwarfSymbolicationProvider()->forEachSymbolicatorWithPath(path, [&](const Symbolicator& symbolicator) {
-    int owners = 0;
-    symbolicator.forEachSymbolOwner([&](const SymbolOwner& owner) {
-      ++owners;
-      SliceReport slice;
-      slice.architecture = symbolicator.architecture().familyName();
-      slice.base = owner.baseAddress();
-      slice.kind = owner.isDsym() ? "dsym" : owner.isDylib() ? "dylib" : owner.isObject() ? "object" : "none";
+// Per slice: "arch kind uuid[0].uuid[15] @base: name@address+length:records ..."
+// A cache of its own: the tests rewrite files in place.
+std::vector<std::string> report(const std::string& path, support::DiagnosticsSink& sink) {
+  dispatch::ThreadPool pool;
+  SymbolFileCache files(pool, sink);
+  std::vector<std::string> slices;
+  makeDwarfSymbolicationProvider()->forEachSymbolicatorWithPath(path, files, [&](const auto& symbolicator) {
+    symbolicator->forEachSymbolOwner([&](const SymbolOwner& owner) {
       EXPECT_FALSE(owner.isDyldSharedCache());
-      if (auto uuid = owner.uuidBytes()) slice.uuid = std::to_string((*uuid)[0]) + "." + std::to_string((*uuid)[15]);
+      auto uuid = owner.uuidBytes();
+      std::string text = symbolicator->architecture().familyName() + " " +
+                         (owner.isDsym() ? "dsym" : owner.isDylib() ? "dylib" : owner.isObject() ? "object" : "none") +
+                         " " + (uuid ? std::to_string((*uuid)[0]) + "." + std::to_string((*uuid)[15]) : "-") + " @" +
+                         std::to_string(owner.baseAddress()) + ":";
       owner.forEachTextSymbol([&](const SymbolInfo& symbol) {
-        char text[256];
-        std::snprintf(text, sizeof text, "%s@%llx+%llx:%zu", symbol.name ? std::string(*symbol.name).c_str() : "-",
+        char item[256];
+        std::snprintf(item, sizeof item, " %s@%llx+%llx:%zu", symbol.name ? std::string(*symbol.name).c_str() : "-",
                       static_cast<unsigned long long>(symbol.address), static_cast<unsigned long long>(symbol.length),
                       symbol.sourceInfos.size());
-        slice.symbols.push_back(text);
+        text += item;
       });
-      slices.push_back(slice);
+      slices.push_back(text);
     });
-    EXPECT_EQ(owners, 1);
   });
   return slices;
+}
+
+std::vector<std::string> report(const std::string& path) {
+  RecordingSink sink;
+  return report(path, sink);
 }
 
 std::string write(const TempDir& dir, const std::string& name, const std::vector<std::uint8_t>& bytes) {
@@ -69,8 +82,7 @@ std::vector<std::uint8_t> armv7Object() {
   AbbreviationWriter abbrev;
   auto cu = abbrev.add(dw::TAG_compile_unit, true, {});
   auto function = abbrev.add(dw::TAG_subprogram, false,
-                             {{dw::AT_name, dw::FORM_string}, {dw::AT_low_pc, dw::FORM_addr},
-                              {dw::AT_high_pc, dw::FORM_addr}});
+                             {{dw::AT_name, dw::FORM_string}, {dw::AT_low_pc, dw::FORM_addr}, {dw::AT_high_pc, dw::FORM_addr}});
   Writer info;
   UnitWriter unit(info, 2, 4, 4);
   info.uleb(cu).uleb(function).str("thumb_function").u32(0x40).u32(0x58).u8(0);
@@ -111,76 +123,95 @@ TEST(DwarfProviderTest, ReportsEverySliceOfAFatFileInOrder) {
                                                  {0x01000007, 3, buildMachO(dylib)},
                                                  {12, 9, armv7Object()},
                                                  {0x0100000c, 2, buildMachO(executable)}}));
-  auto slices = report(path);
-  ASSERT_EQ(slices.size(), 4u);
-  EXPECT_EQ(slices[0].architecture, "arm64");
-  EXPECT_EQ(slices[0].kind, "dsym");
-  EXPECT_EQ(slices[0].uuid, "3.4");
-  EXPECT_EQ(slices[0].base, 0x100000000u);
-  EXPECT_EQ(slices[0].symbols, std::vector<std::string>{"main@100001000+1000:0"});
-  EXPECT_EQ(slices[1].architecture, "x86_64");
-  EXPECT_EQ(slices[1].kind, "dylib");
-  EXPECT_EQ(slices[1].base, 0u);
-  EXPECT_EQ(slices[1].symbols, std::vector<std::string>{"entry@2010+ff0:0"});
-  EXPECT_EQ(slices[2].architecture, "armv7");
-  EXPECT_EQ(slices[2].kind, "object");
-  EXPECT_EQ(slices[2].uuid, "");
-  EXPECT_EQ(slices[2].symbols, (std::vector<std::string>{"thumb_function@40+18:0", "tail@70+10:0"}));
-  EXPECT_EQ(slices[3].architecture, "arm64e");
-  EXPECT_EQ(slices[3].kind, "none");
-  EXPECT_TRUE(slices[3].symbols.empty());
+  EXPECT_EQ(report(path), (std::vector<std::string>{"arm64 dsym 3.4 @4294967296: main@100001000+1000:0",
+                                                    "x86_64 dylib 5.6 @0: entry@2010+ff0:0",
+                                                    "armv7 object - @0: thumb_function@40+18:0 tail@70+10:0",
+                                                    "arm64e none - @4294967296:"}));
 }
 
-TEST(DwarfProviderTest, FilesThatAreNotWholeMachOImages) {
+TEST(DwarfProviderTest, FilesThatAreNotWholeLittleEndianMachOImages) {
   TempDir dir;
   MachOLayout layout;
   layout.symbols = {{"_main", 0x0f, 1, 0x100001000}};
   auto thin = buildMachO(layout);
-
-  // A thin file is one slice.
-  EXPECT_EQ(report(write(dir, "thin", thin)).size(), 1u);
-  // Missing, empty, text, a bare magic number: no slices.
-  EXPECT_TRUE(report((dir.path() / "missing").string()).empty());
-  EXPECT_TRUE(report(dir.str()).empty());
-  EXPECT_TRUE(report(write(dir, "empty", {})).empty());
-  EXPECT_TRUE(report(write(dir, "text", {'h', 'e', 'l', 'l', 'o', '\n', 0, 0, 0, 0, 0, 0})).empty());
-  EXPECT_TRUE(report(write(dir, "magic", {0xcf, 0xfa, 0xed, 0xfe})).empty());
-  // Every truncation of a thin and of a fat file is read without a fault.
+  auto swapped = thin;  // the header's words big-endian: an architecture, no symbols
+  for (std::size_t word = 0; word < 8; ++word)
+    std::reverse(swapped.begin() + static_cast<std::ptrdiff_t>(word * 4),
+                 swapped.begin() + static_cast<std::ptrdiff_t>(word * 4 + 4));
   auto fat = buildFat({{0x0100000c, 0, thin}, {12, 9, armv7Object()}});
+  auto broken = fat;
+  broken[8 + 20 + 8] = 0x7f;  // the second slice's offset, past the end of the file
+  const struct {
+    std::string path;
+    std::size_t slices;
+  } cases[] = {{write(dir, "thin", thin), 1},
+               {(dir.path() / "missing").string(), 0},
+               {dir.str(), 0},
+               {write(dir, "empty", {}), 0},
+               {write(dir, "text", {'h', 'e', 'l', 'l', 'o', '\n', 0, 0, 0, 0, 0, 0}), 0},
+               {write(dir, "magic", {0xcf, 0xfa, 0xed, 0xfe}), 0},
+               {write(dir, "broken", broken), 1}};
+  for (const auto& c : cases) EXPECT_EQ(report(c.path).size(), c.slices) << c.path;
+  EXPECT_EQ(report(write(dir, "swapped", swapped)), std::vector<std::string>{"arm64 dsym - @0:"});
+  // Every truncation of a thin and of a fat file is read without a fault.
   for (const auto* bytes : {&thin, &fat}) {
     for (std::size_t size = 0; size < bytes->size(); size += 3) {
       std::vector<std::uint8_t> cut(bytes->begin(), bytes->begin() + static_cast<std::ptrdiff_t>(size));
-      for (const SliceReport& slice : report(write(dir, "cut", cut)))
-        for (const std::string& symbol : slice.symbols) EXPECT_EQ(symbol.rfind("main@", 0), 0u) << symbol;
+      for (const std::string& slice : report(write(dir, "cut", cut)))
+        EXPECT_TRUE(slice.ends_with(":") || slice.find(" main@") != std::string::npos) << slice;
     }
   }
-  // A fat header whose slice lies outside the file gives no slice for it.
-  auto broken = fat;
-  broken[8 + 20 + 8] = 0x7f;  // second slice's offset, most significant byte
-  EXPECT_EQ(report(write(dir, "broken", broken)).size(), 1u);
 }
 
-TEST(DwarfProviderTest, ByteSwappedImagesHaveAnArchitectureButNoSymbols) {
+TEST(DwarfProviderTest, DamageIsReportedWithFileSliceSectionAndOffset) {
+  AbbreviationWriter abbrev;
+  auto cu = abbrev.add(dw::TAG_compile_unit, true, {{dw::AT_stmt_list, dw::FORM_sec_offset}});
+  auto good = abbrev.add(dw::TAG_subprogram, false,
+                         {{dw::AT_name, dw::FORM_string}, {dw::AT_low_pc, dw::FORM_addr}, {dw::AT_high_pc, dw::FORM_data1}});
+  auto odd = abbrev.add(dw::TAG_subprogram, false, {{dw::AT_name, 0x7f}});
+  Writer info;
+  UnitWriter unit(info, 4, 4, 8);
+  info.uleb(cu).u32(0).uleb(good).str("kept").u64(0x100001000).u8(8);
+  const std::uint64_t oddDie = info.size();
+  info.uleb(odd).str("unknowable").u8(0);
+  unit.finish();
+  LineProgram lines(4);
+  lines.files = {{"a.c", 0}};
+  lines.setAddress(0x100001000).copy().advancePc(8).endSequence().op(2);  // advance_pc without its operand
+  const std::vector<std::uint8_t> program = lines.bytes();
   MachOLayout layout;
-  layout.symbols = {{"_main", 0x0f, 1, 0x100001000}};
-  auto bytes = buildMachO(layout);
-  // Swap the header's words to big-endian.
-  for (std::size_t word = 0; word < 8; ++word)
-    std::reverse(bytes.begin() + static_cast<std::ptrdiff_t>(word * 4),
-                 bytes.begin() + static_cast<std::ptrdiff_t>(word * 4 + 4));
+  layout.dwarf = {{"__debug_abbrev", abbrev.bytes()}, {"__debug_info", info.bytes}, {"__debug_line", program}};
   TempDir dir;
-  auto slices = report(write(dir, "swapped", bytes));
-  ASSERT_EQ(slices.size(), 1u);
-  EXPECT_EQ(slices[0].architecture, "arm64");
-  EXPECT_TRUE(slices[0].symbols.empty());
+  const std::string path = write(dir, "damaged", buildMachO(layout));
+  const std::string edge = (symlift::testing::fixturesDir() / "edge/command-past-end").string();
+
+  RecordingSink sink;
+  EXPECT_EQ(report(path, sink), std::vector<std::string>{"arm64 dsym - @4294967296: kept@100001000+8:1"});
+  report(edge, sink);
+  EXPECT_EQ(sink.lines,
+            (std::vector<std::string>{
+                fmt::format("Skipped the rest of a unit, from a DIE with an unknown form (0x7f) in arm64 __debug_info "
+                            "at offset {:#x} of {}", oddDie, path),
+                fmt::format("Skipped the rest of a line program, cut short inside an opcode in arm64 __debug_line at "
+                            "offset {:#x} of {}", program.size() - 1, path),
+                "Skipped a load command (type 0x1b, size 4096) running past the end of the file in load commands at "
+                "offset 0x38 of " + edge}))
+      << ::testing::PrintToString(sink.lines);
 }
 
-TEST(DwarfProviderTest, FamilyNamesComeFromThePublishedTable) {
-  EXPECT_EQ((SymbolicationArchitecture{0x01000007, 3}).familyName(), "x86_64");
-  EXPECT_EQ((SymbolicationArchitecture{7, 3}).familyName(), "i386");
-  EXPECT_EQ((SymbolicationArchitecture{12, 11}).familyName(), "armv7s");
-  EXPECT_EQ((SymbolicationArchitecture{12, 12}).familyName(), "armv7k");
-  EXPECT_EQ((SymbolicationArchitecture{0x4242, 0}).familyName(), "unknown");
+TEST(DwarfProviderTest, ConsoleSinkPrintsDebugLinesUpToACapPerFile) {
+  support::Diagnostic a{"/a", "arm64 __debug_info", 0x2a, "a DIE"};
+  support::Diagnostic b{"/b", "fat header", 8, "an entry"};
+  const std::string printed = symlift::testing::consoleOutput(console::kLogLevelDebug, [&] {
+    support::ConsoleDiagnosticsSink sink(2);
+    for (int i = 0; i < 5; ++i) sink.report(a);
+    sink.report(b);
+  });
+  const std::string line = "Skipped a DIE in arm64 __debug_info at offset 0x2a of /a\n";
+  EXPECT_EQ(printed, line + line + "Skipped an entry in fat header at offset 0x8 of /b\n" +
+                         "Skipped 3 more damaged places in /a\n");
+  EXPECT_EQ(symlift::testing::consoleOutput(console::kLogLevelInfo, [&] { support::ConsoleDiagnosticsSink(2).report(a); }),
+            "");
 }
 
 }  // namespace

@@ -4,9 +4,9 @@
 
 #include "symbols/dwarf/image_symbols.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
 
 #include "dwarf_builder.h"
@@ -20,30 +20,21 @@ constexpr std::uint64_t kText = 0x100001000;
 
 std::string render(const ImageSymbols& symbols) {
   std::string text;
-  char line[512];
   for (const ImageSymbol& symbol : symbols.symbols) {
-    std::snprintf(line, sizeof line, "%llx+%llx %.*s | %.*s\n", static_cast<unsigned long long>(symbol.address - kText),
-                  static_cast<unsigned long long>(symbol.length),
-                  static_cast<int>(symbol.mangledName ? symbol.mangledName->size() : 1),
-                  symbol.mangledName ? symbol.mangledName->data() : "-",
-                  static_cast<int>(symbol.name ? symbol.name->size() : 1), symbol.name ? symbol.name->data() : "-");
-    text += line;
+    text += fmt::format("{:x}+{:x} {} | {}\n", symbol.address - kText, symbol.length, symbol.mangledName.value_or("-"),
+                        symbol.name.value_or("-"));
     for (std::size_t i = 0; i < symbol.sourceCount; ++i) {
       const SourceInfo source = symbols.source(symbol.firstSource + i);
-      std::snprintf(line, sizeof line, "  %llx+%llx %.*s:%llu\n", static_cast<unsigned long long>(source.address - kText),
-                    static_cast<unsigned long long>(source.length), static_cast<int>(source.path.size()),
-                    source.path.data(), static_cast<unsigned long long>(source.line));
-      text += line;
+      text += fmt::format("  {:x}+{:x} {}:{}\n", source.address - kText, source.length, source.path, source.line);
     }
   }
   return text;
 }
 
-// Reads the symbols of a thin image; the bytes must outlive the result.
+// Reads the symbols of a thin image.
 ImageSymbols symbolsOf(const std::vector<std::uint8_t>& bytes) {
-  auto image = readMachOImage(Bytes(bytes));
-  if (!image) return {};
-  return readImageSymbols(*image);
+  auto images = macho::readMachOLayout(macho::Bytes(bytes)).images;
+  return images.empty() ? ImageSymbols{} : readImageSymbols(images.front());
 }
 
 struct Sections {
@@ -323,7 +314,8 @@ TEST(ImageSymbolsTest, NamesFollowAbstractOriginsAndSurviveReferenceCycles) {
             "18+8 - | -\n");
 }
 
-TEST(ImageSymbolsTest, SymbolTableGivesNamesAndExtentsWithoutDwarf) {
+TEST(ImageSymbolsTest, SymbolTableGivesNamesAndExtentsAndWinsOverDwarfNames) {
+  // Without DWARF: code entries of __text only, each up to the next.
   MachOLayout layout;
   layout.symbols = {
       {"_c_function", 0x0f, 1, kText},
@@ -338,17 +330,15 @@ TEST(ImageSymbolsTest, SymbolTableGivesNamesAndExtentsWithoutDwarf) {
       {"_other_section", 0x0e, 2, kText + 0x70},  // not __text
       {"_past_the_end", 0x0e, 1, kText + 0x1000},
   };
-  auto bytes = buildMachO(layout);
-  EXPECT_EQ(render(symbolsOf(bytes)),
+  EXPECT_EQ(render(symbolsOf(buildMachO(layout))),
             "0+10 _c_function | c_function\n"
             "10+10 __ZN2ns5thingEv | ns::thing()\n"
             "20+10 -[Widget spin:] | -[Widget spin:]\n"
             "30+10 _alias_last | alias_last\n"
             "40+10 _$s4main3fooyyF | $s4main3fooyyF\n"
             "50+fb0 __Znot_mangled | _Znot_mangled\n");
-}
 
-TEST(ImageSymbolsTest, SymbolTableNamesWinOverDwarfWhileDwarfGivesTheExtent) {
+  // With DWARF: the table's name, the subprogram's extent.
   Sections s;
   auto cu = s.abbrev.add(dw::TAG_compile_unit, true, {});
   auto function = s.abbrev.add(dw::TAG_subprogram, false,
@@ -357,8 +347,7 @@ TEST(ImageSymbolsTest, SymbolTableNamesWinOverDwarfWhileDwarfGivesTheExtent) {
   UnitWriter unit(s.info, 4, 4, 8);
   unit.info().uleb(cu).uleb(function).str("dwarf_name").u64(kText).u16(0x0c).u8(0);
   unit.finish();
-  auto bytes = buildMachO(s.layout({{"_table_name", 0x0f, 1, kText}, {"_next", 0x0f, 1, kText + 0x20}}));
-  EXPECT_EQ(render(symbolsOf(bytes)),
+  EXPECT_EQ(render(symbolsOf(buildMachO(s.layout({{"_table_name", 0x0f, 1, kText}, {"_next", 0x0f, 1, kText + 0x20}})))),
             "0+c _table_name | table_name\n"
             "20+fe0 _next | next\n");
 }
@@ -409,10 +398,10 @@ TEST(ImageSymbolsTest, DamagedDwarfGivesFewerRecordsNeverACrash) {
   }
   // Byte changes stay inside the DWARF sections, so that the text
   // section's bounds hold.
-  auto image = readMachOImage(Bytes(good));
-  ASSERT_TRUE(image);
-  const std::size_t dwarfStart = image->sections.at(1).fileOffset;
-  const std::size_t dwarfEnd = image->symbolOffset;
+  const auto images = macho::readMachOLayout(macho::Bytes(good)).images;
+  ASSERT_EQ(images.size(), 1u);
+  const std::size_t dwarfStart = images[0].sections.at(1).fileOffset;
+  const std::size_t dwarfEnd = images[0].symbolOffset;
   std::size_t changed = 0;
   for (std::size_t at = dwarfStart; at < dwarfEnd; ++at) {
     for (std::uint8_t value : {0x00, 0x7f, 0xff}) {
