@@ -17,13 +17,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The driver opens each DWARF file once only when it hands one
-// symbols::SymbolFileCache to path expansion (SUPDSYMFile::initWithDWARFURL),
-// the generate step (CSYMGenerator::generateCSYMsFromDSYMAtPath) and the
-// validator (DSYMValidator::validateDSYMs). Until then each of the three
-// opens the file itself, and the count below is 3.
-constexpr bool kDriverSharesOneSymbolFileCache = false;
-
 TEST(DWARFOpenCount, EachDWARFFileIsOpenedOnceInARunThatConvertsAndValidates) {
   TempDir work, tmp;
   const fs::path folder = work.path() / "Build";
@@ -51,10 +44,6 @@ TEST(DWARFOpenCount, EachDWARFFileIsOpenedOnceInARunThatConvertsAndValidates) {
   for (std::string line; std::getline(lines, line);) ++opens[fs::path(line).filename().string()];
   // The counter sees every DWARF file, so a count of one means one open.
   ASSERT_EQ(opens.size(), 2u) << ::testing::PrintToString(opens);
-  if (!kDriverSharesOneSymbolFileCache)
-    GTEST_SKIP() << "waiting for the driver to share one SymbolFileCache across path expansion, the generate step and "
-                    "the validator; DWARF files opened now: "
-                 << ::testing::PrintToString(opens);
   EXPECT_EQ(opens, (std::map<std::string, int>{{"FatApp", 1}, {"Hello", 1}}));
 }
 
