@@ -1,0 +1,90 @@
+#pragma once
+// Reads the current mangling ($s, $S, _T0, $e) into nodes. The mangling is
+// postfix: each operator takes its operands from a stack of what was read
+// before it, so the reader is a loop over operators and a stack.
+
+#include <string_view>
+#include <vector>
+
+#include "demangle/swift/cursor.h"
+#include "demangle/swift/node.h"
+#include "demangle/swift/phrases.h"
+
+namespace symlift::demangle::swift {
+
+class ModernParser {
+ public:
+  // body: the name after its prefix. The arena must outlive the result.
+  ModernParser(NodeArena& arena, std::string_view body);
+  // A Global node, or kNoNode when the name cannot be read completely.
+  NodeId parse();
+
+ private:
+  friend struct ModernOperators;
+
+  // Stack.
+  void push(NodeId id) { stack_.push_back(id); }
+  NodeId pop();
+  NodeId peekNode(std::size_t depth = 0) const;
+  bool topIs(NodeKind kind) const;
+  NodeId popType();
+  NodeId popContext();
+  NodeId popDeclName();
+  NodeId popProtocol();
+  NodeId popIfKind(NodeKind kind);
+  NodeId popModule();
+  void addSubstitution(NodeId id);
+
+  // Operators.
+  bool parseOperator();
+  bool parseIdentifier();
+  bool parseSubstitution();
+  bool parseKnownType();
+  bool parseBuiltin();
+  bool parseNominal(NodeKind kind);
+  bool parseExtension();
+  bool parseFunctionEntity();
+  bool parseVariable();
+  bool parseSubscript();
+  bool parseAccessor(NodeId storage);
+  bool parseF();
+  bool parseLocalName();
+  bool parseBoundGeneric();
+  NodeId bindGenericArgs(NodeId nominal, std::vector<NodeId>& lists, std::size_t& next);
+  bool parseFunctionSignature(unsigned convention);
+  bool parseTuple();
+  bool parseProtocolList(NodeKind kind);
+  bool parseGenericSignature(bool withCounts);
+  bool parseGenericParamIndex(std::uint64_t& packed);
+  bool parseRequirement();
+  bool parseAssociatedType();
+  bool parseQ();
+  bool parseX();
+  bool parseY();
+  bool parseM();
+  bool parseW();
+  bool parseH();
+  bool parseT();
+  bool parseSpecialization(char kind);
+  bool parseFunctionSignatureSpecialization();
+  bool parseImplFunctionType();
+  bool parseOutlined(Phrase phrase);
+  bool parseAutoDiff(char kind);
+  bool parseConformance(NodeId& out);
+  bool wrapTop(NodeKind kind);
+  bool prefixTop(Phrase phrase);
+  bool prefixType(Phrase phrase);
+  bool parseMacroExpansion();
+
+  static constexpr unsigned kMaxSteps = 20000;
+
+  NodeArena& arena_;
+  Cursor in_;
+  std::vector<NodeId> stack_;
+  std::vector<NodeId> substitutions_;
+  std::vector<std::string_view> words_;
+  std::vector<NodeId> scratch_;
+  unsigned steps_ = 0;
+};
+
+}  // namespace symlift::demangle::swift

@@ -1,0 +1,66 @@
+#include "demangle/swift/swift_demangler.h"
+
+#include "demangle/swift/modern_parser.h"
+#include "demangle/swift/old_parser.h"
+#include "demangle/swift/printer.h"
+
+namespace symlift::demangle::swift {
+
+namespace {
+
+// Longer names are not symbols a compiler made; refusing them bounds the
+// work for one name.
+constexpr std::size_t kMaxNameLength = 8192;
+
+enum class Generation { None, Modern, Old, AsyncMain };
+
+// The body after the prefix, and which mangling it is in.
+Generation classify(std::string_view& name) {
+  // One extra underscore is how Mach-O symbol tables spell C-level names.
+  auto strip = [&](std::string_view prefix) {
+    if (name.substr(0, prefix.size()) == prefix) {
+      name.remove_prefix(prefix.size());
+      return true;
+    }
+    return false;
+  };
+  for (std::string_view prefix : {"_$s", "$s", "_$S", "$S", "_$e", "$e", "__T0", "_T0", "@__swiftmacro_"}) {
+    if (strip(prefix)) return Generation::Modern;
+  }
+  if (name.substr(0, 10) == "async_Main" || name.substr(0, 11) == "_async_Main") return Generation::AsyncMain;
+  if (strip("__T") || strip("_T")) return Generation::Old;
+  return Generation::None;
+}
+
+}  // namespace
+
+bool isSwiftMangledName(std::string_view name) {
+  std::string_view body = name;
+  return classify(body) != Generation::None;
+}
+
+std::optional<std::string> demangle(std::string_view mangled, Form form) {
+  if (mangled.size() > kMaxNameLength) return std::nullopt;
+  std::string_view body = mangled;
+  Generation generation = classify(body);
+  if (generation == Generation::None || generation == Generation::AsyncMain || body.empty()) return std::nullopt;
+  // One arena per thread, reused: after the first few names reading one
+  // allocates nothing but the result.
+  thread_local NodeArena arena;
+  arena.clear();
+  NodeId global = kNoNode;
+  if (generation == Generation::Modern) {
+    ModernParser parser(arena, body);
+    global = parser.parse();
+  } else {
+    OldParser parser(arena, body);
+    global = parser.parse();
+  }
+  if (global == kNoNode) return std::nullopt;
+  std::string text;
+  Printer printer(arena, form, text);
+  if (!printer.printGlobal(global) || text.empty()) return std::nullopt;
+  return text;
+}
+
+}  // namespace symlift::demangle::swift
