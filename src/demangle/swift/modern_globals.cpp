@@ -13,7 +13,7 @@ bool ModernParser::parseConformance(NodeId& out) {
   if (top != kNoNode && (arena_.kind(top) == NodeKind::Module || arena_.kind(top) == NodeKind::Identifier)) {
     module = popModule();
   }
-  NodeId protocol = popType();
+  NodeId protocol = popProtocol();
   NodeId type = popType();
   if (protocol == kNoNode || type == kNoNode) return false;
   std::vector<NodeId> children{type, protocol};

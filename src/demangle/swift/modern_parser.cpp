@@ -55,8 +55,17 @@ NodeId ModernParser::popDeclName() {
 
 NodeId ModernParser::popProtocol() {
   if (topIs(NodeKind::Protocol)) return pop();
-  // A protocol given by a substitution of a protocol type.
-  return kNoNode;
+  // In requirements and conformances a protocol is just a context and a
+  // name, without the 'P' that makes it a type elsewhere.
+  NodeId name = peekNode(0), context = peekNode(1);
+  if (name == kNoNode || context == kNoNode || !isDeclName(arena_.kind(name))) return popType();
+  NodeKind ck = arena_.kind(context);
+  if (ck != NodeKind::Identifier && !isContext(ck)) return kNoNode;
+  pop();
+  NodeId ctx = popContext();
+  NodeId protocol = arena_.make(NodeKind::Protocol, {ctx, name});
+  addSubstitution(protocol);
+  return protocol;
 }
 
 void ModernParser::addSubstitution(NodeId id) {
@@ -77,6 +86,11 @@ NodeId ModernParser::parse() {
     if (!parseOperator()) return kNoNode;
   }
   if (stack_.size() != 1) return kNoNode;
+  // A lone name or list marker is not a symbol.
+  NodeKind kind = arena_.kind(stack_[0]);
+  if (kind == NodeKind::Identifier || kind == NodeKind::Module || kind == NodeKind::EmptyList ||
+      kind == NodeKind::FirstElementMarker || kind == NodeKind::GenericSignature || kind == NodeKind::FunctionAttr)
+    return kNoNode;
   return arena_.make(NodeKind::Global, {stack_[0]});
 }
 

@@ -111,7 +111,7 @@ bool ModernParser::parseT() {
       return prefixTop(c == 'l' ? Phrase::AssocTypeDescriptor : Phrase::DefaultAssocTypeAccessor);
     }
     case 'n': case 'N': case 'b': {
-      NodeId required = popType();
+      NodeId required = popProtocol();
       if (required == kNoNode) return false;
       std::vector<NodeId> children;
       if (c != 'b') {
@@ -132,7 +132,7 @@ bool ModernParser::parseT() {
           }
           subject = arena_.make(NodeKind::TypeList, names);
         }
-        NodeId protocol = popType();
+        NodeId protocol = popProtocol();
         if (protocol == kNoNode) return false;
         children = {protocol, subject, required};
       } else {

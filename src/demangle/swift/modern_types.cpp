@@ -234,7 +234,7 @@ bool ModernParser::parseRequirement() {
         push(arena_.makeIndex(NodeKind::RequirementInverse, inverse, {subject}));
         return true;
       }
-      NodeId other = popType();
+      NodeId other = (c == 'p' || c == 'P') ? popProtocol() : popType();
       if (other == kNoNode) return false;
       NodeKind kind = (c == 'p' || c == 'P')   ? NodeKind::RequirementConformance
                       : (c == 'c' || c == 'C') ? NodeKind::RequirementBaseClass
@@ -251,7 +251,7 @@ bool ModernParser::parseRequirement() {
         push(arena_.makeIndex(NodeKind::RequirementInverse, inverse, {subject}));
         return true;
       }
-      NodeId other = popType();
+      NodeId other = c == 'Q' ? popProtocol() : popType();
       if (other == kNoNode) return false;
       NodeKind kind = c == 'Q' ? NodeKind::RequirementConformance
                       : c == 'B' ? NodeKind::RequirementBaseClass
@@ -284,7 +284,7 @@ bool ModernParser::parseRequirement() {
     default: {
       in_.back();
       NodeId p = param();
-      NodeId protocol = popType();
+      NodeId protocol = popProtocol();
       if (p == kNoNode || protocol == kNoNode) return false;
       push(arena_.make(NodeKind::RequirementConformance, {p, protocol}));
       return true;
