@@ -27,19 +27,20 @@ std::size_t parameterCount(const NodeArena& arena, NodeId type) {
 // '_' per parameter, or a single 'y' for "no labels at all". Names from
 // before labels were mangled this way carry none; they are recognised by
 // the stack not holding a name and a context below that many labels.
-static NodeId popLabels(NodeArena& arena, std::vector<NodeId>& stack, NodeId type) {
+static NodeId popLabels(NodeArena& arena, std::vector<NodeId>& stack, NodeId type, bool named = true) {
   if (!stack.empty() && arena.kind(stack.back()) == NodeKind::EmptyList) {
     stack.pop_back();
     return arena.make(NodeKind::LabelList);
   }
   std::size_t count = parameterCount(arena, type);
-  if (count == 0 || stack.size() < count + 2) return kNoNode;
+  std::size_t under = named ? 2 : 1;  // a name (if any) and a context below the labels
+  if (count == 0 || stack.size() < count + under) return kNoNode;
   for (std::size_t i = 0; i < count; ++i) {
     NodeKind kind = arena.kind(stack[stack.size() - 1 - i]);
     if (kind != NodeKind::Identifier && kind != NodeKind::FirstElementMarker) return kNoNode;
   }
-  if (!isDeclName(arena.kind(stack[stack.size() - 1 - count]))) return kNoNode;
-  NodeKind below = arena.kind(stack[stack.size() - 2 - count]);
+  if (named && !isDeclName(arena.kind(stack[stack.size() - 1 - count]))) return kNoNode;
+  NodeKind below = arena.kind(stack[stack.size() - under - count]);
   if (!isContext(below) && below != NodeKind::Identifier) return kNoNode;
   std::vector<NodeId> labels(stack.end() - static_cast<std::ptrdiff_t>(count), stack.end());
   stack.resize(stack.size() - count);
@@ -94,7 +95,7 @@ bool ModernParser::parseSubscript() {
   NodeId discriminator = popIfKind(NodeKind::PrivateDeclName);
   NodeId type = popType();
   if (type == kNoNode) return false;
-  NodeId labels = popLabels(arena_, stack_, type);
+  NodeId labels = popLabels(arena_, stack_, type, false);
   NodeId context = popContext();
   if (context == kNoNode) return false;
   std::vector<NodeId> children{context, type};
@@ -146,7 +147,7 @@ bool ModernParser::parseF() {
       NodeId discriminator = popIfKind(NodeKind::PrivateDeclName);
       NodeId type = popType();
       if (type == kNoNode) return false;
-      NodeId labels = popLabels(arena_, stack_, type);
+      NodeId labels = popLabels(arena_, stack_, type, false);
       NodeId context = popContext();
       if (context == kNoNode) return false;
       std::vector<NodeId> children{context, type};

@@ -41,12 +41,12 @@ bool ModernParser::parseM() {
     case 'U': return prefixType(Phrase::ObjCUpdate);
     case 's': return prefixType(Phrase::ObjCStub);
     case 't': return prefixType(Phrase::FullObjCStub);
-    case 'p': return prefixType(Phrase::ProtocolDescriptor);
+    case 'p': return prefixProtocol(Phrase::ProtocolDescriptor);
     case 'o': return prefixType(Phrase::BaseOffset);
     case 'F': return prefixType(Phrase::FieldDescriptor);
     case 'B': return prefixType(Phrase::BuiltinDescriptor);
     case 'C': return prefixType(Phrase::SuperclassDescriptor);
-    case 'S': return prefixType(Phrase::SelfConformanceDescriptor);
+    case 'S': return prefixProtocol(Phrase::SelfConformanceDescriptor);
     case 'D': return prefixType(Phrase::DemanglingCache);
     case 'V': return prefixTop(Phrase::PropertyDescriptor);
     case 'K': return prefixTop(Phrase::GlobalInstantiationCache);
@@ -115,7 +115,7 @@ bool ModernParser::parseW() {
     case 'G': return conformancePhrase(Phrase::GenericWitnessTable);
     case 'r': return conformancePhrase(Phrase::ResilientWitnessTable);
     case 'I': return conformancePhrase(Phrase::WitnessTableInstantiation);
-    case 'S': return prefixType(Phrase::SelfConformanceWitnessTable);
+    case 'S': return prefixProtocol(Phrase::SelfConformanceWitnessTable);
     case 'L': case 'l': {
       if (!parseConformance(conformance)) return false;
       NodeId type = popType();
@@ -200,7 +200,7 @@ bool ModernParser::parseH() {
   char c = in_.next();
   std::uint64_t index = 0;
   switch (c) {
-    case 'r': return prefixTop(Phrase::ProtocolRecord);
+    case 'r': return prefixProtocol(Phrase::ProtocolRecord);
     case 'n': return prefixType(Phrase::NominalRecord);
     case 'o': return prefixTop(Phrase::OpaqueRecord);
     case 'F': return prefixTop(Phrase::AccessibleFunctionRecord);

@@ -3,6 +3,10 @@
 #include "demangle/swift/known_types.h"
 #include "demangle/swift/punycode.h"
 
+#ifdef SYMLIFT_SWIFT_TRACE
+#include <cstdio>
+#endif
+
 namespace symlift::demangle::swift {
 
 namespace {
@@ -63,9 +67,8 @@ NodeId ModernParser::popProtocol() {
   if (ck != NodeKind::Identifier && !isContext(ck)) return kNoNode;
   pop();
   NodeId ctx = popContext();
-  NodeId protocol = arena_.make(NodeKind::Protocol, {ctx, name});
-  addSubstitution(protocol);
-  return protocol;
+  // Unlike a protocol made a type by 'P', this one is no substitution.
+  return arena_.make(NodeKind::Protocol, {ctx, name});
 }
 
 void ModernParser::addSubstitution(NodeId id) {
@@ -83,8 +86,17 @@ NodeId ModernParser::parse() {
       if (!stack_.empty()) return kNoNode;
       return arena_.make(NodeKind::Global, {global, suffix});
     }
-    if (!parseOperator()) return kNoNode;
+    if (!parseOperator()) {
+#ifdef SYMLIFT_SWIFT_TRACE
+      std::fprintf(stderr, "failed at %zu: %.*s|%.*s (stack %zu)\n", in_.position(), int(in_.position()),
+                   in_.text().data(), int(in_.rest().size()), in_.rest().data(), stack_.size());
+#endif
+      return kNoNode;
+    }
   }
+#ifdef SYMLIFT_SWIFT_TRACE
+  for (NodeId id : stack_) std::fprintf(stderr, "  left on stack: kind %d\n", int(arena_.kind(id)));
+#endif
   if (stack_.size() != 1) return kNoNode;
   // A lone name or list marker is not a symbol.
   NodeKind kind = arena_.kind(stack_[0]);
@@ -221,6 +233,13 @@ bool ModernParser::prefixTop(Phrase phrase) {
   if (subject == kNoNode) return false;
   push(arena_.makeIndex(NodeKind::Prefixed, static_cast<std::uint64_t>(phrase), {subject}));
   return true;
+}
+
+bool ModernParser::prefixProtocol(Phrase phrase) {
+  NodeId protocol = popProtocol();
+  if (protocol == kNoNode) return false;
+  push(protocol);
+  return prefixTop(phrase);
 }
 
 bool ModernParser::prefixType(Phrase phrase) {

@@ -74,6 +74,7 @@ class ModernParser {
   bool wrapTop(NodeKind kind);
   bool prefixTop(Phrase phrase);
   bool prefixType(Phrase phrase);
+  bool prefixProtocol(Phrase phrase);
   bool parseMacroExpansion();
 
   static constexpr unsigned kMaxSteps = 20000;

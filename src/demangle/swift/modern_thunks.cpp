@@ -55,7 +55,7 @@ bool ModernParser::parseT() {
     case 'm': return prefixTop(Phrase::Merged);
     case 'c': return prefixTop(Phrase::CurryThunk);
     case 'S': return prefixTop(Phrase::SelfConformanceWitness);
-    case 'L': return prefixTop(Phrase::ProtocolRequirementsBase);
+    case 'L': return prefixProtocol(Phrase::ProtocolRequirementsBase);
     case 'C': return prefixType(Phrase::ContinuationPrototype);
     case 'W': {
       NodeId entity = pop();

@@ -51,7 +51,7 @@ bool ModernParser::parseProtocolList(NodeKind kind) {
       pop();
       first = true;
     }
-    NodeId protocol = popType();
+    NodeId protocol = popProtocol();
     if (protocol == kNoNode) return false;
     protocols.insert(protocols.begin(), protocol);
     if (first) break;
