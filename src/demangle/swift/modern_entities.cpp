@@ -241,6 +241,9 @@ bool ModernParser::parseBoundGeneric() {
   }
   NodeId nominal = popType();
   if (nominal == kNoNode) return false;
+  bool anyArgument = false;
+  for (NodeId list : lists) anyArgument = anyArgument || arena_.childCount(list) > 0;
+  if (!anyArgument) return false;
   std::size_t next = lists.size();
   NodeId bound = bindGenericArgs(nominal, lists, next);
   if (bound == kNoNode) return false;

@@ -7,20 +7,54 @@
 namespace symlift::demangle::swift {
 
 bool ModernParser::parseConformance(NodeId& out) {
+  // type protocol [module [generic-signature]]: the module is missing when
+  // the type is generic, which only the rest of the stack can tell.
   NodeId signature = popIfKind(NodeKind::GenericSignature);
-  NodeId module = kNoNode;
-  NodeId top = peekNode();
-  if (top != kNoNode && (arena_.kind(top) == NodeKind::Module || arena_.kind(top) == NodeKind::Identifier)) {
+  std::vector<NodeId> saved = stack_;
+  NodeId module = kNoNode, protocol = kNoNode, type = kNoNode;
+  if (topIs(NodeKind::Module) || topIs(NodeKind::Identifier)) {
     module = popModule();
+    protocol = popProtocol();
+    type = protocol == kNoNode ? kNoNode : popType();
+    if (type == kNoNode) {
+      stack_ = saved;
+      module = kNoNode;
+    }
   }
-  NodeId protocol = popProtocol();
-  NodeId type = popType();
-  if (protocol == kNoNode || type == kNoNode) return false;
+  if (type == kNoNode) {
+    if (signature != kNoNode) return false;
+    protocol = popProtocol();
+    type = protocol == kNoNode ? kNoNode : popType();
+    if (type == kNoNode) return false;
+  }
   std::vector<NodeId> children{type, protocol};
   if (module != kNoNode) children.push_back(module);
   if (signature != kNoNode) children.push_back(signature);
   out = arena_.make(NodeKind::ProtocolConformance, children);
   return true;
+}
+
+NodeId ModernParser::popIfConformance() {
+  if (stack_.empty()) return kNoNode;
+  switch (arena_.kind(stack_.back())) {
+    case NodeKind::ConcreteConformance: case NodeKind::DependentConformanceRoot:
+    case NodeKind::DependentConformanceInherited: case NodeKind::DependentConformanceAssociated:
+    case NodeKind::PackConformance:
+      return pop();
+    default:
+      return kNoNode;
+  }
+}
+
+bool ModernParser::popConformanceList(std::vector<NodeId>& list) {
+  if (popIfKind(NodeKind::EmptyList) != kNoNode) return true;
+  for (;;) {
+    bool first = popIfKind(NodeKind::FirstElementMarker) != kNoNode;
+    NodeId conformance = popIfConformance();
+    if (conformance == kNoNode || list.size() > 256) return false;
+    list.insert(list.begin(), conformance);
+    if (first) return true;
+  }
 }
 
 bool ModernParser::parseM() {
@@ -130,7 +164,7 @@ bool ModernParser::parseW() {
       NodeId protocol = kNoNode;
       std::vector<NodeId> names;
       if (c != 't') {
-        protocol = popType();
+        protocol = popProtocol();
         if (protocol == kNoNode) return false;
       }
       if (c == 'T' || c == 't') {
@@ -212,52 +246,64 @@ bool ModernParser::parseH() {
       return true;
     }
     case 'P': case 'p': {
-      NodeId protocol = popType();
+      NodeId protocol = popProtocol();
       if (protocol == kNoNode) return false;
       push(arena_.makeText(NodeKind::ConformanceRef, c == 'P' ? "type's module" : "protocol's module",
                            std::span<const NodeId>(&protocol, 1)));
       return true;
     }
-    case 'C': case 'X': {
+    case 'C': {
+      // type, conformance reference, then the conditional conformances:
+      // 'y' when there are none, else the first one is followed by '_'.
       std::vector<NodeId> list;
-      for (;;) {
-        NodeId top = pop();
-        if (top == kNoNode) return false;
-        NodeKind kind = arena_.kind(top);
-        if (kind == NodeKind::EmptyList) break;
-        if (kind == NodeKind::FirstElementMarker) continue;
-        list.insert(list.begin(), top);
-      }
-      NodeId listNode = arena_.make(NodeKind::TypeList, list);
-      if (c == 'X') {
-        push(arena_.make(NodeKind::PackConformance, {listNode}));
-        return true;
-      }
+      if (!popConformanceList(list)) return false;
       NodeId ref = popIfKind(NodeKind::ConformanceRef);
       if (ref == kNoNode) {
+        // A retroactive conformance: protocol and the module declaring it.
         NodeId module = popModule();
-        NodeId protocol = popType();
+        NodeId protocol = popProtocol();
         if (module == kNoNode || protocol == kNoNode) return false;
-        ref = arena_.makeText(NodeKind::ConformanceRef, "", {});
-        ref = arena_.makeText(NodeKind::ConformanceRef, "", std::span<const NodeId>(&protocol, 1));
+        const NodeId parts[] = {protocol, module};
+        ref = arena_.makeText(NodeKind::ConformanceRef, "", parts);
       }
       NodeId type = popType();
       if (type == kNoNode) return false;
-      push(arena_.make(NodeKind::ConcreteConformance, {type, ref, listNode}));
+      push(arena_.make(NodeKind::ConcreteConformance, {type, ref, arena_.make(NodeKind::TypeList, list)}));
       return true;
     }
-    case 'D': case 'I': case 'A': case 'O': {
-      if (c != 'O' && !in_.index(index)) return false;
-      NodeId a = pop(), b = pop();
-      if (a == kNoNode || b == kNoNode) return false;
-      if (c == 'A') {
-        NodeId base = pop();
-        if (base == kNoNode) return false;
-        push(arena_.makeIndex(NodeKind::DependentConformanceAssociated, index, {base, b, a}));
-        return true;
-      }
-      NodeKind kind = c == 'D' ? NodeKind::DependentConformanceRoot : NodeKind::DependentConformanceInherited;
-      push(arena_.makeIndex(kind, index, {b, a}));
+    case 'X': {
+      std::vector<NodeId> list;
+      if (!popConformanceList(list)) return false;
+      push(arena_.make(NodeKind::PackConformance, {arena_.make(NodeKind::TypeList, list)}));
+      return true;
+    }
+    case 'D': {
+      NodeId protocol = popProtocol();
+      NodeId type = popType();
+      if (protocol == kNoNode || type == kNoNode || !in_.index(index)) return false;
+      push(arena_.makeIndex(NodeKind::DependentConformanceRoot, index, {type, protocol}));
+      return true;
+    }
+    case 'I': {
+      NodeId protocol = popProtocol();
+      NodeId base = popIfConformance();
+      if (protocol == kNoNode || base == kNoNode || !in_.index(index)) return false;
+      push(arena_.makeIndex(NodeKind::DependentConformanceInherited, index, {base, protocol}));
+      return true;
+    }
+    case 'A': {
+      NodeId protocol = popProtocol();
+      NodeId type = popType();
+      NodeId base = popIfConformance();
+      if (protocol == kNoNode || type == kNoNode || base == kNoNode || !in_.index(index)) return false;
+      push(arena_.makeIndex(NodeKind::DependentConformanceAssociated, index, {base, type, protocol}));
+      return true;
+    }
+    case 'O': {
+      NodeId type = popType();
+      NodeId base = popIfConformance();
+      if (type == kNoNode || base == kNoNode) return false;
+      push(arena_.make(NodeKind::DependentConformanceInherited, {base, type}));
       return true;
     }
     default:

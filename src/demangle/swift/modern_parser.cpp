@@ -149,7 +149,7 @@ bool ModernParser::parseOperator() {
     case 'f': return parseF();
     case 'g': {
       std::uint64_t index = 0;
-      NodeId conformance = pop();
+      NodeId conformance = popIfConformance();
       if (conformance == kNoNode || !in_.index(index)) return false;
       push(arena_.makeIndex(NodeKind::RetroactiveConformance, index, {conformance}));
       return true;

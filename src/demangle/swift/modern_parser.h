@@ -71,6 +71,8 @@ class ModernParser {
   bool parseOutlined(Phrase phrase);
   bool parseAutoDiff(char kind);
   bool parseConformance(NodeId& out);
+  NodeId popIfConformance();
+  bool popConformanceList(std::vector<NodeId>& list);
   bool wrapTop(NodeKind kind);
   bool prefixTop(Phrase phrase);
   bool prefixType(Phrase phrase);

@@ -124,6 +124,13 @@ void Printer::printName(NodeId name) {
   }
 }
 
+bool Printer::isClassContext(NodeId context) const {
+  NodeKind kind = arena_.kind(context);
+  if (kind == NodeKind::BoundGeneric) return isClassContext(arena_.child(context, 0));
+  if (kind == NodeKind::Extension) return isClassContext(arena_.child(context, 1));
+  return kind == NodeKind::Class;
+}
+
 bool Printer::isLocalContext(NodeId context) const {
   NodeKind kind = arena_.kind(context);
   if (kind == NodeKind::BoundGeneric) return isLocalContext(arena_.child(context, 0));
@@ -247,7 +254,8 @@ void Printer::printEntityBody(NodeId id) {
           add('.');
         }
       }
-      add(kind == NodeKind::Allocator ? "__allocating_init" : "init");
+      // Only a class has an allocating initializer distinct from init.
+      add(kind == NodeKind::Allocator && isClassContext(arena_.child(id, 0)) ? "__allocating_init" : "init");
       NodeId labels = arena_.child(id, 2);
       if (labels != kNoNode && arena_.kind(labels) != NodeKind::LabelList) labels = kNoNode;
       printEntityType(arena_.child(id, 1), labels, true);

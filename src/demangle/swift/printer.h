@@ -27,6 +27,7 @@ class Printer {
   void printQualifier(NodeId context);
   void printEntity(NodeId id);
   bool isLocalContext(NodeId context) const;
+  bool isClassContext(NodeId context) const;
   void printEntityBody(NodeId id);
   void printEntityType(NodeId type, NodeId labels, bool asFunction);
   void printFunctionParams(NodeId functionType, NodeId labels, bool withTypes);

@@ -76,7 +76,7 @@ void Printer::printImplFunctionType(NodeId id) {
     add(param ? paramConvention(c) : resultConvention(c));
     add(' ');
     if (index & 0x100) add("@noDerivative ");
-    if (index & 0x200) add("sending ");
+    if (index & 0x200) add("transferring ");
     printType(arena_.child(slot, 0));
   };
   add('(');
@@ -89,7 +89,7 @@ void Printer::printImplFunctionType(NodeId id) {
     printSlot(child, true);
   }
   add(") -> ");
-  if (packed >> 43 & 1) add("sending ");
+  if (packed >> 43 & 1) add("transferring ");
   add('(');
   first = true;
   for (std::uint32_t i = 0; i < arena_.childCount(id); ++i) {

@@ -191,6 +191,13 @@ void Printer::printBoundGeneric(NodeId id) {
     add(']');
     return;
   }
+  if (baseKind == NodeKind::Protocol && count == 1) {
+    // A protocol's generic argument is its Self type.
+    printType(arena_.child(args, 0));
+    add(" as ");
+    printType(base);
+    return;
+  }
   if (isEntity(baseKind) && !isNominal(baseKind)) {
     // Arguments bound to a generic function that a local type is nested in.
     NodeId context = arena_.child(base, 0);
@@ -274,7 +281,7 @@ void Printer::printFunctionType(NodeId type, NodeId labels, bool entity) {
     }
   }
   add(" -> ");
-  if (sendingAttr != kNoNode) add("sending ");
+  if (sendingAttr != kNoNode) add("transferring ");
   NodeId result = arena_.child(type, 1);
   if (arena_.kind(result) == NodeKind::EmptyList) add("()");
   else printType(result);
@@ -376,7 +383,7 @@ void Printer::printType(NodeId id) {
     case NodeKind::InOut: add("inout "); printType(arena_.child(id, 0)); return;
     case NodeKind::Shared: add("__shared "); printType(arena_.child(id, 0)); return;
     case NodeKind::Owned: add("__owned "); printType(arena_.child(id, 0)); return;
-    case NodeKind::Sending: add("sending "); printType(arena_.child(id, 0)); return;
+    case NodeKind::Sending: add("transferring "); printType(arena_.child(id, 0)); return;
     case NodeKind::Isolated: add("isolated "); printType(arena_.child(id, 0)); return;
     case NodeKind::CompileTimeConst: add("_const "); printType(arena_.child(id, 0)); return;
     case NodeKind::NoDerivative: add("@noDerivative "); printType(arena_.child(id, 0)); return;
@@ -413,6 +420,11 @@ void Printer::printType(NodeId id) {
       addNumber(arena_.index(id));
       return;
     case NodeKind::OpaqueReturnTypeRef: add("some"); return;
+    case NodeKind::OpaqueReturnTypeOf:
+      add("<<opaque return type of ");
+      print(arena_.child(id, 0));
+      add(">>");
+      return;
     case NodeKind::SILBox:
       add("@box ");
       printType(arena_.child(id, 0));
@@ -423,8 +435,11 @@ void Printer::printType(NodeId id) {
       NodeId fields = arena_.child(id, 0);
       for (std::uint32_t i = 0; i < arena_.childCount(fields); ++i) {
         if (i) add(", ");
-        add("var ");
-        printTupleElement(arena_.child(fields, i));
+        // A mutable field is mangled as inout.
+        NodeId field = arena_.child(arena_.child(fields, i), 0);
+        bool mutableField = arena_.kind(field) == NodeKind::InOut;
+        add(mutableField ? "var " : "let ");
+        printType(mutableField ? arena_.child(field, 0) : field);
       }
       add(" } <");
       NodeId args = arena_.child(id, 2);
