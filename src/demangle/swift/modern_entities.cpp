@@ -196,6 +196,7 @@ bool ModernParser::parseF() {
       push(arena_.make(NodeKind::GenericTypeParamDecl, {context, name}));
       return true;
     }
+    case 'M': return parseMacroExpansion();
     case 'm': {
       // A macro: printed like a function or a variable of its type.
       NodeId signature = popIfKind(NodeKind::GenericSignature);
@@ -217,6 +218,31 @@ bool ModernParser::parseF() {
     default:
       return false;
   }
+}
+
+// context [file-discriminator] [decl-name] macro-name 'fM' kind INDEX. The
+// node's children: context, macro name, attached-to name or kNoNode, file
+// discriminator or kNoNode.
+bool ModernParser::parseMacroExpansion() {
+  char kind = in_.next();
+  if (std::string_view("armpceqbfu").find(kind) == std::string_view::npos || kind == 0) return false;
+  NodeId macro = popIfKind(NodeKind::Identifier);
+  if (macro == kNoNode) return false;
+  NodeId attachedTo = kNoNode;
+  if (kind != 'f' && kind != 'u') {
+    attachedTo = popDeclName();
+    if (attachedTo == kNoNode) return false;
+  }
+  NodeId discriminator = popIfKind(NodeKind::PrivateDeclName);
+  NodeId context = popContext();
+  std::uint64_t index = 0;
+  if (context == kNoNode || !in_.index(index)) return false;
+  // The kind letter travels in the index's top byte (INDEX is far smaller).
+  NodeId node = arena_.makeIndex(NodeKind::MacroExpansion,
+                                 index | std::uint64_t{static_cast<unsigned char>(kind)} << 56,
+                                 {context, macro, attachedTo, discriminator});
+  push(node);
+  return true;
 }
 
 bool ModernParser::parseBoundGeneric() {

@@ -88,7 +88,7 @@ bool ModernParser::parseT() {
                       : c == 'H' ? Phrase::KeyPathEquals : Phrase::KeyPathHash;
       if (c == 'k' && in_.nextIf("mu")) phrase = Phrase::KeyPathUnappliedMethod;
       else if (c == 'k' && in_.nextIf("MA")) phrase = Phrase::KeyPathAppliedMethod;
-      in_.nextIf('q');
+      bool serialized = in_.nextIf('q');
       // Types (and a generic signature) follow the entity; the entity is
       // what the thunk is for.
       std::vector<NodeId> types;
@@ -102,8 +102,9 @@ bool ModernParser::parseT() {
       std::vector<NodeId> children{subject};
       for (auto it = types.rbegin(); it != types.rend(); ++it)
         if (arena_.kind(*it) != NodeKind::GenericSignature) children.push_back(*it);
-      push(arena_.makeIndex(NodeKind::Prefixed, static_cast<std::uint64_t>(phrase),
-                            {arena_.make(NodeKind::Thunk, children)}));
+      NodeId thunk = arena_.make(NodeKind::Thunk, children);
+      arena_.setIndex(thunk, serialized ? 1 : 0);
+      push(arena_.makeIndex(NodeKind::Prefixed, static_cast<std::uint64_t>(phrase), {thunk}));
       return true;
     }
     case 'l': case 'M': {

@@ -461,6 +461,23 @@ bool ModernParser::parseY() {
       return true;
     }
     case 'k': return wrapTop(NodeKind::NoDerivative);
+    case 'l': case 'L': {
+      // Lifetime dependence of a parameter ('l') or of self ('L').
+      char d = in_.next();
+      const char* kind = d == 's' ? "scope" : d == 'i' ? "inherit" : nullptr;
+      if (!kind) return false;
+      if (c == 'L') {
+        push(arena_.makeText(NodeKind::FunctionAttr, d == 's' ? "(self lifetime dependence: scope)"
+                                                              : "(self lifetime dependence: inherit)"));
+        return true;
+      }
+      NodeId label = popIfKind(NodeKind::Identifier);
+      NodeId type = popType();
+      if (type == kNoNode) return false;
+      push(arena_.makeText(NodeKind::LifetimeDependence, kind, std::span<const NodeId>(&type, 1)));
+      if (label != kNoNode) push(label);
+      return true;
+    }
     case 'i': return wrapTop(NodeKind::Isolated);
     case 't': return wrapTop(NodeKind::CompileTimeConst);
     case 'u': return wrapTop(NodeKind::Sending);

@@ -89,6 +89,7 @@ enum class NodeKind : std::uint8_t {
   Isolated,
   CompileTimeConst,
   NoDerivative,
+  LifetimeDependence,   // text: scope / inherit; child type
   ReferenceStorage,     // text: weak / unowned / unowned(unsafe); child type
   DynamicSelf,
   SILBox,               // fields
@@ -193,7 +194,8 @@ inline bool isType(NodeKind k) {
     case NodeKind::ExistentialMetatype: case NodeKind::ProtocolList: case NodeKind::ProtocolListWithClass:
     case NodeKind::ProtocolListWithAnyObject: case NodeKind::ConstrainedExistential: case NodeKind::InOut:
     case NodeKind::Shared: case NodeKind::Owned: case NodeKind::Sending: case NodeKind::Isolated:
-    case NodeKind::CompileTimeConst: case NodeKind::NoDerivative: case NodeKind::ReferenceStorage:
+    case NodeKind::CompileTimeConst: case NodeKind::NoDerivative: case NodeKind::LifetimeDependence:
+    case NodeKind::ReferenceStorage:
     case NodeKind::DynamicSelf: case NodeKind::SILBox: case NodeKind::SILBoxGeneric: case NodeKind::ErrorType:
     case NodeKind::GenericParam: case NodeKind::DependentMember: case NodeKind::DependentGenericType:
     case NodeKind::PackType: case NodeKind::SILPackType: case NodeKind::PackExpansion: case NodeKind::PackElement:

@@ -45,6 +45,7 @@ class Printer {
   void printFunctionSigSpecialization(NodeId id);
   void printFuncSigParam(NodeId id);
   void printPrefixed(NodeId id);
+  void printMacroExpansion(NodeId id);
   void printTypeList(NodeId list, std::string_view separator);
   bool isSwiftType(NodeId id, std::string_view name) const;
 

@@ -118,7 +118,15 @@ void Printer::print(NodeId id) {
       break;
     }
     case NodeKind::Thunk:
+      // A key path accessor: the property, then the types it is used with.
       print(arena_.child(id, 0));
+      if (full_) {
+        for (std::uint32_t i = 1; i < arena_.childCount(id); ++i) {
+          add(" : ");
+          printType(arena_.child(id, i));
+        }
+        if (arena_.index(id) & 1) add(", serialized");
+      }
       break;
     case NodeKind::TypeMangling: printType(arena_.child(id, 0)); break;
     case NodeKind::Module: add(arena_.text(id)); break;
@@ -130,6 +138,7 @@ void Printer::print(NodeId id) {
       break;
     case NodeKind::TypeList: printTypeList(id, ", "); break;
     case NodeKind::Extension: printQualifier(id); out_.pop_back(); break;
+    case NodeKind::MacroExpansion: printMacroExpansion(id); break;
     case NodeKind::ConcreteConformance:
       add("concrete protocol conformance ");
       printType(arena_.child(id, 0));
@@ -139,6 +148,45 @@ void Printer::print(NodeId id) {
       else printType(id);
   }
   --depth_;
+}
+
+void Printer::printMacroExpansion(NodeId id) {
+  std::uint64_t packed = arena_.index(id);
+  char kind = static_cast<char>(packed >> 56);
+  std::uint64_t number = (packed & ((std::uint64_t{1} << 56) - 1)) + 1;
+  NodeId macro = arena_.child(id, 1), attachedTo = arena_.child(id, 2), discriminator = arena_.child(id, 3);
+  const char* attached = nullptr;
+  switch (kind) {
+    case 'a': attached = "accessor"; break;
+    case 'r': attached = "member attribute"; break;
+    case 'm': attached = "member"; break;
+    case 'p': attached = "peer"; break;
+    case 'c': attached = "conformance"; break;
+    case 'e': attached = "extension"; break;
+    case 'q': attached = "preamble"; break;
+    case 'b': attached = "body"; break;
+    default: break;
+  }
+  if (kind == 'u') {
+    add("unique name #");
+  } else if (attached) {
+    add(attached);
+    add(" macro @");
+    printName(macro);
+    add(" expansion #");
+  } else {
+    add("freestanding macro expansion #");
+  }
+  addNumber(number);
+  add(" of ");
+  printName(attached ? attachedTo : macro);
+  if (discriminator != kNoNode && full_) {
+    add("(in ");
+    add(arena_.text(arena_.child(discriminator, 0)));
+    add(')');
+  }
+  add(" in ");
+  print(arena_.child(id, 0));
 }
 
 void Printer::printTypeList(NodeId list, std::string_view separator) {
@@ -249,11 +297,12 @@ void Printer::printFunctionType(NodeId type, NodeId labels, bool entity) {
       else if (text == "async") asyncAttr = attr;
     }
     // Attributes before the parameters, in the order Swift prints them.
-    for (std::string_view wanted : {"@differentiable", "@", "@isolated(any)", "nonisolated(nonsending)", "@Sendable"}) {
+    for (std::string_view wanted : {"(self", "@differentiable", "@", "@isolated(any)", "nonisolated(nonsending)", "@Sendable"}) {
       for (std::uint32_t i = 2; i < n; ++i) {
         NodeId attr = arena_.child(type, i);
         std::string_view text = arena_.text(attr);
-        bool match = wanted == "@differentiable" ? text.substr(0, 15) == "@differentiable" : text == wanted;
+        bool match = wanted == "@differentiable" || wanted == "(self" ? text.substr(0, wanted.size()) == wanted
+                                                                     : text == wanted;
         if (!match) continue;
         add(text);
         if (text == "@") printType(arena_.child(attr, 0));
@@ -387,6 +436,12 @@ void Printer::printType(NodeId id) {
     case NodeKind::Isolated: add("isolated "); printType(arena_.child(id, 0)); return;
     case NodeKind::CompileTimeConst: add("_const "); printType(arena_.child(id, 0)); return;
     case NodeKind::NoDerivative: add("@noDerivative "); printType(arena_.child(id, 0)); return;
+    case NodeKind::LifetimeDependence:
+      add("lifetime dependence: ");
+      add(arena_.text(id));
+      add(' ');
+      printType(arena_.child(id, 0));
+      return;
     case NodeKind::ReferenceStorage:
       add(arena_.text(id));
       add(' ');
