@@ -136,6 +136,7 @@ bool ModernParser::parseW() {
     return true;
   };
   switch (c) {
+    case 'J': return parseAutoDiff('W');
     case 'V': return prefixType(Phrase::ValueWitnessTable);
     case 'v': {
       char d = in_.next();

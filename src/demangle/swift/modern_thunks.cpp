@@ -179,9 +179,64 @@ bool ModernParser::parseT() {
       return parseSpecialization(c);
     case 'f':
       return parseFunctionSignatureSpecialization();
+    case 'J':
+      return parseAutoDiff('T');
     default:
       return false;
   }
+}
+
+// Automatic differentiation: 'TJ' (derivatives and their vtable thunks,
+// 'TJV'), 'TJO' (self-reordering thunks), 'TJS' (subset parameters thunks)
+// and 'WJ' (differentiability witnesses). The node's text says which, its
+// index holds the function kind letter; children: subject, second type or
+// kNoNode, generic signature or kNoNode, then the index subsets.
+bool ModernParser::parseAutoDiff(char introducer) {
+  char form = 'J';
+  if (introducer == 'T' && (in_.peek() == 'V' || in_.peek() == 'O' || in_.peek() == 'S')) form = in_.next();
+  char kind = in_.next();
+  std::string_view kinds = introducer == 'W' ? "frdl" : "frdp";
+  if (kind == 0 || kinds.find(kind) == std::string_view::npos) return false;
+  auto subset = [&](char terminator) -> NodeId {
+    std::size_t start = in_.position();
+    while (in_.peek() == 'S' || in_.peek() == 'U') in_.next();
+    std::size_t end = in_.position();
+    if (end == start || !in_.nextIf(terminator)) return kNoNode;
+    return arena_.makeText(NodeKind::IndexSubset, in_.text().substr(start, end - start));
+  };
+  NodeId subject = kNoNode, second = kNoNode, signature = kNoNode;
+  NodeId parameters = kNoNode, results = kNoNode, toParameters = kNoNode;
+  if (form == 'O') {
+    second = popType();
+    subject = popType();
+    if (subject == kNoNode || second == kNoNode) return false;
+  } else {
+    parameters = subset('p');
+    results = parameters == kNoNode ? kNoNode : subset('r');
+    if (results == kNoNode) return false;
+    if (form == 'S') {
+      toParameters = subset('P');
+      NodeId type = popType();
+      if (toParameters == kNoNode || type == kNoNode) return false;
+      // Of a derivative function (a global, then its type) or of a linear map.
+      subject = pop();
+      if (subject == kNoNode) {
+        subject = type;
+      } else {
+        second = type;
+      }
+    } else {
+      signature = popIfKind(NodeKind::GenericSignature);
+      subject = pop();
+      if (subject == kNoNode) return false;
+    }
+  }
+  const char* text = introducer == 'W' ? "WJ" : form == 'V' ? "TJV" : form == 'O' ? "TJO" : form == 'S' ? "TJS" : "TJ";
+  const NodeId children[] = {subject, second, signature, parameters, results, toParameters};
+  NodeId node = arena_.makeText(NodeKind::AutoDiff, text, children);
+  arena_.setIndex(node, static_cast<unsigned char>(kind));
+  push(node);
+  return true;
 }
 
 bool ModernParser::parseSpecialization(char kind) {

@@ -46,6 +46,8 @@ class Printer {
   void printFuncSigParam(NodeId id);
   void printPrefixed(NodeId id);
   void printMacroExpansion(NodeId id);
+  void printAutoDiff(NodeId id);
+  void printIndexSubset(NodeId subset);
   void printTypeList(NodeId list, std::string_view separator);
   bool isSwiftType(NodeId id, std::string_view name) const;
 

@@ -139,6 +139,7 @@ void Printer::print(NodeId id) {
     case NodeKind::TypeList: printTypeList(id, ", "); break;
     case NodeKind::Extension: printQualifier(id); out_.pop_back(); break;
     case NodeKind::MacroExpansion: printMacroExpansion(id); break;
+    case NodeKind::AutoDiff: printAutoDiff(id); break;
     case NodeKind::ConcreteConformance:
       add("concrete protocol conformance ");
       printType(arena_.child(id, 0));
@@ -148,6 +149,66 @@ void Printer::print(NodeId id) {
       else printType(id);
   }
   --depth_;
+}
+
+void Printer::printIndexSubset(NodeId subset) {
+  add('{');
+  std::string_view bits = arena_.text(subset);
+  bool first = true;
+  for (std::size_t i = 0; i < bits.size(); ++i) {
+    if (bits[i] != 'S') continue;
+    if (!first) add(", ");
+    first = false;
+    addNumber(i);
+  }
+  add('}');
+}
+
+void Printer::printAutoDiff(NodeId id) {
+  std::string_view form = arena_.text(id);
+  char kind = static_cast<char>(arena_.index(id));
+  NodeId subject = arena_.child(id, 0), second = arena_.child(id, 1), signature = arena_.child(id, 2);
+  const char* kindName = kind == 'f' ? "forward-mode derivative" : kind == 'r' ? "reverse-mode derivative"
+                         : kind == 'd' ? "differential" : "pullback";
+  if (form == "WJ") {
+    add(kind == 'f' ? "forward-mode" : kind == 'r' ? "reverse-mode" : kind == 'd' ? "normal" : "linear");
+    add(" differentiability witness for ");
+    print(subject);
+  } else if (form == "TJO") {
+    add("autodiff self-reordering reabstraction thunk for ");
+    add(kindName);
+    add(" from ");
+    printType(subject);
+    add(" to ");
+    printType(second);
+    return;
+  } else if (form == "TJS") {
+    add("autodiff subset parameters thunk for ");
+    add(kindName);
+    add(" from ");
+    print(subject);
+  } else {
+    if (form == "TJV") add("vtable thunk for ");
+    add(kindName);
+    add(" of ");
+    print(subject);
+  }
+  add(" with respect to parameters ");
+  printIndexSubset(arena_.child(id, 3));
+  add(" and results ");
+  printIndexSubset(arena_.child(id, 4));
+  if (form == "TJS") {
+    add(" to parameters ");
+    printIndexSubset(arena_.child(id, 5));
+    if (second != kNoNode) {
+      add(" of type ");
+      printType(second);
+    }
+  }
+  if (signature != kNoNode && full_) {
+    add(" with ");
+    printGenericSignature(signature);
+  }
 }
 
 void Printer::printMacroExpansion(NodeId id) {
