@@ -258,6 +258,7 @@ bool ModernParser::parseSpecialization(char kind) {
   }
   std::uint64_t flags = 0;
   if (in_.nextIf('q')) flags |= kSerialized;
+  in_.nextIf('m');  // metatype parameters removed (Swift 5.9 and 5.10); not printed
   if (in_.nextIf('a')) flags |= kAsyncRemoved;
   if (in_.nextIf('r')) flags |= kReprChanged;
   if (!Cursor::isDigit(in_.next())) return false;

@@ -228,7 +228,9 @@ bool ModernParser::parseRequirement() {
       }
       NodeId p = param();
       if (p == kNoNode) return false;
+      // The associated type the requirement is on is a substitution.
       NodeId subject = memberChain(arena_, p, names);
+      addSubstitution(subject);
       if (c == 'm' || c == 'M') return layout(subject);
       if (c == 'j' || c == 'J') {
         push(arena_.makeIndex(NodeKind::RequirementInverse, inverse, {subject}));
@@ -270,6 +272,11 @@ bool ModernParser::parseRequirement() {
     case 'l': {
       NodeId p = param();
       return p != kNoNode && layout(p);
+    }
+    case 'L': {
+      // A layout requirement on a substitution (early Swift 4).
+      NodeId subject = popType();
+      return subject != kNoNode && layout(subject);
     }
     case 'b': case 's': case 'h': {
       NodeId p = param();
