@@ -88,7 +88,31 @@ bool ModernParser::parseVariable() {
   if (name == kNoNode || context == kNoNode) return false;
   NodeId variable = arena_.make(NodeKind::Variable, {context, name, type});
   (void)labels;
+  // Swift 4.0 mangled a variable without accessor ('v'; "vWvd" is its field
+  // offset) and the accessors with 'f'; 4.1 already used 'v' accessors.
+  if (swift4_ && (!isAccessorLetter(in_.peek()) || (in_.peek() == 'W' && in_.peek(1) == 'v'))) {
+    push(variable);
+    return true;
+  }
   return parseAccessor(variable);
+}
+
+bool ModernParser::isAccessorLetter(char c) {
+  return c != 0 && std::string_view("msgGwWrMxybzipal").find(c) != std::string_view::npos;
+}
+
+// Swift 4.0: decl-name type 'f' ACCESSOR, a subscript being named so.
+bool ModernParser::parseSwift4Accessor() {
+  NodeId type = popType();
+  NodeId name = popDeclName();
+  NodeId context = popContext();
+  if (type == kNoNode || name == kNoNode || context == kNoNode) return false;
+  NodeKind typeKind = arena_.kind(type);
+  bool subscript = arena_.kind(name) == NodeKind::Identifier && arena_.text(name) == "subscript" &&
+                   (typeKind == NodeKind::FunctionType || typeKind == NodeKind::DependentGenericType);
+  NodeId storage = subscript ? arena_.make(NodeKind::Subscript, {context, type})
+                             : arena_.make(NodeKind::Variable, {context, name, type});
+  return parseAccessor(storage);
 }
 
 bool ModernParser::parseSubscript() {
@@ -140,6 +164,8 @@ bool ModernParser::parseAccessor(NodeId storage) {
 }
 
 bool ModernParser::parseF() {
+  if (swift4_ && std::string_view("msgGwWrMal").find(in_.peek()) != std::string_view::npos && in_.peek())
+    return parseSwift4Accessor();
   char c = in_.next();
   switch (c) {
     case 'C':

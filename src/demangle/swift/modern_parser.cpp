@@ -17,7 +17,8 @@ constexpr std::uint64_t kMaxRepeat = 64;
 constexpr std::size_t kMaxWords = 26;
 }  // namespace
 
-ModernParser::ModernParser(NodeArena& arena, std::string_view body) : arena_(arena), in_(body) {}
+ModernParser::ModernParser(NodeArena& arena, std::string_view body, bool swift4)
+    : arena_(arena), in_(body), swift4_(swift4) {}
 
 NodeId ModernParser::pop() {
   if (stack_.empty()) return kNoNode;

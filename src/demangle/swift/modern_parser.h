@@ -15,7 +15,9 @@ namespace symlift::demangle::swift {
 class ModernParser {
  public:
   // body: the name after its prefix. The arena must outlive the result.
-  ModernParser(NodeArena& arena, std::string_view body);
+  // swift4: the name had the Swift 4.0 and 4.1 prefix (_T0), whose
+  // variables and accessors were mangled differently.
+  ModernParser(NodeArena& arena, std::string_view body, bool swift4 = false);
   // A Global node, or kNoNode when the name cannot be read completely.
   NodeId parse();
 
@@ -47,6 +49,8 @@ class ModernParser {
   bool parseVariable();
   bool parseSubscript();
   bool parseAccessor(NodeId storage);
+  bool parseSwift4Accessor();
+  static bool isAccessorLetter(char c);
   bool parseF();
   bool parseLocalName();
   bool parseBoundGeneric();
@@ -88,6 +92,7 @@ class ModernParser {
   std::vector<std::string_view> words_;
   std::vector<NodeId> scratch_;
   unsigned steps_ = 0;
+  bool swift4_ = false;
 };
 
 }  // namespace symlift::demangle::swift

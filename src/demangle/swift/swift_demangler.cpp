@@ -12,7 +12,7 @@ namespace {
 // work for one name.
 constexpr std::size_t kMaxNameLength = 8192;
 
-enum class Generation { None, Modern, Old, AsyncMain };
+enum class Generation { None, Modern, Swift4, Old, AsyncMain };
 
 // The body after the prefix, and which mangling it is in.
 Generation classify(std::string_view& name) {
@@ -24,9 +24,10 @@ Generation classify(std::string_view& name) {
     }
     return false;
   };
-  for (std::string_view prefix : {"_$s", "$s", "_$S", "$S", "_$e", "$e", "__T0", "_T0", "@__swiftmacro_"}) {
+  for (std::string_view prefix : {"_$s", "$s", "_$S", "$S", "_$e", "$e", "@__swiftmacro_"}) {
     if (strip(prefix)) return Generation::Modern;
   }
+  if (strip("__T0") || strip("_T0")) return Generation::Swift4;
   if (name.substr(0, 10) == "async_Main" || name.substr(0, 11) == "_async_Main") return Generation::AsyncMain;
   if (strip("__T") || strip("_T")) return Generation::Old;
   return Generation::None;
@@ -49,8 +50,8 @@ std::optional<std::string> demangle(std::string_view mangled, Form form) {
   thread_local NodeArena arena;
   arena.clear();
   NodeId global = kNoNode;
-  if (generation == Generation::Modern) {
-    ModernParser parser(arena, body);
+  if (generation == Generation::Modern || generation == Generation::Swift4) {
+    ModernParser parser(arena, body, generation == Generation::Swift4);
     global = parser.parse();
   } else {
     OldParser parser(arena, body);
