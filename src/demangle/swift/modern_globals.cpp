@@ -34,6 +34,33 @@ bool ModernParser::parseConformance(NodeId& out) {
   return true;
 }
 
+// assoc-type-name ('_' assoc-type-name*)?: names of an associated type
+// path; Swift 4.0 wrote a single name without the '_'.
+bool ModernParser::popAssocTypeList(std::vector<NodeId>& names, bool list) {
+  bool marker = false;
+  for (std::size_t depth = 0; list && depth < stack_.size();) {
+    NodeKind kind = arena_.kind(peekNode(depth));
+    if (kind == NodeKind::FirstElementMarker) {
+      marker = true;
+      break;
+    }
+    if (kind == NodeKind::Protocol && peekNode(depth + 1) != kNoNode &&
+        arena_.kind(peekNode(depth + 1)) == NodeKind::Identifier) {
+      depth += 2;
+    } else if (kind == NodeKind::Identifier || kind == NodeKind::AssocTypeWithProtocol) {
+      depth += 1;
+    } else {
+      break;
+    }
+  }
+  for (;;) {
+    bool first = popIfKind(NodeKind::FirstElementMarker) != kNoNode;
+    if (!parseAssociatedType()) return false;
+    names.insert(names.begin(), pop());
+    if (first || !marker || names.size() > 64) return names.size() <= 64;
+  }
+}
+
 NodeId ModernParser::popIfConformance() {
   if (stack_.empty()) return kNoNode;
   switch (arena_.kind(stack_.back())) {
@@ -168,18 +195,7 @@ bool ModernParser::parseW() {
         protocol = popProtocol();
         if (protocol == kNoNode) return false;
       }
-      if (c == 'T' || c == 't') {
-        for (;;) {
-          bool first = false;
-          if (topIs(NodeKind::FirstElementMarker)) {
-            pop();
-            first = true;
-          }
-          if (!parseAssociatedType()) return false;
-          names.insert(names.begin(), pop());
-          if (first || c == 't') break;
-        }
-      }
+      if ((c == 'T' || c == 't') && !popAssocTypeList(names, c == 'T')) return false;
       if (!parseConformance(conformance)) return false;
       NodeId path = names.empty() ? kNoNode : arena_.make(NodeKind::TypeList, names);
       std::vector<NodeId> children{conformance};
@@ -209,6 +225,10 @@ bool ModernParser::parseW() {
       push(arena_.makeIndex(NodeKind::Prefixed, static_cast<std::uint64_t>(phrase), {subject}));
       return true;
     }
+    case 'y': case 'e':
+      // Swift 4.0 outlined copy and consume, before 'WO'.
+      if (!swift4_) return false;
+      return parseOutlined(c == 'y' ? Phrase::OutlinedCopy : Phrase::OutlinedConsume);
     case 'O': {
       switch (in_.next()) {
         case 'y': return parseOutlined(Phrase::OutlinedCopy);

@@ -76,6 +76,7 @@ class ModernParser {
   bool parseAutoDiff(char kind);
   bool parseConformance(NodeId& out);
   NodeId popIfConformance();
+  bool popAssocTypeList(std::vector<NodeId>& names, bool list);
   bool popConformanceList(std::vector<NodeId>& list);
   bool wrapTop(NodeKind kind);
   bool prefixTop(Phrase phrase);
