@@ -32,6 +32,8 @@ class OldParser {
   NodeId protocolName();
   NodeId genericSignature();
   NodeId genericParam();
+  NodeId assocTypeName();
+  NodeId dependentMember(bool path);
   NodeId conformance();
   NodeId implFunctionType();
   NodeId specialization();

@@ -97,6 +97,43 @@ NodeId OldParser::genericParam() {
   return arena_.makeIndex(NodeKind::GenericParam, depth << 32 | index);
 }
 
+// assoc-type-name ::= ('P' protocol-name)? identifier | substitution; a
+// name read in full becomes a substitution.
+NodeId OldParser::assocTypeName() {
+  if (in_.peek() == 'S') {
+    NodeId name = substitution();
+    if (name == kNoNode) return kNoNode;
+    NodeKind kind = arena_.kind(name);
+    return kind == NodeKind::Identifier || kind == NodeKind::AssocTypeWithProtocol ? name : kNoNode;
+  }
+  NodeId name = kNoNode;
+  if (in_.nextIf('P')) {
+    NodeId protocol = protocolName();
+    NodeId id = protocol == kNoNode ? kNoNode : identifier();
+    if (id == kNoNode) return kNoNode;
+    name = arena_.make(NodeKind::AssocTypeWithProtocol, {id, protocol});
+  } else {
+    name = identifier();
+    if (name == kNoNode || arena_.kind(name) != NodeKind::Identifier) return kNoNode;
+  }
+  substitutions_.push_back(name);
+  return name;
+}
+
+// 'w' generic-param-index assoc-type-name, or 'W' generic-param-index
+// assoc-type-name+ '_' (the 'w' or 'W' already read).
+NodeId OldParser::dependentMember(bool path) {
+  NodeId node = genericParam();
+  if (node == kNoNode) return kNoNode;
+  do {
+    if (!enter()) return kNoNode;
+    NodeId name = assocTypeName();
+    if (name == kNoNode) return kNoNode;
+    node = arena_.make(NodeKind::DependentMember, {node, name});
+  } while (path && !in_.nextIf('_'));
+  return node;
+}
+
 NodeId OldParser::genericSignature() {
   std::vector<NodeId> children;
   while (in_.peek() != 'R' && in_.peek() != 'r') {
@@ -113,10 +150,9 @@ NodeId OldParser::genericSignature() {
       if (!enter() || in_.atEnd()) return kNoNode;
       NodeId subject = kNoNode;
       if (in_.nextIf('w')) {
-        NodeId param = genericParam();
-        NodeId name = param == kNoNode ? kNoNode : identifier();
-        if (name == kNoNode) return kNoNode;
-        subject = arena_.make(NodeKind::DependentMember, {param, name});
+        subject = dependentMember(false);
+      } else if (in_.nextIf('W')) {
+        subject = dependentMember(true);
       } else {
         subject = genericParam();
       }
@@ -248,25 +284,7 @@ NodeId OldParser::type() {
     }
     case 'x': return arena_.makeIndex(NodeKind::GenericParam, 0);
     case 'q': return genericParam();
-    case 'w': case 'W': {
-      NodeId param = genericParam();
-      if (param == kNoNode) return kNoNode;
-      NodeId node = param;
-      do {
-        NodeId name = kNoNode;
-        if (in_.nextIf('P')) {
-          NodeId protocol = protocolName();
-          NodeId id = protocol == kNoNode ? kNoNode : identifier();
-          if (id == kNoNode) return kNoNode;
-          name = arena_.make(NodeKind::AssocTypeWithProtocol, {id, protocol});
-        } else {
-          name = identifier();
-        }
-        if (name == kNoNode) return kNoNode;
-        node = arena_.make(NodeKind::DependentMember, {node, name});
-      } while (c == 'W' && !in_.nextIf('_'));
-      return node;
-    }
+    case 'w': case 'W': return dependentMember(c == 'W');
     case 'D': {
       NodeId t = type();
       return t == kNoNode ? kNoNode : arena_.make(NodeKind::DynamicSelf, {t});
