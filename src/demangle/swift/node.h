@@ -97,6 +97,15 @@ class NodeArena {
   }
 
   void setIndex(NodeId id, std::uint64_t index) { nodes_[id].index = index; }
+  // Gives node `to` the text of node `from`.
+  void copyText(NodeId to, NodeId from) {
+    Node& target = nodes_[to];
+    const Node& source = nodes_[from];
+    target.textInArena = source.textInArena;
+    target.textPointer = source.textPointer;
+    target.textOffset = source.textOffset;
+    target.textLength = source.textLength;
+  }
 
   const Node& operator[](NodeId id) const { return nodes_[id]; }
   NodeKind kind(NodeId id) const { return nodes_[id].kind; }

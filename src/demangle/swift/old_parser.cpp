@@ -143,7 +143,105 @@ NodeId OldParser::global() {
   return entity();
 }
 
+// A mangled name embedded in a function signature specialization (a
+// closure or function it propagates): its length, then the name with its
+// "_T". Read as a name of its own; one that does not read is shown as is.
+NodeId OldParser::embeddedName() {
+  std::uint64_t length = 0;
+  if (!in_.natural(length)) return kNoNode;
+  std::string_view text = in_.take(length);
+  if (text.size() != length || length == 0) return kNoNode;
+  if (text.substr(0, 2) == "_T" && depth_ + 8 < kMaxDepth) {
+    OldParser nested(arena_, text.substr(2));
+    nested.depth_ = depth_ + 8;
+    nested.steps_ = steps_;
+    NodeId inner = nested.global();
+    steps_ = nested.steps_;
+    if (inner != kNoNode && nested.in_.atEnd()) return inner;
+  }
+  return arena_.makeText(NodeKind::Identifier, text);
+}
+
+// 'f' passid (argument '_')+ '_' mangled-name. Arguments are written in the
+// codes of the current mangling for the printer: 'n' unchanged, 'c'
+// closure (payload: closure, captured types), 'pf'/'pg' function or global,
+// 'pi'/'pd' integer or float, 'psb' string; otherwise letters d (dead), g
+// (owned to guaranteed), o (guaranteed to owned), x (exploded), i (boxed
+// value promoted).
+NodeId OldParser::functionSignatureSpecialization() {
+  std::uint64_t flags = in_.nextIf('q') ? 1 : 0;
+  if (!Cursor::isDigit(in_.next())) return kNoNode;
+  std::vector<NodeId> children;
+  while (!in_.nextIf('_')) {
+    if (!enter() || in_.atEnd() || children.size() > 64) return kNoNode;
+    std::size_t start = in_.position();
+    std::string code;
+    std::vector<NodeId> payload;
+    if (in_.nextIf("cl")) {
+      code = "c";
+      NodeId closure = embeddedName();
+      if (closure == kNoNode) return kNoNode;
+      payload.push_back(closure);
+      while (in_.peek() != '_') {
+        NodeId t = type();
+        if (t == kNoNode || payload.size() > 64) return kNoNode;
+        payload.push_back(t);
+      }
+    } else if (in_.nextIf("cp")) {
+      if (in_.nextIf("fr") || in_.nextIf('g')) {
+        code = in_.text()[in_.position() - 1] == 'g' ? "pg" : "pf";
+        NodeId name = code == "pg" ? identifier() : embeddedName();
+        if (name == kNoNode) return kNoNode;
+        payload.push_back(name);
+      } else if (in_.nextIf('i') || in_.nextIf("fl")) {
+        code = in_.text()[in_.position() - 1] == 'i' ? "pi" : "pd";
+        std::size_t digits = in_.position();
+        while (Cursor::isDigit(in_.peek())) in_.next();
+        if (in_.position() == digits) return kNoNode;
+        code.append(in_.text().substr(digits, in_.position() - digits));
+      } else if (in_.nextIf("se")) {
+        char encoding = in_.next();
+        if ((encoding != '0' && encoding != '1') || !in_.nextIf('v')) return kNoNode;
+        code = encoding == '0' ? "psb" : "psw";
+        NodeId text = identifier();
+        if (text == kNoNode) return kNoNode;
+        payload.push_back(text);
+      } else {
+        return kNoNode;
+      }
+    } else if (in_.nextIf('n')) {
+      code = "n";
+    } else {
+      while (in_.peek() != '_') {
+        char c = in_.next();
+        if (c == 's' || c == 'k') c = 'x';
+        if (c != 'd' && c != 'g' && c != 'o' && c != 'x' && c != 'i') return kNoNode;
+        code += c;
+      }
+      if (code.empty()) return kNoNode;
+    }
+    if (!in_.nextIf('_')) return kNoNode;
+    (void)start;
+    NodeId param = arena_.makeOwnedText(NodeKind::FuncSigParam, code);
+    if (!payload.empty()) {
+      NodeId withPayload = arena_.make(NodeKind::FuncSigParam, payload);
+      arena_.copyText(withPayload, param);
+      param = withPayload;
+    }
+    arena_.setIndex(param, children.size());
+    children.push_back(param);
+  }
+  if (children.empty() || !in_.nextIf("_T")) return kNoNode;
+  NodeId inner = global();
+  if (inner == kNoNode) return kNoNode;
+  children.push_back(inner);
+  NodeId node = arena_.make(NodeKind::FunctionSigSpecialization, children);
+  arena_.setIndex(node, flags);
+  return node;
+}
+
 NodeId OldParser::specialization() {
+  if (in_.nextIf('f')) return functionSignatureSpecialization();
   char kind = in_.next();
   if (kind != 'g' && kind != 'r') return kNoNode;
   std::uint64_t flags = in_.nextIf('q') ? 1 : 0;

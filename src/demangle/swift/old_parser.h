@@ -37,6 +37,8 @@ class OldParser {
   NodeId conformance();
   NodeId implFunctionType();
   NodeId specialization();
+  NodeId functionSignatureSpecialization();
+  NodeId embeddedName();
   bool enter();
 
   NodeArena& arena_;
