@@ -153,7 +153,8 @@ void Printer::printQualifier(NodeId context) {
       }
       print(arena_.child(context, 1));
       NodeId signature = arena_.child(context, 2);
-      if (signature != kNoNode && full_) printGenericSignature(signature);
+      // The simplified form keeps the parameters ("Reactive<A>"), not the where clause.
+      if (signature != kNoNode) printGenericSignature(signature);
       add('.');
       return;
     }
@@ -226,6 +227,8 @@ void Printer::printEntityBody(NodeId id) {
       return;
     case NodeKind::Function:
       printName(arena_.child(id, 1));
+      // "helper #1 (x:) in f()": a local function's number stands apart.
+      if (arena_.kind(arena_.child(id, 1)) == NodeKind::LocalDeclName) add(' ');
       printEntityType(arena_.child(id, 2), arena_.child(id, 3), true);
       return;
     case NodeKind::Variable:
