@@ -17,8 +17,16 @@ constexpr std::uint64_t kMaxRepeat = 64;
 constexpr std::size_t kMaxWords = 26;
 }  // namespace
 
-ModernParser::ModernParser(NodeArena& arena, std::string_view body, bool swift4)
-    : arena_(arena), in_(body), swift4_(swift4) {}
+ModernParser::ModernParser(NodeArena& arena, ParseBuffers& buffers, std::string_view body, bool swift4)
+    : arena_(arena),
+      in_(body),
+      buffers_(buffers),
+      stack_(buffers.stack),
+      substitutions_(buffers.substitutions),
+      words_(buffers.words),
+      swift4_(swift4) {
+  buffers.clear();
+}
 
 NodeId ModernParser::pop() {
   if (stack_.empty()) return kNoNode;
@@ -286,7 +294,8 @@ bool ModernParser::parseIdentifier() {
     return true;
   }
   if (in_.nextIf('0')) {
-    std::string text;
+    std::string& text = buffers_.text;
+    text.clear();
     for (;;) {
       char c = in_.peek();
       if (Cursor::isDigit(c) && c != '0') {
@@ -295,10 +304,15 @@ bool ModernParser::parseIdentifier() {
         std::string_view literal = in_.take(length);
         if (literal.size() != length || length == 0) return false;
         text.append(literal);
-        collectWords(literal, words_);
+        buffers_.literals.push_back(literal);
       } else if (Cursor::isLower(c) || Cursor::isUpper(c)) {
         in_.next();
         std::size_t word = static_cast<std::size_t>(Cursor::isLower(c) ? c - 'a' : c - 'A');
+        // Words are split out of the literals only when one is referred to.
+        if (word >= words_.size()) {
+          for (std::string_view literal : buffers_.literals) collectWords(literal, words_);
+          buffers_.literals.clear();
+        }
         if (word >= words_.size()) return false;
         text.append(words_[word]);
         if (Cursor::isUpper(c)) {
@@ -309,7 +323,7 @@ bool ModernParser::parseIdentifier() {
             std::string_view literal = in_.take(length);
             if (literal.size() != length || length == 0) return false;
             text.append(literal);
-            collectWords(literal, words_);
+            buffers_.literals.push_back(literal);
           }
           break;
         }
@@ -326,7 +340,7 @@ bool ModernParser::parseIdentifier() {
   if (!in_.natural(length) || length == 0) return false;
   std::string_view text = in_.take(length);
   if (text.size() != length) return false;
-  collectWords(text, words_);
+  buffers_.literals.push_back(text);
   NodeId id = arena_.makeText(NodeKind::Identifier, text);
   push(id);
   addSubstitution(id);

@@ -3,6 +3,7 @@
 // postfix: each operator takes its operands from a stack of what was read
 // before it, so the reader is a loop over operators and a stack.
 
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -12,12 +13,28 @@
 
 namespace symlift::demangle::swift {
 
+// The vectors a parser works in, kept from one name to the next so that
+// reading a name allocates nothing once they have grown.
+struct ParseBuffers {
+  std::vector<NodeId> stack;
+  std::vector<NodeId> substitutions;
+  std::vector<std::string_view> words;
+  std::vector<std::string_view> literals;  // identifier text not yet split into words
+  std::string text;                        // an identifier being put together
+  void clear() {
+    stack.clear();
+    substitutions.clear();
+    words.clear();
+    literals.clear();
+  }
+};
+
 class ModernParser {
  public:
   // body: the name after its prefix. The arena must outlive the result.
   // swift4: the name had the Swift 4.0 and 4.1 prefix (_T0), whose
   // variables and accessors were mangled differently.
-  ModernParser(NodeArena& arena, std::string_view body, bool swift4 = false);
+  ModernParser(NodeArena& arena, ParseBuffers& buffers, std::string_view body, bool swift4 = false);
   // A Global node, or kNoNode when the name cannot be read completely.
   NodeId parse();
 
@@ -88,10 +105,10 @@ class ModernParser {
 
   NodeArena& arena_;
   Cursor in_;
-  std::vector<NodeId> stack_;
-  std::vector<NodeId> substitutions_;
-  std::vector<std::string_view> words_;
-  std::vector<NodeId> scratch_;
+  ParseBuffers& buffers_;
+  std::vector<NodeId>& stack_;
+  std::vector<NodeId>& substitutions_;
+  std::vector<std::string_view>& words_;
   unsigned steps_ = 0;
   bool swift4_ = false;
 };

@@ -48,10 +48,11 @@ std::optional<std::string> demangle(std::string_view mangled, Form form) {
   // One arena per thread, reused: after the first few names reading one
   // allocates nothing but the result.
   thread_local NodeArena arena;
+  thread_local ParseBuffers buffers;
   arena.clear();
   NodeId global = kNoNode;
   if (generation == Generation::Modern || generation == Generation::Swift4) {
-    ModernParser parser(arena, body, generation == Generation::Swift4);
+    ModernParser parser(arena, buffers, body, generation == Generation::Swift4);
     global = parser.parse();
   } else {
     OldParser parser(arena, body);
@@ -59,6 +60,7 @@ std::optional<std::string> demangle(std::string_view mangled, Form form) {
   }
   if (global == kNoNode) return std::nullopt;
   std::string text;
+  text.reserve(2 * body.size() + 32);
   Printer printer(arena, form, text);
   if (!printer.printGlobal(global) || text.empty()) return std::nullopt;
   return text;
