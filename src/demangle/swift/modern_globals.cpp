@@ -10,14 +10,19 @@ bool ModernParser::parseConformance(NodeId& out) {
   // type protocol [module [generic-signature]]: the module is missing when
   // the type is generic, which only the rest of the stack can tell.
   NodeId signature = popIfKind(NodeKind::GenericSignature);
-  std::vector<NodeId> saved = stack_;
+  // Reading with a module pops at most four nodes; those are put back when
+  // that reading fails.
+  std::size_t depth = stack_.size();
+  NodeId saved[4];
+  for (std::size_t i = 0; i < 4; ++i) saved[i] = peekNode(i);
   NodeId module = kNoNode, protocol = kNoNode, type = kNoNode;
   if (topIs(NodeKind::Module) || topIs(NodeKind::Identifier)) {
     module = popModule();
     protocol = popProtocol();
     type = protocol == kNoNode ? kNoNode : popType();
     if (type == kNoNode) {
-      stack_ = saved;
+      std::size_t popped = depth - stack_.size();
+      for (std::size_t i = popped; i-- > 0;) push(saved[i]);
       module = kNoNode;
     }
   }

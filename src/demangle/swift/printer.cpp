@@ -10,7 +10,6 @@ namespace {
 // No real name prints anywhere near this; substitutions can make a short
 // hostile name print exponentially long, so printing stops here.
 constexpr std::size_t kMaxOutput = 16 * 1024;
-constexpr unsigned kMaxDepth = 192;
 
 struct DepthGuard {
   unsigned& depth;
@@ -125,15 +124,19 @@ void Printer::printName(NodeId name) {
 }
 
 bool Printer::isClassContext(NodeId context) const {
-  NodeKind kind = arena_.kind(context);
-  if (kind == NodeKind::BoundGeneric) return isClassContext(arena_.child(context, 0));
-  if (kind == NodeKind::Extension) return isClassContext(arena_.child(context, 1));
-  return kind == NodeKind::Class;
+  for (;;) {
+    if (context == kNoNode) return false;
+    NodeKind kind = arena_.kind(context);
+    if (kind == NodeKind::BoundGeneric) context = arena_.child(context, 0);
+    else if (kind == NodeKind::Extension) context = arena_.child(context, 1);
+    else return kind == NodeKind::Class;
+  }
 }
 
 bool Printer::isLocalContext(NodeId context) const {
+  while (context != kNoNode && arena_.kind(context) == NodeKind::BoundGeneric) context = arena_.child(context, 0);
+  if (context == kNoNode) return false;
   NodeKind kind = arena_.kind(context);
-  if (kind == NodeKind::BoundGeneric) return isLocalContext(arena_.child(context, 0));
   return isEntity(kind) && !isNominal(kind) && kind != NodeKind::AnonymousContext;
 }
 
@@ -167,7 +170,7 @@ void Printer::printQualifier(NodeId context) {
 // Entities nested in a function, closure or accessor print as "x in f()".
 void Printer::printEntity(NodeId id) {
   DepthGuard guard(depth_);
-  if (depth_ > kMaxDepth) {
+  if (depth_ > kMaxPrintDepth) {
     failed_ = true;
     return;
   }

@@ -11,6 +11,9 @@
 
 namespace symlift::demangle::swift {
 
+// Deeper nesting than this is no real name's; printing it is refused.
+inline constexpr unsigned kMaxPrintDepth = 192;
+
 class Printer {
  public:
   Printer(const NodeArena& arena, Form form, std::string& out) : arena_(arena), full_(form == Form::Full), out_(out) {}
@@ -33,6 +36,7 @@ class Printer {
   void printFunctionParams(NodeId functionType, NodeId labels, bool withTypes);
   void printFunctionType(NodeId type, NodeId labels, bool entity);
   void printType(NodeId id);
+  void printTypeBody(NodeId id);
   void printBoundGeneric(NodeId id);
   void printTuple(NodeId id);
   void printTupleElement(NodeId id);

@@ -6,7 +6,7 @@ namespace symlift::demangle::swift {
 
 void Printer::print(NodeId id) {
   if (failed_ || id == kNoNode) return;
-  if (++depth_ > 192) {
+  if (++depth_ > kMaxPrintDepth) {
     failed_ = true;
     --depth_;
     return;
@@ -399,6 +399,17 @@ void Printer::printFunctionType(NodeId type, NodeId labels, bool entity) {
 
 void Printer::printType(NodeId id) {
   if (failed_ || id == kNoNode) return;
+  // Types nest through each other as well as through print().
+  if (depth_ > kMaxPrintDepth) {
+    failed_ = true;
+    return;
+  }
+  ++depth_;
+  printTypeBody(id);
+  --depth_;
+}
+
+void Printer::printTypeBody(NodeId id) {
   NodeKind kind = arena_.kind(id);
   switch (kind) {
     case NodeKind::Class: case NodeKind::Structure: case NodeKind::Enum: case NodeKind::Protocol:
