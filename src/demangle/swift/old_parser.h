@@ -31,6 +31,7 @@ class OldParser {
   NodeId substitution();
   NodeId protocolName();
   NodeId genericSignature();
+  NodeId layoutRequirement(NodeId subject);
   NodeId genericParam();
   NodeId assocTypeName();
   NodeId dependentMember(bool path);

@@ -134,6 +134,33 @@ NodeId OldParser::dependentMember(bool path) {
   return node;
 }
 
+// A layout letter, with a size ('e', 'm') or a size and an alignment ('E',
+// 'M'), after 'l'.
+NodeId OldParser::layoutRequirement(NodeId subject) {
+  char c = in_.next();
+  const char* text = nullptr;
+  bool sized = false, aligned = false;
+  switch (c) {
+    case 'U': text = "_UnknownLayout"; break;
+    case 'R': text = "_RefCountedObject"; break;
+    case 'N': text = "_NativeRefCountedObject"; break;
+    case 'C': text = "AnyObject"; break;
+    case 'D': text = "_NativeClass"; break;
+    case 'T': text = "_Trivial"; break;
+    case 'e': text = "_Trivial"; sized = true; break;
+    case 'E': text = "_Trivial"; sized = aligned = true; break;
+    case 'm': text = "_TrivialAtMost"; sized = true; break;
+    case 'M': text = "_TrivialAtMost"; sized = aligned = true; break;
+    default: return kNoNode;
+  }
+  std::uint64_t size = 0, alignment = 0;
+  if (sized && !in_.natural(size)) return kNoNode;
+  if (aligned && (!in_.nextIf('_') || !in_.natural(alignment))) return kNoNode;
+  NodeId node = arena_.makeText(NodeKind::RequirementLayout, text, std::span<const NodeId>(&subject, 1));
+  if (sized) arena_.setIndex(node, (size << 32) | (aligned ? alignment : 0xffffffffu) | (std::uint64_t{1} << 63));
+  return node;
+}
+
 NodeId OldParser::genericSignature() {
   std::vector<NodeId> children;
   while (in_.peek() != 'R' && in_.peek() != 'r') {
@@ -157,7 +184,11 @@ NodeId OldParser::genericSignature() {
         subject = genericParam();
       }
       if (subject == kNoNode) return kNoNode;
-      if (in_.nextIf('z')) {
+      if (in_.nextIf('l')) {
+        NodeId requirement = layoutRequirement(subject);
+        if (requirement == kNoNode) return kNoNode;
+        children.push_back(requirement);
+      } else if (in_.nextIf('z')) {
         NodeId t = type();
         if (t == kNoNode) return kNoNode;
         children.push_back(arena_.make(NodeKind::RequirementSameType, {subject, t}));

@@ -133,11 +133,17 @@ bool Printer::isClassContext(NodeId context) const {
   }
 }
 
+// Whether what is declared in context prints as "x in context": a function,
+// closure or accessor, or a type declared in one (which has a local name).
 bool Printer::isLocalContext(NodeId context) const {
   while (context != kNoNode && arena_.kind(context) == NodeKind::BoundGeneric) context = arena_.child(context, 0);
   if (context == kNoNode) return false;
   NodeKind kind = arena_.kind(context);
-  return isEntity(kind) && !isNominal(kind) && kind != NodeKind::AnonymousContext;
+  if (isNominal(kind)) {
+    NodeId name = arena_.child(context, 1);
+    return name != kNoNode && arena_.kind(name) == NodeKind::LocalDeclName;
+  }
+  return isEntity(kind) && kind != NodeKind::AnonymousContext;
 }
 
 void Printer::printQualifier(NodeId context) {

@@ -527,10 +527,13 @@ void Printer::printTypeBody(NodeId id) {
       add('.');
       print(arena_.child(id, 1));
       return;
-    case NodeKind::DependentGenericType:
+    case NodeKind::DependentGenericType: {
       printGenericSignature(arena_.child(id, 0));
-      printType(arena_.child(id, 1));
+      NodeId inner = arena_.child(id, 1);
+      if (inner != kNoNode && arena_.kind(inner) != NodeKind::FunctionType) add(' ');
+      printType(inner);
       return;
+    }
     case NodeKind::PackType:
       add("Pack{");
       for (std::uint32_t i = 0; i < arena_.childCount(id); ++i) {
