@@ -18,13 +18,24 @@ TEST(SwiftRobustness, BadNamesYieldNothing) {
       "$s4mainAZC",  "$s0Z",       "$s00999999abc",   "_T",                 "__TF",    "__TFC3foo",
       "__TTSg5",     "$sSg",       "$s3fooyyFTA_",    "$sBi99999999999_",   "$s$n",    "ObjCName",
       "_main",       "$sx_Tg5",    "$s4main3fooyySiFAa10000000A",
+      // Conformance lists, macro, differentiation and Swift 3 specialization
+      // operators missing their operands or their end.
+      "$sSiHC",      "$sSiyHCg_",  "$s1a1PHPHX",      "$sfMf_",             "$s4mainfMp_", "$s3fooyyFTJpSpS",
+      "$s3fooyyFWJrSp", "__TTSf4g_",  "__TTSf1cl99_TFoo_n___TF3foo3barFT_T_", "__TTSf1cpse9v3abc___TF3foo3barFT_T_",
+      "__TTSg5Si___", "$sSD5IndexVy__GD",
   };
   for (const char* name : names) {
     EXPECT_FALSE(demangle(name, Form::Full)) << name;
     EXPECT_FALSE(demangle(name, Form::Simplified)) << name;
   }
+  // Types nested past the printing depth (each 'Sg' wraps an Optional).
+  std::string optionals = "$sSi";
+  for (int i = 0; i < 2000; ++i) optionals += "Sg";
+  optionals += "D";
   EXPECT_FALSE(demangle(deep));
   EXPECT_FALSE(demangle(nested));
+  EXPECT_FALSE(demangle(optionals, Form::Full));
+  EXPECT_FALSE(demangle(optionals));
 }
 
 TEST(SwiftRobustness, PrefixTestAcceptsEveryGeneration) {
