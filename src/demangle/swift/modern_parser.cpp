@@ -3,10 +3,6 @@
 #include "demangle/swift/known_types.h"
 #include "demangle/swift/punycode.h"
 
-#ifdef SYMLIFT_SWIFT_TRACE
-#include <cstdio>
-#endif
-
 namespace symlift::demangle::swift {
 
 namespace {
@@ -95,17 +91,8 @@ NodeId ModernParser::parse() {
       if (!stack_.empty()) return kNoNode;
       return arena_.make(NodeKind::Global, {global, suffix});
     }
-    if (!parseOperator()) {
-#ifdef SYMLIFT_SWIFT_TRACE
-      std::fprintf(stderr, "failed at %zu: %.*s|%.*s (stack %zu)\n", in_.position(), int(in_.position()),
-                   in_.text().data(), int(in_.rest().size()), in_.rest().data(), stack_.size());
-#endif
-      return kNoNode;
-    }
+    if (!parseOperator()) return kNoNode;
   }
-#ifdef SYMLIFT_SWIFT_TRACE
-  for (NodeId id : stack_) std::fprintf(stderr, "  left on stack: kind %d\n", int(arena_.kind(id)));
-#endif
   if (stack_.size() != 1) return kNoNode;
   // A lone name or list marker is not a symbol.
   NodeKind kind = arena_.kind(stack_[0]);
