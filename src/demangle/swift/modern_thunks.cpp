@@ -167,11 +167,11 @@ bool ModernParser::parseT() {
     case 'e': {
       std::size_t start = in_.position();
       while (!in_.atEnd() && in_.peek() != '_') in_.next();
-      std::string_view spec = in_.text().substr(start, in_.position() - start);
-      if (!in_.nextIf('_') || spec.empty()) return false;
+      std::string_view bridged = in_.text().substr(start, in_.position() - start);
+      if (!in_.nextIf('_') || bridged.empty()) return false;
       NodeId subject = pop();
       if (subject == kNoNode) return false;
-      push(arena_.makeText(NodeKind::Described, spec, std::span<const NodeId>(&subject, 1)));
+      push(arena_.makeText(NodeKind::Described, bridged, std::span<const NodeId>(&subject, 1)));
       arena_.setIndex(stack_.back(), 1);  // an outlined bridged method
       return true;
     }
