@@ -80,7 +80,8 @@ void ModernParser::addSubstitution(NodeId id) {
   if (id != kNoNode) substitutions_.push_back(id);
 }
 
-NodeId ModernParser::parse() {
+NodeId ModernParser::parse(NodeId start) {
+  if (start != kNoNode) push(start);
   while (!in_.atEnd()) {
     if (++steps_ > kMaxSteps || stack_.size() > kMaxStack) return kNoNode;
     if (in_.peek() == '.' && !stack_.empty()) {

@@ -36,7 +36,8 @@ class ModernParser {
   // variables and accessors were mangled differently.
   ModernParser(NodeArena& arena, ParseBuffers& buffers, std::string_view body, bool swift4 = false);
   // A Global node, or kNoNode when the name cannot be read completely.
-  NodeId parse();
+  // start: a node that stands before the body (the async entry point).
+  NodeId parse(NodeId start = kNoNode);
 
  private:
   friend struct ModernOperators;

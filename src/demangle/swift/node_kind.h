@@ -56,6 +56,7 @@ enum class NodeKind : std::uint8_t {
   AssociatedTypeDecl,
   MacroExpansion,       // text: description; children vary
   OutlinedVariable,     // child entity; index; text "read-only object" or "variable"
+  AsyncMainEntry,       // the async entry point of top-level code (async_Main)
 
   // Types.
   BuiltinType,          // text
@@ -168,7 +169,7 @@ inline bool isEntity(NodeKind k) {
     case NodeKind::PropertyWrappedFieldInitAccessor: case NodeKind::PropertyWrapperInitFromProjectedValue:
     case NodeKind::Accessor: case NodeKind::Static: case NodeKind::AnonymousContext:
     case NodeKind::GenericTypeParamDecl: case NodeKind::AssociatedTypeDecl: case NodeKind::MacroExpansion:
-    case NodeKind::OutlinedVariable:
+    case NodeKind::OutlinedVariable: case NodeKind::AsyncMainEntry:
       return true;
     default:
       return isNominal(k);

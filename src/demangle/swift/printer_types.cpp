@@ -139,6 +139,7 @@ void Printer::print(NodeId id) {
     case NodeKind::TypeList: printTypeList(id, ", "); break;
     case NodeKind::Extension: printQualifier(id); out_.pop_back(); break;
     case NodeKind::MacroExpansion: printMacroExpansion(id); break;
+    case NodeKind::AsyncMainEntry: add("async main entry point"); break;
     case NodeKind::AutoDiff: printAutoDiff(id); break;
     case NodeKind::ConcreteConformance:
       add("concrete protocol conformance ");

@@ -28,7 +28,9 @@ Generation classify(std::string_view& name) {
     if (strip(prefix)) return Generation::Modern;
   }
   if (strip("__T0") || strip("_T0")) return Generation::Swift4;
-  if (name.substr(0, 10) == "async_Main" || name.substr(0, 11) == "_async_Main") return Generation::AsyncMain;
+  // The async entry point of top-level code has no prefix; what follows it
+  // are the usual suffix operators of its funclets ("async_MainTY1_").
+  if (strip("async_Main") || strip("_async_Main")) return Generation::AsyncMain;
   if (strip("__T") || strip("_T")) return Generation::Old;
   return Generation::None;
 }
@@ -44,14 +46,17 @@ std::optional<std::string> demangle(std::string_view mangled, Form form) {
   if (mangled.size() > kMaxNameLength) return std::nullopt;
   std::string_view body = mangled;
   Generation generation = classify(body);
-  if (generation == Generation::None || generation == Generation::AsyncMain || body.empty()) return std::nullopt;
+  if (generation == Generation::None || (body.empty() && generation != Generation::AsyncMain)) return std::nullopt;
   // One arena per thread, reused: after the first few names reading one
   // allocates nothing but the result.
   thread_local NodeArena arena;
   thread_local ParseBuffers buffers;
   arena.clear();
   NodeId global = kNoNode;
-  if (generation == Generation::Modern || generation == Generation::Swift4) {
+  if (generation == Generation::AsyncMain) {
+    ModernParser parser(arena, buffers, body);
+    global = parser.parse(arena.make(NodeKind::AsyncMainEntry));
+  } else if (generation == Generation::Modern || generation == Generation::Swift4) {
     ModernParser parser(arena, buffers, body, generation == Generation::Swift4);
     global = parser.parse();
   } else {

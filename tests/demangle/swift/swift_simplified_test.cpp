@@ -42,6 +42,9 @@ TEST(SwiftSimplified, AppFrames) {
       {"$s5MyApp13CrashingClassC5crashyyFZ", "static CrashingClass.crash()"},
       // The same through the extra underscore of a Mach-O symbol table.
       {"_$s5MyApp13CrashingClassC5crashyyFZ", "static CrashingClass.crash()"},
+      // Top-level async code: its entry point has no prefix; a resumption
+      // shows as the function itself.
+      {"_async_MainTQ0_", "async main entry point"},
   };
   for (const Row& row : rows) EXPECT_EQ(demangle(row.mangled).value_or("(nothing)"), row.expected) << row.mangled;
 }
