@@ -14,3 +14,4 @@ symlift_fuzz_target(property_list_fuzzer SOURCES ${_fuzz}/property_list_fuzzer.c
 symlift_fuzz_target(records_store_fuzzer SOURCES ${_fuzz}/records_store_fuzzer.cpp DEPS symlift_records)
 symlift_fuzz_target(lumo_json_fuzzer SOURCES ${_fuzz}/lumo_json_fuzzer.cpp DEPS symlift_cli)
 symlift_fuzz_target(response_headers_fuzzer SOURCES ${_fuzz}/response_headers_fuzzer.cpp DEPS symlift_network)
+symlift_fuzz_target(swift_demangle_fuzzer SOURCES ${_fuzz}/swift_demangle_fuzzer.cpp DEPS symlift_swift_demangle)

@@ -2,6 +2,8 @@
 
 #include <llvm/Demangle/Demangle.h>
 
+#include "demangle/swift/swift_demangler.h"
+
 #include <cstdlib>
 #include <memory>
 
@@ -29,6 +31,16 @@ std::optional<std::string> demangleItanium(std::string_view machOName) {
   std::unique_ptr<char, FreeDeleter> text(llvm::itaniumDemangle(name));
   if (!text) return std::nullopt;
   return std::string(text.get());
+}
+
+std::optional<std::string> demangleSwift(std::string_view machOName) {
+  if (!swift::isSwiftMangledName(machOName)) return std::nullopt;
+  return swift::demangle(machOName, swift::Form::Simplified);
+}
+
+std::optional<std::string> demangled(std::string_view machOName) {
+  if (auto name = demangleItanium(machOName)) return name;
+  return demangleSwift(machOName);
 }
 
 std::string_view plainDisplayName(std::string_view machOName) {

@@ -51,7 +51,7 @@ void setNames(ImageSymbol& symbol, const Candidate& candidate, const DebugInfo* 
     }
   }
   if (!symbol.mangledName) return;
-  if (auto demangled = demangle::demangleItanium(*symbol.mangledName)) symbol.name = out.names.copy(*demangled);
+  if (auto demangled = demangle::demangled(*symbol.mangledName)) symbol.name = out.names.copy(*demangled);
   else symbol.name = demangle::plainDisplayName(*symbol.mangledName);
 }
 

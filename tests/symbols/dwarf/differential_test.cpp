@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "demangle/demangle.h"
 #include "support/test_support.h"
 #include "symbols/dwarf/debug_info.h"
 #include "symbols/dwarf/dwarf_provider.h"
@@ -93,7 +94,8 @@ std::vector<Answer> symbolizerAnswers(const fs::path& file, const std::string& a
   while (std::getline(output, function) && std::getline(output, location)) {
     std::getline(output, blank);
     Answer answer;
-    answer.function = function;
+    // The symbolizer leaves Swift names mangled; ours come demangled.
+    answer.function = demangle::demangleSwift(function).value_or(function);
     // file:line:column, where the file may itself hold colons.
     std::size_t column = location.rfind(':');
     std::size_t line = column == std::string::npos ? std::string::npos : location.rfind(':', column - 1);

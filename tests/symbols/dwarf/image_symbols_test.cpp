@@ -335,7 +335,7 @@ TEST(ImageSymbolsTest, SymbolTableGivesNamesAndExtentsAndWinsOverDwarfNames) {
             "10+10 __ZN2ns5thingEv | ns::thing()\n"
             "20+10 -[Widget spin:] | -[Widget spin:]\n"
             "30+10 _alias_last | alias_last\n"
-            "40+10 _$s4main3fooyyF | $s4main3fooyyF\n"
+            "40+10 _$s4main3fooyyF | foo()\n"
             "50+fb0 __Znot_mangled | _Znot_mangled\n");
 
   // With DWARF: the table's name, the subprogram's extent.
