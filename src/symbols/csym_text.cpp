@@ -1,5 +1,7 @@
 #include "symbols/csym_text.h"
 
+#include <algorithm>
+
 #include <charconv>
 #include <cstring>
 
@@ -57,18 +59,39 @@ CSYMFileTable::Entry CSYMFileTable::fileFor(std::string_view path) {
   return {found->second, found->first, isNew};
 }
 
-CSYMTextBuilder::CSYMTextBuilder(std::size_t expectedRanges) {
+CSYMTextBuilder::CSYMTextBuilder(std::size_t expectedRanges, std::uint64_t byteBudget) : budget_(byteBudget) {
   const std::size_t rangeBytes = expectedRanges * kReservedRangeLineSize;
-  ranges_.reserve(rangeBytes + rangeBytes / kReservedPrefixShare);
+  ranges_.reserve(static_cast<std::size_t>(
+      std::min<std::uint64_t>(rangeBytes + rangeBytes / kReservedPrefixShare, byteBudget)));
+}
+
+bool CSYMTextBuilder::fits(std::size_t n) {
+  if (overflowed_) return false;
+  if (std::uint64_t{files_.size()} + symbols_.size() + ranges_.size() + n <= budget_) return true;
+  overflowed_ = true;
+  std::string().swap(files_);
+  std::string().swap(symbols_);
+  std::string().swap(ranges_);
+  return false;
 }
 
 std::int64_t CSYMTextBuilder::addSymbol(std::string_view name) {
-  symbols_.append(name);
+  // One name a line: a line feed inside a name (the file's own bytes) could
+  // otherwise start a line, even a section, of its own. It is removed, as
+  // in paths.
+  if (!fits(name.size() + 1)) return static_cast<std::int64_t>(symbolCount_++);
+  if (name.find('\n') == std::string_view::npos) {
+    symbols_.append(name);
+  } else {
+    for (char c : name)
+      if (c != '\n') symbols_.push_back(c);
+  }
   symbols_.push_back('\n');
   return static_cast<std::int64_t>(symbolCount_++);
 }
 
 void CSYMTextBuilder::addFileLine(std::string_view path) {
+  if (!fits(path.size() + 1)) return;
   files_.append(path);
   files_.push_back('\n');
   ++fileCount_;
@@ -87,6 +110,8 @@ void CSYMTextBuilder::addRange(std::uint64_t location, std::uint64_t length, std
 
 void CSYMTextBuilder::addRangeLine(std::uint64_t location, std::uint64_t length, std::int64_t symbolIndex,
                                    std::int64_t fileIndex, std::int64_t line) {
+  // Five numbers of at most 20 characters each, and their separators.
+  if (!fits(5 * 21)) return;
   // Addresses are unsigned but written as signed numbers, like every count.
   appendNumber(ranges_, static_cast<std::int64_t>(location));
   ranges_.push_back('\t');

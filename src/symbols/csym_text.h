@@ -10,6 +10,7 @@
 // CSYMTextBuilder is the only writer of it.
 
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -60,8 +61,13 @@ class CSYMFileTable {
 // addFileLine and addRangeLine instead, exactly as they are.
 class CSYMTextBuilder {
  public:
-  // expectedRanges only sizes the buffer (reserved, not touched).
-  explicit CSYMTextBuilder(std::size_t expectedRanges = 0);
+  // expectedRanges only sizes the buffer (reserved, not touched). Text past
+  // byteBudget is not kept: the builder then counts as overflowed, and its
+  // buffers are let go.
+  explicit CSYMTextBuilder(std::size_t expectedRanges = 0,
+                           std::uint64_t byteBudget = std::numeric_limits<std::uint64_t>::max());
+
+  bool overflowed() const { return overflowed_; }
 
   // Appends a symbol; returns its index.
   std::int64_t addSymbol(std::string_view name);
@@ -84,6 +90,12 @@ class CSYMTextBuilder {
   std::string finish(std::uint64_t sourceType, const std::optional<std::string>& uuid, std::string_view arch);
 
  private:
+  // Whether the text stays within its budget after n more bytes; when not,
+  // the builder overflows for good.
+  bool fits(std::size_t n);
+
+  std::uint64_t budget_;
+  bool overflowed_ = false;
   std::string files_;
   std::string symbols_;
   std::string ranges_;

@@ -1,5 +1,7 @@
 #include "symbols/symbol_processor.h"
 
+#include "console/console_log.h"
+
 #include <algorithm>
 #include <filesystem>
 #include <mutex>
@@ -114,6 +116,15 @@ void forEachOwner(const std::string& file, SymbolFileCache& cache, SymbolFileCac
     });
   });
   cache.recordFacts(file, facts);
+}
+
+// What a slice's cSYM may weigh: many times the slice itself (a real one
+// is a fraction of it), and never less than a floor for small slices.
+constexpr std::uint64_t kCSYMBudgetPerSliceByte = 16;
+constexpr std::uint64_t kCSYMBudgetFloor = std::uint64_t{256} << 20;
+
+std::uint64_t csymBudgetFor(const SymbolOwner& owner) {
+  return std::max(kCSYMBudgetFloor, kCSYMBudgetPerSliceByte * owner.sliceBytes());
 }
 
 support::ErrorPtr errorForSlice(const std::optional<std::string>& uuid) {
@@ -271,11 +282,19 @@ void SUPSymbolProcessor::enumerateFormattedDataVersion(std::uint64_t /*version*/
   forEachOwner(executablePathForInputPath(path), cache, SymbolFileCache::Decoded::kLetGo,
                [&](const SymbolOwner& owner, const std::optional<std::string>& uuid, const std::string& arch,
                    SymbolFileFacts& facts) {
-                 CSYMTextBuilder builder(owner.sourceInfoCountHint());
+                 CSYMTextBuilder builder(owner.sourceInfoCountHint(), csymBudgetFor(owner));
                  readSlice(owner, builder, facts);
                  const std::uint64_t sourceType = sourceTypeForOwner(owner);
                  std::string data = builder.finish(sourceType, uuid, arch);
-                 visitor(sourceType, uuid, arch, data, errorForSlice(uuid));
+                 support::ErrorPtr error = errorForSlice(uuid);
+                 if (builder.overflowed()) {
+                   // Debug information made to blow up (one long path for
+                   // thousands of files, say): the slice is left out.
+                   console::SYLLogError("The cSYM of the {} slice of {} would be larger than {} MB: left out", arch,
+                                        console::printable(path), csymBudgetFor(owner) >> 20);
+                   error = support::makeError(kSymbolicationErrorDomain, 1);
+                 }
+                 visitor(sourceType, uuid, arch, data, error);
                });
 }
 

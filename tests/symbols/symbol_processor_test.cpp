@@ -81,6 +81,9 @@ TEST(SymbolProcessor, TextOfASliceFromItsSymbols) {
         cSymbol("b", kBase + 16, 16, {{"/s/one.c", 3, kBase + 16, 8}, {"/s/two.c", 4, kBase + 24, 8}})},
        "2\t2\t4\nfiles\t2\n/s/two.c\n/s/one.c\nsymbols\t2\na\nb\nranges\t4\n"
        "0\t8\t0\t0\t1\n8\t8\t0\t1\t2\n16\t8\t1\t1\t3\n24\t8\t1\t0\t4\n"},
+      {"a line feed inside a name is removed, so the name cannot start a section",
+       {cSymbol("ev\nil\nranges\t9", kBase, 8)},
+       "0\t1\t1\nfiles\t0\nsymbols\t1\nevilranges\t9\nranges\t1\n0\t8\t0\t-1\t-1\n"},
       {"off-limit names are listed mangled",
        {FakeSymbol{"__TFO8PlayKids19RawRepresentableBoxg8rawValueqq_Ss16RawRepresentable8RawValue", "box", kBase, 8,
                    {}},

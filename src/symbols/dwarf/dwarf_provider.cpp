@@ -50,6 +50,7 @@ class ImageOwner final : public SymbolOwner {
   }
 
   std::size_t sourceInfoCountHint() const override { return symbols_.sources.size() + symbols_.symbols.size(); }
+  std::uint64_t sliceBytes() const override { return image_.bytes.size(); }
 
  private:
   const macho::MachOImage& image_;

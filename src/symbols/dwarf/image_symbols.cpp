@@ -316,8 +316,12 @@ ImageSymbols readImageSymbols(const macho::MachOImage& image, const DecodeOption
     const Candidate& candidate = candidates[i];
     ImageSymbol symbol;
     symbol.address = candidate.address;
-    std::uint64_t end = candidate.dwarfEnd ? *candidate.dwarfEnd
-                                           : (i + 1 < candidates.size() ? candidates[i + 1].address : textEnd);
+    // An extent ends where the next symbol starts, at the latest: an address
+    // belongs to the nearest symbol at or before it, so overlapping extents
+    // (which only damaged or unusual debug information has) never hand one
+    // row to several symbols, and the work stays linear in the rows.
+    const std::uint64_t next = i + 1 < candidates.size() ? candidates[i + 1].address : textEnd;
+    const std::uint64_t end = candidate.dwarfEnd ? std::min(*candidate.dwarfEnd, next) : next;
     symbol.length = end - candidate.address;
     setNames(symbol, candidate, debugInfo ? &*debugInfo : nullptr, out);
     out.symbols.push_back(symbol);
