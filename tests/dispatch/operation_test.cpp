@@ -1,6 +1,6 @@
 // Operations and their queues: width, order, dependencies, completion
-// blocks and cancellation; asynchronous operations' notices and their one
-// outcome; compound operations counting their sub-operations' ends.
+// blocks and cancellation; asynchronous operations' one outcome; compound
+// operations counting their sub-operations' ends.
 
 #include <gtest/gtest.h>
 
@@ -23,32 +23,26 @@ namespace {
 using namespace std::chrono_literals;
 
 // A synchronous operation that runs a function.
-class BlockOperation : public Operation {
- public:
-  explicit BlockOperation(std::function<void()> body) : body_(std::move(body)) {}
-  void main() override { body_(); }
-
- private:
-  std::function<void()> body_;
+struct BlockOperation : Operation {
+  explicit BlockOperation(std::function<void()> body) : body(std::move(body)) {}
+  void main() override { body(); }
+  std::function<void()> body;
 };
 
 // An asynchronous operation that ends on another thread, after main has
 // returned and the delay has passed, with the error it was given.
-class DelayedAsyncOperation : public SUPKITAsyncOperation {
- public:
-  DelayedAsyncOperation(ThreadPool& pool, std::chrono::milliseconds delay = 0ms, support::ErrorPtr error = nullptr)
-      : SUPKITAsyncOperation("DelayedAsyncOperation"), pool_(pool), delay_(delay), error_(std::move(error)) {}
+struct DelayedAsyncOperation : SUPKITAsyncOperation {
+  DelayedAsyncOperation(ThreadPool& pool, std::chrono::milliseconds delay, support::ErrorPtr error)
+      : SUPKITAsyncOperation("DelayedAsyncOperation"), pool(pool), delay(delay), error(std::move(error)) {}
   void main() override {
     mainRuns++;
     auto self = std::static_pointer_cast<DelayedAsyncOperation>(shared_from_this());
-    pool_.submitAfter(delay_, [self] { self->finishWithError(self->error_); });
+    pool.submitAfter(delay, [self] { self->finishWithError(self->error); });
   }
+  ThreadPool& pool;
+  std::chrono::milliseconds delay;
+  support::ErrorPtr error;
   std::atomic<int> mainRuns{0};
-
- private:
-  ThreadPool& pool_;
-  std::chrono::milliseconds delay_;
-  support::ErrorPtr error_;
 };
 
 std::shared_ptr<DelayedAsyncOperation> after(ThreadPool& pool, std::chrono::milliseconds delay,
@@ -70,7 +64,7 @@ TEST(OperationQueueTest, WidthOneRunsInOrderOneAtATime) {
     events.push_back(std::move(event));
   };
   std::atomic<int> running{0}, maxRunning{0};
-  auto slow = std::make_shared<DelayedAsyncOperation>(pool, 40ms);
+  auto slow = after(pool, 40ms);
   std::vector<std::shared_ptr<Operation>> ops{slow};
   std::vector<std::string> expected;
   for (int i = 0; i < 20; ++i) {
@@ -108,7 +102,7 @@ TEST(OperationQueueTest, DependencyOnAnotherQueueDelaysStart) {
   ThreadPool pool;
   auto first = OperationQueue::create(pool);
   auto second = OperationQueue::create(pool);
-  auto dependency = std::make_shared<DelayedAsyncOperation>(pool, 40ms);
+  auto dependency = after(pool, 40ms);
   std::atomic<bool> sawDependencyFinished{false};
   auto dependent = std::make_shared<BlockOperation>([&] { sawDependencyFinished = dependency->isFinished(); });
   dependent->addDependency(dependency);
@@ -124,7 +118,7 @@ TEST(OperationQueueTest, CancelledOperationsSkipMainButStillComplete) {
   ThreadPool pool;
   auto queue = OperationQueue::create(pool);
   std::atomic<bool> ran{false}, completed{false};
-  auto blocker = std::make_shared<DelayedAsyncOperation>(pool, 1000ms);
+  auto blocker = after(pool, 1000ms);
   auto op = std::make_shared<BlockOperation>([&] { ran = true; });
   op->addDependency(blocker);  // would wait a second if it were not cancelled
   op->setCompletionBlock([&] { completed = true; });
@@ -136,39 +130,11 @@ TEST(OperationQueueTest, CancelledOperationsSkipMainButStillComplete) {
   EXPECT_TRUE(op->isFinished());
 }
 
-struct RecordedNotice {
-  std::string key;
-  bool prior, executing, finished;
-  bool operator==(const RecordedNotice&) const = default;
-};
-
-TEST(SUPKITAsyncOperationTest, NoticesComeInLifecycleOrder) {
-  ThreadPool pool;
-  auto op = std::make_shared<DelayedAsyncOperation>(pool, 5ms);
-  std::mutex mutex;
-  std::vector<RecordedNotice> notices;
-  // The observer reads the state from inside the notice: the lock is recursive.
-  op->addObserver([&, raw = op.get()](std::string_view key, bool prior) {
-    std::lock_guard<std::mutex> guard(mutex);
-    notices.push_back({std::string(key), prior, raw->isExecuting(), raw->isFinished()});
-  });
-  OperationQueue::create(pool)->addOperationAndWait(op);
-  std::lock_guard<std::mutex> guard(mutex);
-  EXPECT_EQ(notices, (std::vector<RecordedNotice>{
-                         {"isExecuting", true, false, false},
-                         {"isExecuting", false, true, false},
-                         {"isExecuting", true, true, false},
-                         {"isExecuting", false, false, false},
-                         {"isFinished", true, false, false},
-                         {"isFinished", false, false, true},
-                     }));
-}
-
 // The completion has returned before the operation reads as finished, and
 // only the first end counts.
 TEST(SUPKITAsyncOperationTest, CompletionRunsOnceAndBeforeFinishedReadsTrue) {
   ThreadPool pool;
-  auto op = std::make_shared<DelayedAsyncOperation>(pool, 5ms, support::makeError("D", 7));
+  auto op = after(pool, 5ms, support::makeError("D", 7));
   std::atomic<int> calls{0};
   std::atomic<bool> finishedDuringCompletion{true}, executingDuringCompletion{false};
   support::ErrorPtr received;
