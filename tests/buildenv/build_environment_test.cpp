@@ -1,9 +1,12 @@
 // The policies read from an Xcode build's environment: platform, dSYM paths,
-// the completeness check, the wait for the dSYM and CI detection.
+// the completeness check, the wait for the dSYM, CI detection and the process
+// ancestry it looks at.
 
 #include "buildenv/build_environment.h"
+#include "buildenv/process_ancestry.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <deque>
 #include <filesystem>
@@ -55,23 +58,16 @@ TEST(BuildEnvironmentTest, ObfuscationWarningAndSplitDebugInfoLine) {
       "or upload dSYMs manually using the Pelloran console web uploader at "
       "https://console.pelloran.example/project/_/vantrel\n";
   const std::string split = "--split-debug-info enabled, using dSYMs at path (/p/Release-iphoneos/)\n";
-  const struct {
-    const char* name;
-    const char* value;
-    bool lumo;
-    std::string printed;
-  } rows[] = {
+  const std::tuple<const char*, const char*, bool, std::string> rows[] = {
       {"VEXA_OBFUSCATION", "true", false, warning}, {"VEXA_OBFUSCATION", "true", true, warning},
       {"VEXA_OBFUSCATION", "TRUE", true, ""},       {"VEXA_OBFUSCATION", "1", true, ""},
-      {"VEXA_OBFUSCATION", "", true, ""},           {"SPLIT_DEBUG_INFO", "", true, split},
-      {"SPLIT_DEBUG_INFO", "", false, ""},
+      {"SPLIT_DEBUG_INFO", "", true, split},        {"SPLIT_DEBUG_INFO", "", false, ""},
   };
-  for (const auto& row : rows) {
+  for (const auto& [name, value, lumo, printed] : rows) {
     auto environment = kLumo;
-    environment[row.name] = row.value;
-    EXPECT_EQ(consoleOutput(console::kLogLevelDebug, [&] { dSYMPathsFromEnvironment(environment, row.lumo); }),
-              row.printed)
-        << row.name << "=" << row.value << (row.lumo ? ", Lumo" : "");
+    environment[name] = value;
+    EXPECT_EQ(consoleOutput(console::kLogLevelDebug, [&] { dSYMPathsFromEnvironment(environment, lumo); }), printed)
+        << name << "=" << value << (lumo ? ", Lumo" : "");
   }
 }
 
@@ -153,16 +149,6 @@ TEST(BuildEnvironmentTest, WaitForDSYMReadsTheSizesInOrder) {
   }
 }
 
-// The size of the entry itself; a missing one is 0, with a system log line.
-TEST(BuildEnvironmentTest, FileSizeAtPath) {
-  TempDir dir;
-  EXPECT_EQ(fileSizeAtPath(dir.write("a/data.bin", std::string(1234, 'x')).string()), 1234);
-  const std::string missing = dir.str() + "/none.dSYM/Contents/Resources/DWARF";
-  symlift::testing::CapturedOutput err(STDERR_FILENO);
-  EXPECT_EQ(fileSizeAtPath(missing), 0);
-  EXPECT_TRUE(err.take().ends_with("] Unable to get file attributes for dSYM file at path \"" + missing + "\"\n"));
-}
-
 TEST(BuildEnvironmentTest, CIUnlessAnXcodeOrTheDesktopAppIsFound) {
   const struct {
     bool xcodeServer, desktopApp, xcode, ci;
@@ -189,19 +175,75 @@ TEST(BuildEnvironmentTest, CIUnlessAnXcodeOrTheDesktopAppIsFound) {
 
   // The desktop app is the handler xdg-mime names; here a stand-in on PATH.
   TempDir dir;
-  auto script = dir.write("bin/xdg-mime", "#!/bin/sh\n[ \"$*\" = 'query default x-scheme-handler/vantrel' ] && "
-                                          "cat \"$(dirname \"$0\")/handler\"\n");
-  std::filesystem::permissions(script, std::filesystem::perms::owner_all);
-  const std::string path = std::getenv("PATH") ? std::getenv("PATH") : "";
-  symlift::testing::ScopedEnvironment withStandIn("PATH", dir.str() + "/bin:" + path);
+  std::filesystem::permissions(dir.write("bin/xdg-mime", "#!/bin/sh\n[ \"$*\" = 'query default x-scheme-handler/vantrel' ] && "
+                                                         "cat \"$(dirname \"$0\")/handler\"\n"),
+                               std::filesystem::perms::owner_all);
+  symlift::testing::ScopedEnvironment withStandIn("PATH", dir.str() + "/bin:/usr/bin:/bin");
   dir.write("bin/handler", "vantrel-desktop.desktop\n");
   EXPECT_TRUE(isDesktopAppInstalled());
   EXPECT_FALSE(isRunningInCI());  // not under Xcode Server, app installed
   dir.write("bin/handler", "\n");
   EXPECT_FALSE(isDesktopAppInstalled());
   EXPECT_TRUE(isRunningInCI());  // no app and no Xcode ancestor
-  symlift::testing::ScopedEnvironment noStandIn("PATH", dir.str() + "/none");
-  EXPECT_FALSE(isDesktopAppInstalled());
+}
+
+using Names = std::vector<std::string>;
+
+// The name runs to the last closing parenthesis.
+TEST(BuildEnvironmentTest, ParsesTheStatLine) {
+  const std::pair<const char*, std::optional<std::pair<std::string, long>>> rows[] = {
+      {"4242 (bash) S 4100 4242 4242 34816 4300 4194304 1\n", std::pair{"bash", 4100}},
+      {"77 (a) b) (c d) R 12 77 77 0", std::pair{"a) b) (c d", 12}},
+      {"", std::nullopt},           {"12 bash S 1", std::nullopt}, {"12 (bash S 1", std::nullopt},
+      {"12 )bash( S 1", std::nullopt}, {"12 (bash)", std::nullopt}, {"12 (bash) S x", std::nullopt},
+  };
+  for (const auto& [text, expected] : rows) {
+    auto status = parseProcessStat(text);
+    EXPECT_EQ(status ? std::optional(std::pair{status->commandName, status->parentID}) : std::nullopt, expected)
+        << text;
+  }
+}
+
+// pid → status; reads of a pid in `failing` fail that many times first.
+struct FakeTable {
+  std::map<long, ProcessStatus> processes;
+  std::map<long, int> failing = {};
+  std::vector<long> reads = {};
+  std::optional<ProcessStatus> operator()(long pid) {
+    reads.push_back(pid);
+    if (failing[pid] > 0 && failing[pid]--) return std::nullopt;
+    auto found = processes.find(pid);
+    return found == processes.end() ? std::nullopt : std::optional(found->second);
+  }
+};
+
+// Up to the first process (pid 1, or the outermost one of a PID namespace,
+// whose parent 0 has no entry); five failed reads of one process end it.
+TEST(BuildEnvironmentTest, WalksUpToTheFirstProcess) {
+  FakeTable table{{{300, {"symlift", 200}}, {200, {"Xcode", 1}}, {1, {"launchd", 0}}, {0, {"kernel", 0}}}};
+  EXPECT_EQ(ancestorProcessNames(300, std::ref(table)), (Names{"symlift", "Xcode", "launchd"}));
+  EXPECT_EQ(table.reads, (std::vector<long>{300, 200, 1}));
+  FakeTable container{{{30, {"symlift", 7}}, {7, {"sh", 0}}}};
+  EXPECT_EQ(ancestorProcessNames(30, std::ref(container)), (Names{"symlift", "sh"}));
+
+  table.failing[200] = 4;
+  EXPECT_EQ(ancestorProcessNames(300, std::ref(table)), (Names{"symlift", "Xcode", "launchd"}));
+  table.reads.clear();
+  table.failing[200] = 5;
+  EXPECT_EQ(ancestorProcessNames(300, std::ref(table)), (Names{"symlift"}));
+  EXPECT_EQ(table.reads, (std::vector<long>{300, 200, 200, 200, 200, 200}));
+}
+
+TEST(BuildEnvironmentTest, RealProcessTable) {
+  auto self = readProcessStatus(static_cast<long>(getpid()));
+  ASSERT_TRUE(self);
+  EXPECT_EQ(self->parentID, static_cast<long>(getppid()));
+  auto parent = readProcessStatus(self->parentID);
+  ASSERT_TRUE(parent);
+  EXPECT_TRUE(hasAncestorProcessNamed("buildenv_tests"));  // the test runner itself
+  EXPECT_TRUE(hasAncestorProcessNamed(parent->commandName));
+  EXPECT_FALSE(hasAncestorProcessNamed("buildenv_test"));  // exact names only
+  EXPECT_FALSE(hasAncestorProcessNamed("no-such-process"));
 }
 
 }  // namespace

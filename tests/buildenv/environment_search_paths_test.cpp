@@ -2,6 +2,7 @@
 // settings whose blanks were not escaped rebuilt from their pieces.
 
 #include "buildenv/environment_search_paths.h"
+#include "buildenv/task.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -88,17 +89,20 @@ TEST_F(SearchPathsTest, MangledSettingsAreRebuiltFromTheirPieces) {
                 Optional(ElementsAre(at("Lib"), at("My Frameworks"))));
 }
 
-// The file manager is asked, not the disk: folders a fake one claims count.
-TEST(SearchPathsFileManagerTest, ParsersAskTheGivenFileManager) {
-  struct ClaimedFolders : SUPFileManager {
-    bool fileExistsAtPath(const std::string& path, bool& isDirectory) const override {
-      isDirectory = true;
-      return path == "/Volumes/Build Disk/Frameworks" || path == "/opt/sdk";
-    }
-  } folders;
-  EXPECT_THAT(SUPEnvironment::parseFrameworkSearchPathsFromString("/Volumes/Build Disk/Frameworks /opt/sdk/**", "",
-                                                                  folders),
-              Optional(ElementsAre("/Volumes/Build Disk/Frameworks", "/opt/sdk/**")));
+// Words of a setting: blanks split, quotes group, backslashes escape.
+TEST(SearchPathsWordsTest, BlanksQuotesAndEscapes) {
+  const std::pair<std::string, Paths> rows[] = {
+      {" \t\n ", {}},
+      {"-F/a  -F\t/b\n-framework\r\nUIKit ", {"-F/a", "-F", "/b", "-framework", "UIKit"}},
+      {"\"/My Frameworks\" '/Other Place' -F\"$(SRCROOT)/V L\"/x", {"/My Frameworks", "/Other Place", "-F$(SRCROOT)/V L/x"}},
+      {"a \"\" '' b", {"a", "", "", "b"}},
+      {"'it\"s' \"it's\"", {"it\"s", "it's"}},
+      {"/My\\ Frameworks \\\"q\\\"", {"/My Frameworks", "\"q\""}},
+      {"\"a\\\"b\\\\c\\d\" 'a\\ b'", {"a\"b\\c\\d", "a\\ b"}},
+      {"one\\\ntwo three end\\", {"onetwo", "three", "end\\"}},
+      {"a \"b c", {"a", "b c"}},  // an unterminated quote runs to the end
+  };
+  for (const auto& [text, words] : rows) EXPECT_EQ(SUPTask::parsedArgumentsFromString(text), words) << text;
 }
 
 }  // namespace

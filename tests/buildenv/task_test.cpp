@@ -1,4 +1,4 @@
-// Running a program (unzip, xdg-mime) and the parsers of command-line text.
+// Running a program (unzip, xdg-mime): its streams, status and time limit.
 
 #include "buildenv/task.h"
 
@@ -6,16 +6,13 @@
 #include <signal.h>
 
 #include <chrono>
-#include <filesystem>
 
-#include "support/scoped_environment.h"
 #include "support/test_support.h"
 
 namespace symlift::buildenv {
 namespace {
 
 using symlift::testing::TempDir;
-using Words = std::vector<std::string>;
 
 struct Result {
   bool called = false;
@@ -89,18 +86,9 @@ TEST(TaskTest, ProgramThatCannotStartSkipsTheCompletion) {
   EXPECT_EQ(SUPTask::stdoutWithLaunchPath("/nonexistent/program", {}), std::nullopt);
 }
 
-// Exactly the environment given (else ours), the working directory given,
-// the program path as argv[0] and the arguments unsplit; text output only
-// when it is UTF-8.
-TEST(TaskTest, EnvironmentWorkingDirectoryAndArguments) {
-  EXPECT_EQ(runShell("echo \"[$PROBE][${HOME-unset}]\"", 0, {}, SUPTask::EnvironmentMap{{"PROBE", "a b"}}).out,
-            "[a b][unset]\n");
-  {
-    symlift::testing::ScopedEnvironment inherited("SYMLIFT_INHERITED_PROBE", "from parent");
-    EXPECT_EQ(runShell("echo \"$SYMLIFT_INHERITED_PROBE\"").out, "from parent\n");
-  }
-  TempDir dir;
-  EXPECT_EQ(runShell("pwd -P", 0, dir.str()).out, std::filesystem::canonical(dir.path()).string() + "\n");
+// argv[0] is the program path and the arguments arrive unsplit; the text
+// output is given only when it is UTF-8.
+TEST(TaskTest, ArgumentsAndUTF8Output) {
   EXPECT_EQ(runShell("echo \"$0\"").out, "/bin/sh\n");
   EXPECT_EQ(SUPTask::stdoutWithLaunchPath("/bin/sh", {"-c", "printf '%s|' \"$@\"", "zero", "a b", "", "c"}),
             "a b||c|");
@@ -108,31 +96,6 @@ TEST(TaskTest, EnvironmentWorkingDirectoryAndArguments) {
   EXPECT_TRUE(SUPTask::isValidUTF8("plain /usr/bin/unzip\n Gr\xC3\xBC\xC3\x9F" "e \xE2\x82\xAC \xF0\x9F\x98\x80"));
   for (const char* bad : {"\xFF", "\xC3", "\xC0\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xE2\x28\xA1"})
     EXPECT_FALSE(SUPTask::isValidUTF8(bad));  // stray, truncated, overlong, surrogate, too big, bad continuation
-}
-
-TEST(TaskTest, ParsedArgumentsBlanksQuotesAndEscapes) {
-  const std::pair<std::string, Words> rows[] = {
-      {" \t\n ", {}},
-      {"-F/a  -F\t/b\n-framework\r\nUIKit ", {"-F/a", "-F", "/b", "-framework", "UIKit"}},
-      {"\"/My Frameworks\" '/Other Place' -F\"$(SRCROOT)/V L\"/x", {"/My Frameworks", "/Other Place", "-F$(SRCROOT)/V L/x"}},
-      {"a \"\" '' b", {"a", "", "", "b"}},
-      {"'it\"s' \"it's\"", {"it\"s", "it's"}},
-      {"/My\\ Frameworks \\\"q\\\"", {"/My Frameworks", "\"q\""}},
-      {"\"a\\\"b\\\\c\\d\" 'a\\ b'", {"a\"b\\c\\d", "a\\ b"}},
-      {"one\\\ntwo three end\\", {"onetwo", "three", "end\\"}},
-      {"a \"b c", {"a", "b c"}},  // an unterminated quote runs to the end
-  };
-  for (const auto& [text, words] : rows) EXPECT_EQ(SUPTask::parsedArgumentsFromString(text), words) << text;
-}
-
-TEST(TaskTest, OptionValuesInJoinedAndSeparateForms) {
-  const Words words{"-F/a", "-F", "/b", "-framework", "UIKit", "-iframework", "/c", "-F"};
-  EXPECT_EQ(SUPTask::valuesForOptionPrefixes(words, {"-F"}, true), (Words{"/a", "/b"}));
-  EXPECT_EQ(SUPTask::valuesForOptionPrefixes(words, {"-F"}, false), (Words{"/a"}));
-  EXPECT_EQ(SUPTask::valuesForOptionPrefixes(words, {"-F", "-iframework"}, true), (Words{"/a", "/b", "/c"}));
-  // A value taken from the next word is not read as an option itself.
-  EXPECT_EQ(SUPTask::valuesForOptionPrefixes({"-F", "-Fnot-an-option", "-F/x"}, {"-F"}, true),
-            (Words{"-Fnot-an-option", "/x"}));
 }
 
 }  // namespace

@@ -9,7 +9,6 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <future>
@@ -130,39 +129,6 @@ TEST(DispatchQueueTest, DelayedItemsFireInDueOrderAfterTheirDelay) {
   EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
   EXPECT_GE(background.get_future().get() - began, step);
   EXPECT_FALSE(late->load());
-}
-
-// The retry ladder's shape: delayed work that, when it runs, schedules the
-// next delayed step. Many ladders at once, with delays of a millisecond or
-// two, must all reach their end.
-TEST(DispatchQueueTest, DelayedChainsScheduledFromFiredWorkAllFinish) {
-  ThreadPool pool;
-  constexpr int kChains = 48, kSteps = 25;
-  std::mutex mutex;
-  std::condition_variable finished;
-  int chainsDone = 0;
-  auto queue = SerialDispatchQueue::create(pool, "test.chains");
-  std::function<void(int, int)> step = [&](int chain, int remaining) {
-    if (remaining == 0) {
-      std::lock_guard<std::mutex> guard(mutex);
-      ++chainsDone;
-      finished.notify_all();
-      return;
-    }
-    auto delay = std::chrono::microseconds((chain * 7 + remaining * 13) % 2000);
-    DispatchQueue& target = chain % 3 == 0 ? static_cast<DispatchQueue&>(*queue) : pool.concurrentQueue();
-    target.asyncAfter(delay, [&step, chain, remaining] { step(chain, remaining - 1); });
-  };
-  std::vector<std::thread> starters;
-  for (int t = 0; t < 4; ++t)
-    starters.emplace_back([&, t] {
-      for (int chain = t; chain < kChains; chain += 4) step(chain, kSteps);
-    });
-  for (auto& thread : starters) thread.join();
-  std::unique_lock<std::mutex> lock(mutex);
-  bool all = finished.wait_for(lock, 60s, [&] { return chainsDone == kChains; });
-  EXPECT_TRUE(all) << chainsDone << " of " << kChains << " chains finished";
-  if (!all) std::abort();  // the steps refer to this frame
 }
 
 TEST(ThreadPoolTest, ParallelLoopCallsEveryIndexOnceOnAtMostMaxParallelThreads) {

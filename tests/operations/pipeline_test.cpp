@@ -1,7 +1,7 @@
 // The dSYM pipeline on real queues: a whole upload of a fat dSYM to the local
 // stand-in service (which the ThreadSanitizer run watches), and what only a
-// unit can set up: a dSYM gone before processing, a planted cSYM this run did
-// not write, and the upload request itself.
+// unit can set up: a planted cSYM this run did not write, and the upload
+// request itself.
 
 #include <gtest/gtest.h>
 
@@ -84,19 +84,6 @@ TEST_F(PipelineTest, UploadsEverySliceThenNothingIsLeftBehind) {
   });
   EXPECT_EQ(slices, 2u);
   EXPECT_EQ(tmp_.fileNames(), std::vector<std::string>{});
-}
-
-TEST_F(PipelineTest, DSYMRemovedBeforeProcessingIsReportedAsGone) {
-  TempDir copy;
-  fs::copy(fixturesDir() / "Hello.dSYM", copy.path() / "Hello.dSYM", fs::copy_options::recursive);
-  auto container = containerForBundle(copy.path() / "Hello.dSYM", "Hello", false);
-  fs::remove_all(copy.path() / "Hello.dSYM");
-  auto operation = std::make_shared<SUPProcessDSYMOperation>(context_);
-  operation->setCodeMappingInfo(container);
-  support::ErrorPtr error = run(operation);
-  ASSERT_NE(error, nullptr);
-  EXPECT_EQ(std::tie(error->domain, error->code), std::make_tuple(kProcessDSYMErrorDomain, 2));
-  EXPECT_EQ(failureReason(error), "File no longer exists at " + container->URL()->string());
 }
 
 // Another run may have put a file at the slice's predictable cSYM name: it

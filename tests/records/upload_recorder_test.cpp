@@ -1,6 +1,7 @@
 // The upload recorder against a real store folder (XDG_CACHE_HOME points into
 // a temporary folder): where the store lives, which executables count as
-// recorded, the 200-record limit, damaged stores, and parallel recording.
+// recorded, the 200-record limit, damaged stores, and the lock that keeps
+// parallel recording from losing records.
 
 #include "records/upload_recorder.h"
 
@@ -12,11 +13,12 @@
 #include <filesystem>
 #include <fstream>
 
-#include "console/console_log.h"
 #include "macho/macho_binary.h"
+#include "records/store_file.h"
 #include "records/upload_record_archive.h"
-#include "support/captured_output.h"
+#include "support/files.h"
 #include "support/scoped_environment.h"
+#include "support/test_support.h"
 
 namespace symlift::records {
 namespace {
@@ -147,16 +149,6 @@ TEST_F(UploadRecorderTest, DamagedStoreCountsAsNoneAndIsReplaced) {
   }
 }
 
-TEST_F(UploadRecorderTest, UnwritableCachesFolderIsReportedAndNothingIsRecorded) {
-  ScopedEnvironment blocked("XDG_CACHE_HOME", caches_.write("file", "where a folder should be").string());
-  std::string text = symlift::testing::consoleOutput(console::kLogLevelDebug, [&] {
-    EXPECT_FALSE(recorder_->recordSuccessfulUploadBinary(fixture("FatApp")));
-    EXPECT_FALSE(recorder_->isAlreadyUploadedBinary(fixture("FatApp")));
-  });
-  EXPECT_NE(text.find("error: Unable to write directory for cache: "), std::string::npos) << text;
-  EXPECT_NE(text.find("Create directory error: "), std::string::npos) << text;
-}
-
 // Two processes record 50 different executables each at the same time; the
 // lock around read-modify-write means neither loses the other's records.
 TEST_F(UploadRecorderTest, ParallelProcessesLoseNoRecords) {
@@ -184,6 +176,25 @@ TEST_F(UploadRecorderTest, ParallelProcessesLoseNoRecords) {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
   }
   EXPECT_EQ(recorder_->uploadedBinaries()->size(), 100u);
+}
+
+// A link planted at the lock file's name is never followed, dangling or not;
+// a fresh lock file is private to the user.
+TEST(StoreLockTest, NeverFollowsAPlantedLink) {
+  TempDir dir;
+  const fs::path target = dir.path() / "victim", lock = dir.path() / "records.dat.lock";
+  fs::create_symlink(target, lock);
+  std::string error;
+  EXPECT_FALSE(StoreLock::acquire(lock.string(), &error));
+  EXPECT_FALSE(error.empty());
+  EXPECT_FALSE(fs::exists(fs::symlink_status(target)));
+  dir.write("victim", "untouched");
+  EXPECT_FALSE(StoreLock::acquire(lock.string(), &error));
+  EXPECT_EQ(support::readWholeFile(target.string()), "untouched");
+
+  const fs::path fresh = dir.path() / "fresh.lock";
+  EXPECT_TRUE(StoreLock::acquire(fresh.string(), &error)) << error;
+  EXPECT_EQ(fs::status(fresh).permissions() & fs::perms::all, fs::perms::owner_read | fs::perms::owner_write);
 }
 
 }  // namespace
