@@ -6,7 +6,6 @@
 #include "buildenv/process_ancestry.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <deque>
 #include <filesystem>
@@ -33,42 +32,40 @@ TEST(BuildEnvironmentTest, PlatformNameIgnoringCase) {
   EXPECT_EQ(platformNameFromEnvironment({}), "unspecified");
 }
 
-const Environment kLumo{{"DWARF_DSYM_FOLDER_PATH", "/p/Release-iphoneos/"}, {"DWARF_DSYM_FILE_NAME", "R.app.dSYM"}};
-
-TEST(BuildEnvironmentTest, FrameworkDSYMOnlyForNonDebugLumoBuilds) {
-  const Paths app{"/p/Release-iphoneos/R.app.dSYM"};
-  const Paths both{app[0], "/p/Release-iphoneos/App.framework.dSYM"};
-  EXPECT_EQ(dSYMPathsFromEnvironment(kLumo, true), both);  // no CONFIGURATION
-  EXPECT_EQ(dSYMPathsFromEnvironment(kLumo, false), app);
-  const std::pair<const char*, Paths> rows[] = {
-      {"Release", both}, {"debug", both}, {"Debug", app}, {"Debug-Staging", app}, {"StagingDebug", app}};
-  for (const auto& [configuration, expected] : rows) {
-    auto environment = kLumo;
-    environment["CONFIGURATION"] = configuration;
-    EXPECT_EQ(dSYMPathsFromEnvironment(environment, true), expected) << configuration;
-  }
-  EXPECT_EQ(dSYMPathsFromEnvironment({}, false).size(), 1u);  // never empty
-}
-
-// The obfuscation warning for exactly "true", Lumo or not; the split debug
-// information line only in Lumo mode, for the variable set even empty.
-TEST(BuildEnvironmentTest, ObfuscationWarningAndSplitDebugInfoLine) {
+// The framework's dSYM only for Lumo builds whose configuration does not
+// contain "Debug"; the obfuscation warning for exactly "true", Lumo or not;
+// the split debug information line only in Lumo mode, set even empty.
+TEST(BuildEnvironmentTest, DSYMPathsAndTheirNotices) {
+  const std::string app = "/p/Release-iphoneos/R.app.dSYM", framework = "/p/Release-iphoneos/App.framework.dSYM";
   const std::string warning =
       "warning: Lumo build with '--obfuscate' enabled. To view deobfuscated stack traces, upgrade to Lumo 3.12.0+ "
       "or upload dSYMs manually using the Pelloran console web uploader at "
       "https://console.pelloran.example/project/_/vantrel\n";
   const std::string split = "--split-debug-info enabled, using dSYMs at path (/p/Release-iphoneos/)\n";
-  const std::tuple<const char*, const char*, bool, std::string> rows[] = {
-      {"VEXA_OBFUSCATION", "true", false, warning}, {"VEXA_OBFUSCATION", "true", true, warning},
-      {"VEXA_OBFUSCATION", "TRUE", true, ""},       {"VEXA_OBFUSCATION", "1", true, ""},
-      {"SPLIT_DEBUG_INFO", "", true, split},        {"SPLIT_DEBUG_INFO", "", false, ""},
+  const std::tuple<Environment, bool, Paths, std::string> rows[] = {
+      {{}, true, {app, framework}, ""},  // no configuration
+      {{}, false, {app}, ""},
+      {{{"CONFIGURATION", "Release"}}, true, {app, framework}, ""},
+      {{{"CONFIGURATION", "debug"}}, true, {app, framework}, ""},
+      {{{"CONFIGURATION", "Debug"}}, true, {app}, ""},
+      {{{"CONFIGURATION", "Debug-Staging"}}, true, {app}, ""},
+      {{{"CONFIGURATION", "StagingDebug"}}, true, {app}, ""},
+      {{{"VEXA_OBFUSCATION", "true"}}, false, {app}, warning},
+      {{{"VEXA_OBFUSCATION", "true"}}, true, {app, framework}, warning},
+      {{{"VEXA_OBFUSCATION", "TRUE"}}, true, {app, framework}, ""},
+      {{{"VEXA_OBFUSCATION", "1"}}, true, {app, framework}, ""},
+      {{{"SPLIT_DEBUG_INFO", ""}}, true, {app, framework}, split},
+      {{{"SPLIT_DEBUG_INFO", ""}}, false, {app}, ""},
   };
-  for (const auto& [name, value, lumo, printed] : rows) {
-    auto environment = kLumo;
-    environment[name] = value;
-    EXPECT_EQ(consoleOutput(console::kLogLevelDebug, [&] { dSYMPathsFromEnvironment(environment, lumo); }), printed)
-        << name << "=" << value << (lumo ? ", Lumo" : "");
+  for (const auto& [variables, lumo, paths, printed] : rows) {
+    Environment environment{{"DWARF_DSYM_FOLDER_PATH", "/p/Release-iphoneos/"}, {"DWARF_DSYM_FILE_NAME", "R.app.dSYM"}};
+    environment.insert(variables.begin(), variables.end());
+    Paths given;
+    EXPECT_EQ(consoleOutput(console::kLogLevelDebug, [&] { given = dSYMPathsFromEnvironment(environment, lumo); }),
+              printed);
+    EXPECT_EQ(given, paths) << ::testing::PrintToString(variables) << (lumo ? ", Lumo" : "");
   }
+  EXPECT_EQ(dSYMPathsFromEnvironment({}, false).size(), 1u);  // never empty
 }
 
 // Taken away from last to first (alternately unset and empty): each time the
@@ -232,18 +229,6 @@ TEST(BuildEnvironmentTest, WalksUpToTheFirstProcess) {
   table.failing[200] = 5;
   EXPECT_EQ(ancestorProcessNames(300, std::ref(table)), (Names{"symlift"}));
   EXPECT_EQ(table.reads, (std::vector<long>{300, 200, 200, 200, 200, 200}));
-}
-
-TEST(BuildEnvironmentTest, RealProcessTable) {
-  auto self = readProcessStatus(static_cast<long>(getpid()));
-  ASSERT_TRUE(self);
-  EXPECT_EQ(self->parentID, static_cast<long>(getppid()));
-  auto parent = readProcessStatus(self->parentID);
-  ASSERT_TRUE(parent);
-  EXPECT_TRUE(hasAncestorProcessNamed("buildenv_tests"));  // the test runner itself
-  EXPECT_TRUE(hasAncestorProcessNamed(parent->commandName));
-  EXPECT_FALSE(hasAncestorProcessNamed("buildenv_test"));  // exact names only
-  EXPECT_FALSE(hasAncestorProcessNamed("no-such-process"));
 }
 
 }  // namespace

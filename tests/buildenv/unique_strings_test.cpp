@@ -9,13 +9,9 @@
 #include <set>
 
 #include "support/path_component.h"
-#include "support/scoped_environment.h"
-#include "support/temporary_directory.h"
 
 namespace symlift::support {
 namespace {
-
-using symlift::testing::ScopedEnvironment;
 
 // Version 4 and the RFC 4122 variant in their own nibbles, every other bit
 // random: no byte's free bits repeat its neighbour's in every UUID.
@@ -33,20 +29,6 @@ TEST(UniqueStringsTest, VersionFourUUIDTextsThatNeverRepeat) {
   EXPECT_EQ(seen.size(), 1000u);
   for (int b = 0; b < 15; ++b) EXPECT_LT(sameAsNext[b], 200) << "byte " << b;  // about 62 expected
   EXPECT_TRUE(std::regex_match(SUPStrings::uniqueGZipFileName(), std::regex("[0-9A-F-]{36}/gz")));
-}
-
-TEST(UniqueStringsTest, ZipPathInTheTemporaryDirectory) {
-  {
-    ScopedEnvironment tmp("TMPDIR", "/work/tmp/");
-    std::string first = SUPStrings::uniqueZipFilePath();
-    EXPECT_TRUE(std::regex_match(first, std::regex("/work/tmp/[0-9A-F-]{36}\\.zip"))) << first;
-    EXPECT_NE(first, SUPStrings::uniqueZipFilePath());
-  }
-  for (std::optional<std::string> unset : {std::optional<std::string>(), std::optional<std::string>("")}) {
-    ScopedEnvironment tmp("TMPDIR", unset);
-    EXPECT_EQ(support::temporaryDirectory(), "/tmp");
-    EXPECT_TRUE(SUPStrings::uniqueZipFilePath().starts_with("/tmp/"));
-  }
 }
 
 TEST(UniqueStringsTest, AppendingPathComponentWithoutDoubledSlashes) {
