@@ -33,15 +33,12 @@ TEST(CliTest, FlagsAndTheirValues) {
     bool given;
     std::optional<std::string> value;
   } rows[] = {
-      {{"--platform=ios"}, kPlatformOption, false, std::nullopt},
       {{"-plat", "ios", "---p", "-P", "-PLATFORM", "p", "platform", "-pd"}, kPlatformOption, false, std::nullopt},
       {{"-val", "-ai", "X", "-app-id", "Y"}, kVersionOption, false, std::nullopt},
-      {{"-val", "-ai", "X", "-app-id", "Y"}, kAPIKeyOption, false, std::nullopt},
       {{"--platform", "mac", "-p", "ios"}, kPlatformOption, true, "ios"},
       {{"--platform", "mac", "--p", "tvos"}, kPlatformOption, true, "tvos"},
       {{"--platform", "mac", "-platform", "tvos"}, kPlatformOption, true, "tvos"},
       {{"-p", "ios", "-p", "mac"}, kPlatformOption, true, "mac"},
-      {{"-p"}, kPlatformOption, true, std::nullopt},
       {{"-p", "-d"}, kPlatformOption, true, "-d"},
       {{"-ai", ""}, kAppIDOption, true, ""},
       {{"-d", "-p", "ios"}, kPlatformOption, true, "ios"},

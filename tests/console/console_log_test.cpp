@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "support/captured_output.h"
-#include "support/error.h"
 
 namespace symlift::console {
 namespace {
@@ -19,7 +18,6 @@ namespace {
 using symlift::testing::consoleOutput;
 
 TEST(ConsoleLogTest, EachHelperAtEachLevelWithAndWithoutColour) {
-  auto underlying = support::makeError("D", 4, {{support::kLocalizedDescriptionKey, "went wrong"}});
   const struct {
     std::uint64_t level;
     bool colours;
@@ -37,15 +35,8 @@ TEST(ConsoleLogTest, EachHelperAtEachLevelWithAndWithoutColour) {
       {kLogLevelInfo, true, [] { SYLLogInfo("two\nlines\n"); }, "two\nlines\n\n"},
       {kLogLevelInfo, true, [] { SYLLogDebug("hidden"); }, ""},
       {kLogLevelDebug, true, [] { SYLLogDebug("shown {}", "now"); }, "shown now\n"},
-      {kLogLevelError, true, [] { SYLLogInfo("i"); SYLLogWarning("w"); SYLLogError("e"); }, "\x1b[31merror: e\x1b[0m\n"},
-      // The prefixed error line is never coloured; the underlying error's is.
-      {kLogLevelInfo, true, [&] { SYLLogging::logErrorWithPrefix("p", "dom", 1, underlying, "failed {}", 2); },
-       "error: failed 2\n\x1b[31merror: Underlying error: " + underlying->description() + "\x1b[0m\n"},
-      {kLogLevelInfo, true, [] { SYLLogging::logErrorWithPrefix("p", "dom", 1, nullptr, "alone"); }, "error: alone\n"},
   };
   for (const auto& row : rows) EXPECT_EQ(consoleOutput(row.level, row.log, row.colours), row.expected);
-  // A level without a prefix of its own gets none.
-  EXPECT_EQ(SYLLogging::formatLine(7, "m", kColorRed, true), "\x1b[31mm\x1b[0m\n");
 }
 
 TEST(ConsoleLogTest, ControlCharactersInOutsideTextAreEscaped) {
