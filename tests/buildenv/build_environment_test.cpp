@@ -1,202 +1,234 @@
+// The policies read from an Xcode build's environment: platform, dSYM paths,
+// the completeness check, the wait for the dSYM, CI detection and the process
+// ancestry it looks at.
+
 #include "buildenv/build_environment.h"
+#include "buildenv/process_ancestry.h"
 
 #include <gtest/gtest.h>
 
+#include <deque>
 #include <filesystem>
-#include <regex>
 
-#include "support/captured_output.h"
 #include "console/console_log.h"
+#include "support/captured_output.h"
+#include "support/scoped_environment.h"
 
 namespace symlift::buildenv {
 namespace {
 
-using symlift::testing::CapturedOutput;
 using symlift::testing::consoleOutput;
 using symlift::testing::TempDir;
 using Paths = std::vector<std::string>;
 
-TEST(BuildPlatformName, TableIgnoringCase) {
-  const std::pair<const char*, const char*> table[] = {
+TEST(BuildEnvironmentTest, PlatformNameIgnoringCase) {
+  const std::pair<const char*, const char*> rows[] = {
       {"macosx", "mac"},       {"iPhoneOS", "ios"},    {"iphonesimulator", "ios"}, {"AppleTVOS", "tvos"},
       {"appletvsimulator", "tvos"}, {"watchOS", "watchos"}, {"watchsimulator", "watchos"}, {"xros", "xros"},
       {"XRSimulator", "xros"}, {"driverkit", "unspecified"}, {"iphoneos ", "unspecified"}, {"", "unspecified"},
   };
-  for (const auto& [variable, platform] : table)
+  for (const auto& [variable, platform] : rows)
     EXPECT_EQ(platformNameFromEnvironment({{"PLATFORM_NAME", variable}}), platform) << variable;
   EXPECT_EQ(platformNameFromEnvironment({}), "unspecified");
 }
 
-const Environment kLumo{{"DWARF_DSYM_FOLDER_PATH", "/p/Release-iphoneos/"}, {"DWARF_DSYM_FILE_NAME", "R.app.dSYM"}};
-
-TEST(BuildDSYMPaths, FrameworkDSYMOnlyForNonDebugLumoBuilds) {
-  const Paths app{"/p/Release-iphoneos/R.app.dSYM"};
-  const Paths both{app[0], "/p/Release-iphoneos/App.framework.dSYM"};
-  EXPECT_EQ(dSYMPathsFromEnvironment(kLumo, true), both);  // no CONFIGURATION
-  EXPECT_EQ(dSYMPathsFromEnvironment(kLumo, false), app);
-  const std::pair<const char*, Paths> configurations[] = {
-      {"Release", both}, {"debug", both}, {"Debug", app}, {"Debug-Staging", app}, {"StagingDebug", app}};
-  for (const auto& [configuration, expected] : configurations) {
-    auto environment = kLumo;
-    environment["CONFIGURATION"] = configuration;
-    EXPECT_EQ(dSYMPathsFromEnvironment(environment, true), expected) << configuration;
-  }
-  EXPECT_EQ(dSYMPathsFromEnvironment({}, false).size(), 1u);  // never empty
-}
-
-TEST(BuildDSYMPaths, ObfuscationWarningOnlyForExactlyTrue) {
-  auto environment = kLumo;
-  environment["VEXA_OBFUSCATION"] = "true";
+// The framework's dSYM only for Lumo builds whose configuration does not
+// contain "Debug"; the obfuscation warning for exactly "true", Lumo or not;
+// the split debug information line only in Lumo mode, set even empty.
+TEST(BuildEnvironmentTest, DSYMPathsAndTheirNotices) {
+  const std::string app = "/p/Release-iphoneos/R.app.dSYM", framework = "/p/Release-iphoneos/App.framework.dSYM";
   const std::string warning =
       "warning: Lumo build with '--obfuscate' enabled. To view deobfuscated stack traces, upgrade to Lumo 3.12.0+ "
       "or upload dSYMs manually using the Pelloran console web uploader at "
       "https://console.pelloran.example/project/_/vantrel\n";
-  for (bool lumo : {false, true})
-    EXPECT_EQ(consoleOutput(console::kLogLevelInfo, [&] { dSYMPathsFromEnvironment(environment, lumo); }), warning);
-  for (const char* value : {"TRUE", "True", "1", ""}) {
-    environment["VEXA_OBFUSCATION"] = value;
-    EXPECT_EQ(consoleOutput(console::kLogLevelInfo, [&] { dSYMPathsFromEnvironment(environment, true); }), "") << value;
+  const std::string split = "--split-debug-info enabled, using dSYMs at path (/p/Release-iphoneos/)\n";
+  const std::tuple<Environment, bool, Paths, std::string> rows[] = {
+      {{}, true, {app, framework}, ""},  // no configuration
+      {{}, false, {app}, ""},
+      {{{"CONFIGURATION", "Release"}}, true, {app, framework}, ""},
+      {{{"CONFIGURATION", "debug"}}, true, {app, framework}, ""},
+      {{{"CONFIGURATION", "Debug"}}, true, {app}, ""},
+      {{{"CONFIGURATION", "Debug-Staging"}}, true, {app}, ""},
+      {{{"CONFIGURATION", "StagingDebug"}}, true, {app}, ""},
+      {{{"VEXA_OBFUSCATION", "true"}}, false, {app}, warning},
+      {{{"VEXA_OBFUSCATION", "true"}}, true, {app, framework}, warning},
+      {{{"VEXA_OBFUSCATION", "TRUE"}}, true, {app, framework}, ""},
+      {{{"VEXA_OBFUSCATION", "1"}}, true, {app, framework}, ""},
+      {{{"SPLIT_DEBUG_INFO", ""}}, true, {app, framework}, split},
+      {{{"SPLIT_DEBUG_INFO", ""}}, false, {app}, ""},
+  };
+  for (const auto& [variables, lumo, paths, printed] : rows) {
+    Environment environment{{"DWARF_DSYM_FOLDER_PATH", "/p/Release-iphoneos/"}, {"DWARF_DSYM_FILE_NAME", "R.app.dSYM"}};
+    environment.insert(variables.begin(), variables.end());
+    Paths given;
+    EXPECT_EQ(consoleOutput(console::kLogLevelDebug, [&] { given = dSYMPathsFromEnvironment(environment, lumo); }),
+              printed);
+    EXPECT_EQ(given, paths) << ::testing::PrintToString(variables) << (lumo ? ", Lumo" : "");
   }
+  EXPECT_EQ(dSYMPathsFromEnvironment({}, false).size(), 1u);  // never empty
 }
 
-TEST(BuildDSYMPaths, SplitDebugInfoDebugLineInLumoModeOnly) {
-  auto environment = kLumo;
-  environment["SPLIT_DEBUG_INFO"] = "";  // set, even empty, is enough
-  EXPECT_EQ(consoleOutput(console::kLogLevelDebug, [&] { dSYMPathsFromEnvironment(environment, true); }),
-            "--split-debug-info enabled, using dSYMs at path (/p/Release-iphoneos/)\n");
-  EXPECT_EQ(consoleOutput(console::kLogLevelDebug, [&] { dSYMPathsFromEnvironment(environment, false); }), "");
-}
-
-class BuildEnvironmentValidation : public ::testing::Test {
- protected:
-  void SetUp() override { dir_.write("R.app.dSYM/Contents/Info.plist", ""); }
-  std::optional<std::string> validate(std::string* printed = nullptr) {
-    std::optional<std::string> message;
-    std::string out = consoleOutput(console::kLogLevelDebug, [&] { message = validateBuildEnvironment(env_, false); });
-    if (printed) *printed = out;
-    return message;
-  }
-  TempDir dir_;
-  Environment env_{{"BUILT_PRODUCTS_DIR", dir_.str()}, {"DWARF_DSYM_FILE_NAME", "R.app.dSYM"},
-                   {"DWARF_DSYM_FOLDER_PATH", dir_.str()}, {"PROJECT_DIR", "/src/R"}};
-};
-
-TEST_F(BuildEnvironmentValidation, NamesTheFirstMissingOrEmptyVariable) {
-  std::string printed;
-  EXPECT_EQ(validate(&printed), std::nullopt);
-  EXPECT_EQ(printed, "");
-  // Taken away from last to first (alternately unset and empty): each time
-  // the one just taken is the first missing and is named.
+// Taken away from last to first (alternately unset and empty): each time the
+// one just taken is the first missing and is named.
+TEST(BuildEnvironmentTest, ValidationNamesTheFirstMissingOrEmptyVariable) {
+  TempDir dir;
+  dir.write("R.app.dSYM/Contents/Info.plist", "");
+  Environment environment{{"BUILT_PRODUCTS_DIR", dir.str()}, {"DWARF_DSYM_FILE_NAME", "R.app.dSYM"},
+                          {"DWARF_DSYM_FOLDER_PATH", dir.str()}, {"PROJECT_DIR", "/src/R"}};
+  std::optional<std::string> message;
+  EXPECT_EQ(consoleOutput(console::kLogLevelDebug, [&] { message = validateBuildEnvironment(environment, false); }), "");
+  EXPECT_EQ(message, std::nullopt);
   const char* order[] = {"BUILT_PRODUCTS_DIR", "DWARF_DSYM_FILE_NAME", "DWARF_DSYM_FOLDER_PATH", "PROJECT_DIR"};
   for (int i = 3; i >= 0; --i) {
-    if (i % 2) env_.erase(order[i]); else env_[order[i]] = "";
-    EXPECT_EQ(validate(), std::string("Failed to Detect Build Environment ") + order[i] +
-                              " value not found in environment");
+    if (i % 2) environment.erase(order[i]); else environment[order[i]] = "";
+    EXPECT_EQ(validateBuildEnvironment(environment, false),
+              std::string("Failed to Detect Build Environment ") + order[i] + " value not found in environment");
   }
 }
 
-TEST_F(BuildEnvironmentValidation, MissingDSYMIsOnlyABuildWarning) {
-  env_["DWARF_DSYM_FILE_NAME"] = "Other.app.dSYM";
-  std::string printed;
-  EXPECT_EQ(validate(&printed), std::nullopt);
-  EXPECT_EQ(printed,
-            "warning: DEBUG_INFORMATION_FORMAT should be set to dwarf-with-dsym for all configurations. This could "
-            "also be a timing issue, make sure the Pelloran run script build phase is the last build phase and no "
-            "other scripts have moved the dSYM from the location Xcode generated it. Unable to process "
-            "Other.app.dSYM at path " + dir_.str() + "/Other.app.dSYM\nMake sure your project build settings are "
-            "generating a dSYM file.\n\n\n");
-}
-
-TEST(BuildWarning, WithAndWithoutLocation) {
-  EXPECT_EQ(consoleOutput(console::kLogLevelError, [] {
-              printBuildWarning(std::string("Sources/App.swift"), 42, "something odd");
-              printBuildWarning(std::nullopt, 42, "no place");
-              printBuildWarningFormat("{} of {}", 1, "two");
-            }),
-            "Sources/App.swift:42: warning: something odd\nwarning: no place\nwarning: 1 of two\n");
-}
-
-TEST(DSYMFileSize, SizesAndTheSystemLogLine) {
-  TempDir dir;
-  EXPECT_EQ(fileSizeAtPath(dir.write("a/data.bin", std::string(1234, 'x')).string()), 1234);
-  EXPECT_GT(fileSizeAtPath((dir.path() / "a").string()), 0);  // the folder entry's own size
-
-  const std::string missing = dir.str() + "/none.dSYM/Contents/Resources/DWARF";
-  std::int64_t size = -1;
-  CapturedOutput err(STDERR_FILENO);
-  EXPECT_EQ(consoleOutput(console::kLogLevelDebug, [&] { size = fileSizeAtPath(missing); }), "");
-  std::string logged = err.take();
-  EXPECT_EQ(size, 0);
-  // "<date> <time> <process>[<pid>] <message>"
-  std::regex prefix(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} buildenv_tests\[\d+\] )");
-  std::smatch match;
-  ASSERT_TRUE(std::regex_search(logged, match, prefix) && match.position() == 0) << logged;
-  EXPECT_EQ(match.suffix().str(), "Unable to get file attributes for dSYM file at path \"" + missing + "\"\n");
-}
-
-TEST(BuiltProducts, ReadsTheDictionaryBelowBuiltProductsDir) {
-  TempDir dir;
-  dir.write("R.app/OmvaraService-Info.plist",
-            "<plist version=\"1.0\"><dict><key>OMVARA_APP_ID</key><string>1:2:ios:3</string></dict></plist>");
-  dir.write("R.app/List.plist", "<plist version=\"1.0\"><array><string>x</string></array></plist>");
-  Environment environment{{"BUILT_PRODUCTS_DIR", dir.str()}};
-  auto list = plistFromBuiltProducts(environment, "R.app/OmvaraService-Info.plist");
-  EXPECT_EQ(list.stringForKey("OMVARA_APP_ID"), "1:2:ios:3");
-  EXPECT_FALSE(plistFromBuiltProducts(environment, "R.app/Missing.plist"));
-  EXPECT_FALSE(plistFromBuiltProducts(environment, "R.app/List.plist"));  // not a dictionary
-  EXPECT_FALSE(plistFromBuiltProducts({}, "R.app/OmvaraService-Info.plist"));
-}
-
-TEST(CIDetection, DecisionOrderAndShortCuts) {
-  struct Case {
-    bool xcodeServer, desktopApp, xcode, expected;
-    std::vector<std::string> asked;
+TEST(BuildEnvironmentTest, WaitUntilChecksFirstThenOncePerSecondThenGivesUp) {
+  const struct {
+    std::int64_t timeout;
+    int trueAtCheck;  // 0: never
+    int checks, sleeps;
+    bool held;
+  } rows[] = {
+      {30, 1, 1, 0, true}, {0, 0, 1, 0, false}, {-5, 0, 1, 0, false}, {30, 0, 31, 30, false},
+      {3, 4, 4, 3, true},  // holds on the very last round
+      {3, 5, 4, 3, false},
   };
-  const Case cases[] = {
+  for (const auto& row : rows) {
+    int checks = 0, sleeps = 0;
+    bool held = waitUntil(row.timeout, [&] { return ++checks == row.trueAtCheck; }, WaitHooks{[&] { ++sleeps; }});
+    EXPECT_EQ(std::tie(held, checks, sleeps), std::tie(row.held, row.checks, row.sleeps))
+        << "timeout " << row.timeout << ", true at " << row.trueAtCheck;
+  }
+}
+
+// A non-empty DWARF folder, then (when the build makes one) a non-empty debug
+// dylib, each waited for up to thirty seconds; then two equal readings a
+// second apart, or a first reading of zero.
+TEST(BuildEnvironmentTest, WaitForDSYMReadsTheSizesInOrder) {
+  const std::string D = "/b/App.app.dSYM/Contents/Resources/DWARF", L = D + "/App.debug.dylib";
+  Paths thirtyOneL(31, L);
+  thirtyOneL.insert(thirtyOneL.begin(), D);
+  const struct {
+    const char* debugDylib;
+    std::deque<std::int64_t> dwarf, dylib;  // the readings in turn; the last repeats, none: 0
+    bool ready;
+    Paths asked;
+    int sleeps;
+  } rows[] = {
+      {"", {96, 96, 128, 160, 160}, {}, true, Paths(5, D), 3},
+      {"", {4096, 0}, {}, true, Paths(2, D), 0},
+      {"", {}, {}, false, Paths(31, D), 30},
+      {"YES", {128}, {0, 0, 2048}, true, {D, L, L, L, D, D}, 3},
+      {"YES", {128}, {}, false, thirtyOneL, 30},
+      {"yes", {128}, {}, true, Paths(3, D), 1},
+      {"NO", {128}, {}, true, Paths(3, D), 1},
+  };
+  for (const auto& row : rows) {
+    std::map<std::string, std::deque<std::int64_t>> readings{{D, row.dwarf}, {L, row.dylib}};
+    Paths asked;
+    int sleeps = 0;
+    auto size = [&](const std::string& path) -> std::int64_t {
+      asked.push_back(path);
+      auto& queue = readings[path];
+      if (queue.empty()) return 0;
+      std::int64_t value = queue.front();
+      if (queue.size() > 1) queue.pop_front();
+      return value;
+    };
+    const Environment environment{{"ENABLE_DEBUG_DYLIB", row.debugDylib}, {"EXECUTABLE_NAME", "App"}};
+    EXPECT_EQ(waitForDSYM(environment, "/b/App.app.dSYM", WaitHooks{[&] { ++sleeps; }}, size), row.ready);
+    EXPECT_EQ(asked, row.asked);
+    EXPECT_EQ(sleeps, row.sleeps);
+  }
+}
+
+TEST(BuildEnvironmentTest, CIUnlessAnXcodeOrTheDesktopAppIsFound) {
+  const struct {
+    bool xcodeServer, desktopApp, xcode, ci;
+    std::vector<std::string> asked;
+  } rows[] = {
       {true, true, true, true, {"xcsbuildd"}},
       {false, true, false, false, {"xcsbuildd", "desktop"}},
       {false, false, true, false, {"xcsbuildd", "desktop", "Xcode"}},
       {false, false, false, true, {"xcsbuildd", "desktop", "Xcode"}},  // a terminal, no app, no Xcode
   };
-  for (const auto& c : cases) {
+  for (const auto& row : rows) {
     std::vector<std::string> asked;
     auto ancestor = [&](const std::string& name) {
       asked.push_back(name);
-      return name == "xcsbuildd" ? c.xcodeServer : name == "Xcode" && c.xcode;
+      return name == "xcsbuildd" ? row.xcodeServer : name == "Xcode" && row.xcode;
     };
     auto desktop = [&] {
       asked.push_back("desktop");
-      return c.desktopApp;
+      return row.desktopApp;
     };
-    EXPECT_EQ(isRunningInCI(ancestor, desktop), c.expected);
-    EXPECT_EQ(asked, c.asked);
+    EXPECT_EQ(isRunningInCI(ancestor, desktop), row.ci);
+    EXPECT_EQ(asked, row.asked);
+  }
+
+  // The desktop app is the handler xdg-mime names; here a stand-in on PATH.
+  TempDir dir;
+  std::filesystem::permissions(dir.write("bin/xdg-mime", "#!/bin/sh\n[ \"$*\" = 'query default x-scheme-handler/vantrel' ] && "
+                                                         "cat \"$(dirname \"$0\")/handler\"\n"),
+                               std::filesystem::perms::owner_all);
+  symlift::testing::ScopedEnvironment withStandIn("PATH", dir.str() + "/bin:/usr/bin:/bin");
+  dir.write("bin/handler", "vantrel-desktop.desktop\n");
+  EXPECT_TRUE(isDesktopAppInstalled());
+  EXPECT_FALSE(isRunningInCI());  // not under Xcode Server, app installed
+  dir.write("bin/handler", "\n");
+  EXPECT_FALSE(isDesktopAppInstalled());
+  EXPECT_TRUE(isRunningInCI());  // no app and no Xcode ancestor
+}
+
+using Names = std::vector<std::string>;
+
+// The name runs to the last closing parenthesis.
+TEST(BuildEnvironmentTest, ParsesTheStatLine) {
+  const std::pair<const char*, std::optional<std::pair<std::string, long>>> rows[] = {
+      {"4242 (bash) S 4100 4242 4242 34816 4300 4194304 1\n", std::pair{"bash", 4100}},
+      {"77 (a) b) (c d) R 12 77 77 0", std::pair{"a) b) (c d", 12}},
+      {"", std::nullopt},           {"12 bash S 1", std::nullopt}, {"12 (bash S 1", std::nullopt},
+      {"12 )bash( S 1", std::nullopt}, {"12 (bash)", std::nullopt}, {"12 (bash) S x", std::nullopt},
+  };
+  for (const auto& [text, expected] : rows) {
+    auto status = parseProcessStat(text);
+    EXPECT_EQ(status ? std::optional(std::pair{status->commandName, status->parentID}) : std::nullopt, expected)
+        << text;
   }
 }
 
-TEST(CIDetection, DesktopAppFoundThroughXdgMime) {
-  // A stand-in xdg-mime on PATH answers the handler query.
-  TempDir dir;
-  auto script = dir.write("bin/xdg-mime", "#!/bin/sh\n[ \"$*\" = 'query default x-scheme-handler/vantrel' ] && "
-                                          "cat \"$(dirname \"$0\")/handler\"\n");
-  std::filesystem::permissions(script, std::filesystem::perms::owner_all);
-  std::string savedPath = std::getenv("PATH") ? std::getenv("PATH") : "";
-  ::setenv("PATH", (dir.str() + "/bin:" + savedPath).c_str(), 1);
+// pid → status; reads of a pid in `failing` fail that many times first.
+struct FakeTable {
+  std::map<long, ProcessStatus> processes;
+  std::map<long, int> failing = {};
+  std::vector<long> reads = {};
+  std::optional<ProcessStatus> operator()(long pid) {
+    reads.push_back(pid);
+    if (failing[pid] > 0 && failing[pid]--) return std::nullopt;
+    auto found = processes.find(pid);
+    return found == processes.end() ? std::nullopt : std::optional(found->second);
+  }
+};
 
-  dir.write("bin/handler", "vantrel-desktop.desktop\n");
-  bool named = isDesktopAppInstalled();
-  bool ciWithApp = isRunningInCI();  // not under Xcode Server, app installed
-  dir.write("bin/handler", "\n");
-  bool blank = isDesktopAppInstalled();
-  bool ciWithoutApp = isRunningInCI();  // no app and no Xcode ancestor: CI
-  ::setenv("PATH", (dir.str() + "/none").c_str(), 1);
-  bool missing = isDesktopAppInstalled();
-  ::setenv("PATH", savedPath.c_str(), 1);
+// Up to the first process (pid 1, or the outermost one of a PID namespace,
+// whose parent 0 has no entry); five failed reads of one process end it.
+TEST(BuildEnvironmentTest, WalksUpToTheFirstProcess) {
+  FakeTable table{{{300, {"symlift", 200}}, {200, {"Xcode", 1}}, {1, {"launchd", 0}}, {0, {"kernel", 0}}}};
+  EXPECT_EQ(ancestorProcessNames(300, std::ref(table)), (Names{"symlift", "Xcode", "launchd"}));
+  EXPECT_EQ(table.reads, (std::vector<long>{300, 200, 1}));
+  FakeTable container{{{30, {"symlift", 7}}, {7, {"sh", 0}}}};
+  EXPECT_EQ(ancestorProcessNames(30, std::ref(container)), (Names{"symlift", "sh"}));
 
-  EXPECT_TRUE(named);
-  EXPECT_FALSE(ciWithApp);
-  EXPECT_FALSE(blank);
-  EXPECT_TRUE(ciWithoutApp);
-  EXPECT_FALSE(missing);
+  table.failing[200] = 4;
+  EXPECT_EQ(ancestorProcessNames(300, std::ref(table)), (Names{"symlift", "Xcode", "launchd"}));
+  table.reads.clear();
+  table.failing[200] = 5;
+  EXPECT_EQ(ancestorProcessNames(300, std::ref(table)), (Names{"symlift"}));
+  EXPECT_EQ(table.reads, (std::vector<long>{300, 200, 200, 200, 200, 200}));
 }
 
 }  // namespace

@@ -1,10 +1,13 @@
+// Framework search paths from a build setting: which words are folders, and
+// settings whose blanks were not escaped rebuilt from their pieces.
+
 #include "buildenv/environment_search_paths.h"
+#include "buildenv/task.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <map>
 
 #include "support/test_support.h"
 
@@ -13,106 +16,93 @@ namespace {
 
 using Paths = SUPEnvironment::Paths;
 using ::testing::ElementsAre;
-namespace fs = std::filesystem;
+using ::testing::Optional;
 
-// Real folders: "Frameworks", "My Frameworks", "Lib", "Lib Extra",
+// Real folders "Frameworks", "My Frameworks", "Lib", "Lib Extra" and
 // "Vendor/SDKs", and a plain file "notes.txt".
 class SearchPathsTest : public ::testing::Test {
  protected:
   SearchPathsTest() {
     for (const char* folder : {"Frameworks", "My Frameworks", "Lib", "Lib Extra", "Vendor/SDKs"})
-      fs::create_directories(dir.path() / folder);
+      std::filesystem::create_directories(dir.path() / folder);
     dir.write("notes.txt", "not a folder");
   }
   std::string at(const std::string& relative) const { return (dir.path() / relative).string(); }
-  bool valid(const std::string& path, const std::string& workingDirectory = "") const {
-    return SUPEnvironment::isValidFrameworkSearchPath(path, workingDirectory, SUPFileManager::defaultManager());
-  }
-  std::optional<Paths> wellFormed(const std::string& text) const {
-    return SUPEnvironment::parseWellFormedFrameworkSearchPathsFromString(text, dir.str(),
-                                                                        SUPFileManager::defaultManager());
-  }
-  Paths mangled(const std::string& text) const {
-    return SUPEnvironment::parseMangledFrameworkSearchPathsFromString(text, dir.str(),
-                                                                      SUPFileManager::defaultManager());
-  }
-
+  const SUPFileManager& files = SUPFileManager::defaultManager();
   symlift::testing::TempDir dir;
 };
 
 TEST_F(SearchPathsTest, ValidPathsAreExistingFoldersWithOptionalRecursiveMarker) {
-  EXPECT_TRUE(valid(at("Frameworks")));
-  EXPECT_TRUE(valid(at("Vendor") + "/**"));
-  EXPECT_TRUE(valid(at("Vendor") + "/**/"));
-  EXPECT_TRUE(valid("Vendor/SDKs", dir.str()));
-  EXPECT_TRUE(valid("**", dir.str()));
-
-  EXPECT_FALSE(valid(""));
-  EXPECT_FALSE(valid(at("Missing") + "/**"));
-  EXPECT_FALSE(valid(at("notes.txt")));
-  EXPECT_FALSE(valid("Vendor/SDKs", at("Frameworks")));
-  EXPECT_FALSE(valid(at("Vendor") + "/*"));
+  const std::tuple<std::string, std::string, bool> rows[] = {
+      {at("Frameworks"), "", true},         {at("Vendor") + "/**", "", true}, {at("Vendor") + "/**/", "", true},
+      {"Vendor/SDKs", dir.str(), true},     {"**", dir.str(), true},          {"", "", false},
+      {at("Missing") + "/**", "", false},   {at("notes.txt"), "", false},     {"Vendor/SDKs", at("Frameworks"), false},
+      {at("Vendor") + "/*", "", false},
+  };
+  for (const auto& [path, workingDirectory, valid] : rows)
+    EXPECT_EQ(SUPEnvironment::isValidFrameworkSearchPath(path, workingDirectory, files), valid) << path;
 }
 
 TEST_F(SearchPathsTest, UnquotingAndUnescaping) {
-  EXPECT_EQ(SUPEnvironment::unquotedAndUnescapedPathForPath("\"/a b/c\""), "/a b/c");
-  EXPECT_EQ(SUPEnvironment::unquotedAndUnescapedPathForPath("\"\""), "");
-  EXPECT_EQ(SUPEnvironment::unquotedAndUnescapedPathForPath("\""), std::nullopt);
-  EXPECT_EQ(SUPEnvironment::unquotedAndUnescapedPathForPath("/My\\ Frameworks"), "/My Frameworks");
-  EXPECT_EQ(SUPEnvironment::unquotedAndUnescapedPathForPath("C:\\\\dir"), "C:\\dir");
-  // Doubled backslashes are halved first, so "\\ " ends as a plain blank.
-  EXPECT_EQ(SUPEnvironment::unquotedAndUnescapedPathForPath("a\\\\ b"), "a b");
-  // Only a quote at both ends is removed.
-  EXPECT_EQ(SUPEnvironment::unquotedAndUnescapedPathForPath("\"/a b"), "\"/a b");
+  const std::pair<const char*, std::optional<std::string>> rows[] = {
+      {"\"/a b/c\"", "/a b/c"}, {"\"\"", ""}, {"\"", std::nullopt}, {"/My\\ Frameworks", "/My Frameworks"},
+      {"C:\\\\dir", "C:\\dir"},
+      {"a\\\\ b", "a b"},       // doubled backslashes are halved first, so "\\ " ends as a plain blank
+      {"\"/a b", "\"/a b"},     // only a quote at both ends is removed
+  };
+  for (const auto& [text, path] : rows) EXPECT_EQ(SUPEnvironment::unquotedAndUnescapedPathForPath(text), path) << text;
 }
 
-TEST_F(SearchPathsTest, WellFormedSettingsKeepEveryWord) {
+TEST_F(SearchPathsTest, WellFormedSettingsKeepEveryWordOrNone) {
+  auto wellFormed = [&](const std::string& text) {
+    return SUPEnvironment::parseWellFormedFrameworkSearchPathsFromString(text, dir.str(), files);
+  };
   std::string text = "\"" + at("My Frameworks") + "\" " + at("Frameworks") + "/** Vendor/SDKs '" + at("Lib Extra") +
                      "' " + dir.str() + "/My\\ Frameworks";
-  EXPECT_THAT(wellFormed(text), ::testing::Optional(ElementsAre(at("My Frameworks"), at("Frameworks") + "/**",
-                                                                "Vendor/SDKs", at("Lib Extra"), at("My Frameworks"))));
-  EXPECT_THAT(wellFormed(""), ::testing::Optional(ElementsAre()));
+  EXPECT_THAT(wellFormed(text), Optional(ElementsAre(at("My Frameworks"), at("Frameworks") + "/**", "Vendor/SDKs",
+                                                     at("Lib Extra"), at("My Frameworks"))));
+  EXPECT_THAT(wellFormed(""), Optional(ElementsAre()));
   EXPECT_EQ(wellFormed(at("Frameworks") + " " + at("Missing")), std::nullopt);
   // Unescaped, the blank splits the folder name into two invalid words.
   EXPECT_EQ(wellFormed(at("My Frameworks")), std::nullopt);
 }
 
 TEST_F(SearchPathsTest, MangledSettingsAreRebuiltFromTheirPieces) {
-  // A folder name with one unescaped blank is joined back from two pieces.
-  EXPECT_THAT(mangled(at("My Frameworks") + " " + at("Frameworks")),
-              ElementsAre(at("My Frameworks"), at("Frameworks")));
-  // "Lib" alone is a folder, but "Extra" fits nowhere, so the two are joined.
-  EXPECT_THAT(mangled(at("Lib Extra") + " Vendor/SDKs"), ElementsAre(at("Lib Extra"), "Vendor/SDKs"));
-  // A piece that fits nowhere, even joined to the path before it, is dropped.
-  EXPECT_THAT(mangled(at("Frameworks") + " bogus"), ElementsAre(at("Frameworks")));
-  // A quoted path is kept while parsing and unquoted at the end.
-  EXPECT_THAT(mangled("\"" + at("My Frameworks") + "\" " + at("Missing Folder")), ElementsAre(at("My Frameworks")));
-  EXPECT_THAT(mangled(at("Vendor") + "/** " + at("Frameworks")), ElementsAre(at("Vendor") + "/**", at("Frameworks")));
-  EXPECT_THAT(mangled(""), ElementsAre());
+  const std::pair<std::string, Paths> rows[] = {
+      // A folder name with one unescaped blank is joined back from two pieces.
+      {at("My Frameworks") + " " + at("Frameworks"), {at("My Frameworks"), at("Frameworks")}},
+      // "Lib" alone is a folder, but "Extra" fits nowhere, so the two are joined.
+      {at("Lib Extra") + " Vendor/SDKs", {at("Lib Extra"), "Vendor/SDKs"}},
+      // A piece that fits nowhere, even joined to the path before it, is dropped.
+      {at("Frameworks") + " bogus", {at("Frameworks")}},
+      // A quoted path is kept while parsing and unquoted at the end.
+      {"\"" + at("My Frameworks") + "\" " + at("Missing Folder"), {at("My Frameworks")}},
+      {at("Vendor") + "/** " + at("Frameworks"), {at("Vendor") + "/**", at("Frameworks")}},
+      {"", {}},
+  };
+  for (const auto& [text, paths] : rows)
+    EXPECT_EQ(SUPEnvironment::parseMangledFrameworkSearchPathsFromString(text, dir.str(), files), paths) << text;
+  // The combined parse falls back to this one.
+  for (const char* blank : {"\\ ", " "})
+    EXPECT_THAT(SUPEnvironment::parseFrameworkSearchPathsFromString(at("Lib") + " " + dir.str() + "/My" + blank +
+                                                                        "Frameworks", dir.str()),
+                Optional(ElementsAre(at("Lib"), at("My Frameworks"))));
 }
 
-TEST_F(SearchPathsTest, CombinedParseFallsBackToTheMangledParse) {
-  auto escaped = SUPEnvironment::parseFrameworkSearchPathsFromString(
-      at("Lib") + " " + at("My\\ Frameworks"), dir.str());
-  EXPECT_THAT(escaped, ::testing::Optional(ElementsAre(at("Lib"), at("My Frameworks"))));
-  auto unescaped = SUPEnvironment::parseFrameworkSearchPathsFromString(at("Lib") + " " + at("My Frameworks"), dir.str());
-  EXPECT_THAT(unescaped, ::testing::Optional(ElementsAre(at("Lib"), at("My Frameworks"))));
-}
-
-// The file manager is asked, not the disk: folders a fake one claims count.
-class ClaimedFolders : public SUPFileManager {
- public:
-  bool fileExistsAtPath(const std::string& path, bool& isDirectory) const override {
-    isDirectory = true;
-    return path == "/Volumes/Build Disk/Frameworks" || path == "/opt/sdk";
-  }
-};
-
-TEST(SearchPathsFileManagerTest, ParsersAskTheGivenFileManager) {
-  ClaimedFolders folders;
-  auto paths = SUPEnvironment::parseFrameworkSearchPathsFromString("/Volumes/Build Disk/Frameworks /opt/sdk/**",
-                                                                   "", folders);
-  EXPECT_THAT(paths, ::testing::Optional(ElementsAre("/Volumes/Build Disk/Frameworks", "/opt/sdk/**")));
+// Words of a setting: blanks split, quotes group, backslashes escape.
+TEST(SearchPathsWordsTest, BlanksQuotesAndEscapes) {
+  const std::pair<std::string, Paths> rows[] = {
+      {" \t\n ", {}},
+      {"-F/a  -F\t/b\n-framework\r\nUIKit ", {"-F/a", "-F", "/b", "-framework", "UIKit"}},
+      {"\"/My Frameworks\" '/Other Place' -F\"$(SRCROOT)/V L\"/x", {"/My Frameworks", "/Other Place", "-F$(SRCROOT)/V L/x"}},
+      {"a \"\" '' b", {"a", "", "", "b"}},
+      {"'it\"s' \"it's\"", {"it\"s", "it's"}},
+      {"/My\\ Frameworks \\\"q\\\"", {"/My Frameworks", "\"q\""}},
+      {"\"a\\\"b\\\\c\\d\" 'a\\ b'", {"a\"b\\c\\d", "a\\ b"}},
+      {"one\\\ntwo three end\\", {"onetwo", "three", "end\\"}},
+      {"a \"b c", {"a", "b c"}},  // an unterminated quote runs to the end
+  };
+  for (const auto& [text, words] : rows) EXPECT_EQ(SUPTask::parsedArgumentsFromString(text), words) << text;
 }
 
 }  // namespace

@@ -1,23 +1,23 @@
 // The upload recorder against a real store folder (XDG_CACHE_HOME points into
-// a temporary folder): where the store lives, lookup and recording with real
-// Mach-O files, pruning, damaged stores, and parallel recording processes.
+// a temporary folder): where the store lives, which executables count as
+// recorded, the 200-record limit, damaged stores, and the lock that keeps
+// parallel recording from losing records.
+
+#include "records/upload_recorder.h"
 
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <string>
 
-#include "support/captured_output.h"
-#include "console/console_log.h"
 #include "macho/macho_binary.h"
-#include "support/scoped_environment.h"
+#include "records/store_file.h"
 #include "records/upload_record_archive.h"
-#include "records/upload_recorder.h"
+#include "support/files.h"
+#include "support/scoped_environment.h"
 #include "support/test_support.h"
 
 namespace symlift::records {
@@ -26,19 +26,12 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using macho::SUPMachOBinary;
-using symlift::testing::consoleOutput;
-using symlift::testing::fixturesDir;
 using symlift::testing::ScopedEnvironment;
 using symlift::testing::TempDir;
 
-// md5("https://records.example/api"), computed with Python's hashlib.
-constexpr const char* kEndpoint = "https://records.example/api";
-constexpr const char* kEndpointDigest = "94a7e1a6bb36299fa0e7c8b884853075";
-
-// FatApp: two slices (x86_64, arm64); their UUIDs as llvm-dwarfdump reports them are below.
-std::shared_ptr<SUPMachOBinary> fatApp() { return SUPMachOBinary::MachOBinaryWithPath(fixturesDir() / "FatApp"); }
-std::shared_ptr<SUPMachOBinary> edge(const char* name) {
-  return SUPMachOBinary::MachOBinaryWithPath(fixturesDir() / "edge" / name);
+// FatApp: two slices (x86_64, arm64).
+std::shared_ptr<SUPMachOBinary> fixture(const std::string& name) {
+  return SUPMachOBinary::MachOBinaryWithPath(symlift::testing::fixturesDir() / name);
 }
 
 SUPUploadRecord record(int n, Date date) { return SUPUploadRecord({"uuid-" + std::to_string(n)}, date); }
@@ -47,79 +40,68 @@ class UploadRecorderTest : public ::testing::Test {
  protected:
   TempDir caches_;
   ScopedEnvironment cacheHome_{"XDG_CACHE_HOME", caches_.str()};
-  ScopedEnvironment endpoint_{"VantrelAPIEndpoint", kEndpoint};
+  ScopedEnvironment endpoint_{"VantrelAPIEndpoint", "https://records.example/api"};
   std::shared_ptr<SUPDSYMUploadRecorder> recorder_ = SUPDSYMUploadRecorder::init();
-
-  fs::path storeFolder() const { return caches_.path() / "com.vantrel.mac" / kEndpointDigest / "uploaded"; }
-  fs::path storeFile() const { return storeFolder() / "records.dat"; }
+  // md5("https://records.example/api"), computed with Python's hashlib.
+  fs::path storeFolder() const {
+    return caches_.path() / "com.vantrel.mac/94a7e1a6bb36299fa0e7c8b884853075/uploaded";
+  }
   void writeStore(const std::string& bytes) const {
     fs::create_directories(storeFolder());
-    std::ofstream(storeFile(), std::ios::binary) << bytes;
+    std::ofstream(storeFolder() / "records.dat", std::ios::binary) << bytes;
   }
 };
 
-TEST_F(UploadRecorderTest, StoreLivesPerEndpointBesideAnEmptyBuildsFolder) {
-  EXPECT_EQ(recorder_->dataStoreDirectory(), storeFolder().string());
-  EXPECT_EQ(recorder_->dataStoreFilePath(), storeFile().string());
-  fs::path builds = storeFolder().parent_path() / "builds";
-  EXPECT_TRUE(fs::is_directory(builds));
-  ASSERT_TRUE(recorder_->recordSuccessfulUploadBinary(fatApp()));
-  EXPECT_TRUE(fs::is_regular_file(storeFile()));
-  EXPECT_TRUE(fs::is_empty(builds));
-  // Only the store and its lock file: no temporary file is left behind.
+// Per endpoint, beside an empty "builds" folder; no temporary file is left
+// behind, and a crashed writer's is removed.
+TEST_F(UploadRecorderTest, StoreLivesPerEndpoint) {
+  EXPECT_EQ(recorder_->dataStoreFilePath(), (storeFolder() / "records.dat").string());
+  fs::create_directories(storeFolder());
+  std::ofstream(storeFolder() / ".records.dat.4242-0.tmp") << "half a store";
+  std::ofstream(storeFolder() / "unrelated.tmp") << "not ours";
+  ASSERT_TRUE(recorder_->recordSuccessfulUploadBinary(fixture("FatApp")));
   std::set<std::string> names;
   for (const auto& entry : fs::directory_iterator(storeFolder())) names.insert(entry.path().filename().string());
-  EXPECT_EQ(names, (std::set<std::string>{"records.dat", "records.dat.lock"}));
+  EXPECT_EQ(names, (std::set<std::string>{"records.dat", "records.dat.lock", "unrelated.tmp"}));
+  const fs::path builds = storeFolder().parent_path() / "builds";
+  EXPECT_TRUE(fs::is_directory(builds) && fs::is_empty(builds));
 
-  // Another endpoint gets a store of its own.
   ScopedEnvironment other("VantrelAPIEndpoint", "https://elsewhere.example");
   EXPECT_NE(recorder_->dataStoreDirectory(), storeFolder().string());
-  EXPECT_FALSE(recorder_->isAlreadyUploadedBinary(fatApp()));
+  EXPECT_FALSE(recorder_->isAlreadyUploadedBinary(fixture("FatApp")));
 }
 
-TEST(UploadRecorderLocation, FallsBackToTheHomeCachesFolder) {
+TEST(UploadRecorderLocationTest, XDGCacheHomeWhenAbsoluteElseTheHomeCachesFolder) {
   TempDir home;
   ScopedEnvironment homeVariable("HOME", home.str());
-  for (std::optional<std::string> xdg : {std::optional<std::string>(), std::optional<std::string>("relative/cache"),
-                                         std::optional<std::string>("")}) {
+  const std::pair<std::optional<std::string>, std::string> rows[] = {
+      {std::nullopt, "/.cache"}, {"relative/cache", "/.cache"}, {"", "/.cache"}, {"~/elsewhere", "/elsewhere"}};
+  for (const auto& [xdg, folder] : rows) {
     ScopedEnvironment cacheHome("XDG_CACHE_HOME", xdg);
-    EXPECT_EQ(userCachesDirectory(), (home.path() / ".cache").string());
+    EXPECT_EQ(userCachesDirectory(), home.str() + folder) << xdg.value_or("unset");
   }
-  ScopedEnvironment tilde("XDG_CACHE_HOME", "~/elsewhere");
-  EXPECT_EQ(userCachesDirectory(), (home.path() / "elsewhere").string());
 }
 
-TEST_F(UploadRecorderTest, FirstRunRecordsSecondRunFindsTheExecutable) {
+// The same executable is the same set of slice UUIDs, whatever the fat
+// order; one slice alone is another. Unreadable executables share one empty
+// identity.
+TEST_F(UploadRecorderTest, AnExecutableIsItsSetOfSliceUUIDs) {
   EXPECT_FALSE(recorder_->uploadedBinaries());
-  EXPECT_FALSE(recorder_->isAlreadyUploadedBinary(fatApp()));
-  ASSERT_TRUE(recorder_->recordSuccessfulUploadBinary(fatApp()));
-
-  // A fresh recorder (the next build) reads the store again.
-  auto next = SUPDSYMUploadRecorder::init();
-  EXPECT_TRUE(next->isAlreadyUploadedBinary(fatApp()));
-  auto records = next->uploadedBinaries();
-  ASSERT_TRUE(records);
-  ASSERT_EQ(records->size(), 1u);
-  EXPECT_EQ(records->begin()->uuids(),
-            (std::set<std::string>{"4c4c445a55553144a109bc8fefe46bdc", "4c4c449155553144a1021bea2e928b85"}));
-
-  // Same slices in the other fat order: the same executable. One of its
-  // slices alone, or a file with no UUID, is not.
-  EXPECT_FALSE(next->isAlreadyUploadedBinary(edge("thin-arm64")));
-  ASSERT_TRUE(next->recordSuccessfulUploadBinary(edge("fat-arm64-x86_64")));
-  EXPECT_TRUE(next->isAlreadyUploadedBinary(edge("fat-x86_64-arm64")));
-  EXPECT_FALSE(next->isAlreadyUploadedBinary(edge("no-uuid")));
-  EXPECT_TRUE(next->isAlreadyUploadedBinary(fatApp()));
-  EXPECT_EQ(next->uploadedBinaries()->size(), 2u);
-}
-
-TEST_F(UploadRecorderTest, UnreadableExecutablesShareOneEmptyIdentity) {
-  auto missing = SUPMachOBinary::MachOBinaryWithPath(caches_.path() / "no-such-executable");
-  ASSERT_FALSE(missing);
-  EXPECT_FALSE(recorder_->isAlreadyUploadedBinary(nullptr));
-  ASSERT_TRUE(recorder_->recordSuccessfulUploadBinary(nullptr));
-  EXPECT_TRUE(recorder_->isAlreadyUploadedBinary(missing));
-  EXPECT_TRUE(recorder_->isAlreadyUploadedBinary(edge("no-uuid")));
+  ASSERT_TRUE(recorder_->recordSuccessfulUploadBinary(fixture("FatApp")));
+  ASSERT_TRUE(recorder_->recordSuccessfulUploadBinary(fixture("edge/fat-arm64-x86_64")));
+  auto next = SUPDSYMUploadRecorder::init();  // the next build reads the store again
+  EXPECT_EQ(next->uploadedBinaries()->count(SUPUploadRecord(
+                {"4c4c445a55553144a109bc8fefe46bdc", "4c4c449155553144a1021bea2e928b85"}, Date())),
+            1u);
+  const std::pair<std::shared_ptr<SUPMachOBinary>, bool> rows[] = {
+      {fixture("FatApp"), true},           {fixture("edge/fat-x86_64-arm64"), true},
+      {fixture("edge/thin-arm64"), false}, {fixture("edge/no-uuid"), false},
+      {nullptr, false},
+  };
+  for (const auto& [binary, recorded] : rows) EXPECT_EQ(next->isAlreadyUploadedBinary(binary), recorded);
+  ASSERT_TRUE(next->recordSuccessfulUploadBinary(nullptr));
+  EXPECT_TRUE(next->isAlreadyUploadedBinary(fixture("edge/no-uuid")));
+  EXPECT_TRUE(next->isAlreadyUploadedBinary(fixture("no-such-executable")));
 }
 
 TEST_F(UploadRecorderTest, RecordingAgainKeepsTheFirstDate) {
@@ -128,76 +110,48 @@ TEST_F(UploadRecorderTest, RecordingAgainKeepsTheFirstDate) {
   ASSERT_TRUE(recorder_->recordSuccessfulUpload(record(1, std::chrono::system_clock::now())));
   ASSERT_TRUE(recorder_->recordSuccessfulUpload(record(2, std::chrono::system_clock::now())));
   auto records = recorder_->uploadedBinaries();
-  ASSERT_TRUE(records);
   ASSERT_EQ(records->size(), 2u);
-  auto kept = records->find(record(1, Date()));
-  ASSERT_NE(kept, records->end());
-  EXPECT_LT(std::chrono::abs(kept->uploadDate() - first), 1ms);
+  EXPECT_LT(std::chrono::abs(records->find(record(1, Date()))->uploadDate() - first), 1ms);
 }
 
+// Dated in an order unrelated to their UUIDs: record 0 is the oldest.
 TEST_F(UploadRecorderTest, The201stRecordPushesOutTheOldest) {
   const Date start = std::chrono::system_clock::now() - 1000h;
-  // Dated in an order unrelated to their UUIDs: record 0 is the oldest.
   UploadRecordSet full;
-  for (int i = 0; i < 200; ++i) full.insert(record((i * 37) % 200, start + i * 1h));
-  writeStore(archivedDataWithUploadRecords(full));
-  EXPECT_EQ(SUPDSYMUploadRecorder::pruneOldUploads(full).size(), 200u);
+  for (int i = 0; i < 201; ++i) full.insert(record((i * 37) % 201, start + i * 1h));
+  UploadRecordSet pruned = SUPDSYMUploadRecorder::pruneOldUploads(full);
+  EXPECT_EQ(pruned.size(), 200u);
+  EXPECT_FALSE(pruned.contains(record(0, Date())));
+  full.erase(record(0, Date()));
+  EXPECT_EQ(SUPDSYMUploadRecorder::pruneOldUploads(full), full);  // 200: all kept
 
-  ASSERT_TRUE(recorder_->recordSuccessfulUploadBinary(fatApp()));
+  writeStore(archivedDataWithUploadRecords(full));
+  ASSERT_TRUE(recorder_->recordSuccessfulUploadBinary(fixture("FatApp")));
   auto records = recorder_->uploadedBinaries();
   ASSERT_TRUE(records);
   EXPECT_EQ(records->size(), 200u);
-  EXPECT_FALSE(records->contains(record(0, Date())));
-  for (int i = 1; i < 200; ++i) EXPECT_TRUE(records->contains(record(i, Date()))) << i;
-  EXPECT_TRUE(recorder_->isAlreadyUploadedBinary(fatApp()));
+  EXPECT_FALSE(records->contains(record(37, Date())));  // the oldest of the 200 (i = 1)
+  EXPECT_TRUE(recorder_->isAlreadyUploadedBinary(fixture("FatApp")));
 }
 
 TEST_F(UploadRecorderTest, DamagedStoreCountsAsNoneAndIsReplaced) {
   std::string good = archivedDataWithUploadRecords({record(7, std::chrono::system_clock::now())});
-  UploadRecordSet foreignSet = {SUPUploadRecord({"x"}, Date())};
-  std::string foreign = archivedDataWithUploadRecords(foreignSet);
   // The same archive with its record class renamed to one nobody reads.
-  std::string wrongClass = foreign;
+  std::string wrongClass = good;
   wrongClass.replace(wrongClass.find("SUPUploadRecord"), 15, "XYZUploadRecord");
-  ASSERT_TRUE(unarchiveUploadRecords(foreign));
-
-  for (const std::string& bytes : {std::string("garbage \x01\x02 bytes"), good.substr(0, good.size() - 9),
-                                   std::string(), wrongClass}) {
+  for (const std::string& bytes :
+       {std::string("garbage \x01\x02 bytes"), good.substr(0, good.size() - 9), std::string(), wrongClass}) {
     writeStore(bytes);
     EXPECT_FALSE(recorder_->uploadedBinaries());
-    EXPECT_FALSE(recorder_->isAlreadyUploadedBinary(fatApp()));
-    ASSERT_TRUE(recorder_->recordSuccessfulUploadBinary(fatApp()));
-    auto records = recorder_->uploadedBinaries();
-    ASSERT_TRUE(records);
-    EXPECT_EQ(records->size(), 1u);
-    EXPECT_TRUE(recorder_->isAlreadyUploadedBinary(fatApp()));
+    EXPECT_FALSE(recorder_->isAlreadyUploadedBinary(fixture("FatApp")));
+    ASSERT_TRUE(recorder_->recordSuccessfulUploadBinary(fixture("FatApp")));
+    EXPECT_EQ(recorder_->uploadedBinaries()->size(), 1u);
   }
-}
-
-TEST_F(UploadRecorderTest, StaleTemporaryFilesOfACrashedWriterAreRemoved) {
-  fs::create_directories(storeFolder());
-  std::ofstream(storeFolder() / ".records.dat.4242-0.tmp") << "half a store";
-  std::ofstream(storeFolder() / "unrelated.tmp") << "not ours";
-  ASSERT_TRUE(recorder_->recordSuccessfulUploadBinary(fatApp()));
-  EXPECT_FALSE(fs::exists(storeFolder() / ".records.dat.4242-0.tmp"));
-  EXPECT_TRUE(fs::exists(storeFolder() / "unrelated.tmp"));
-}
-
-TEST_F(UploadRecorderTest, UnwritableCachesFolderIsReportedAndNothingIsRecorded) {
-  std::ofstream(caches_.path() / "file") << "a file where a folder should be";
-  ScopedEnvironment blocked("XDG_CACHE_HOME", (caches_.path() / "file").string());
-  std::string text = consoleOutput(console::kLogLevelDebug, [&] {
-    EXPECT_FALSE(recorder_->recordSuccessfulUploadBinary(fatApp()));
-    EXPECT_FALSE(recorder_->isAlreadyUploadedBinary(fatApp()));
-  });
-  EXPECT_NE(text.find("error: Unable to write directory for cache: "), std::string::npos) << text;
-  EXPECT_NE(text.find("Create directory error: "), std::string::npos) << text;
 }
 
 // Two processes record 50 different executables each at the same time; the
 // lock around read-modify-write means neither loses the other's records.
 TEST_F(UploadRecorderTest, ParallelProcessesLoseNoRecords) {
-  constexpr int kPerProcess = 50;
   int ready[2];
   ASSERT_EQ(::pipe(ready), 0);
   pid_t children[2];
@@ -205,12 +159,11 @@ TEST_F(UploadRecorderTest, ParallelProcessesLoseNoRecords) {
     children[c] = ::fork();
     ASSERT_GE(children[c], 0);
     if (children[c] == 0) {
-      // Start together, so the writes really interleave.
-      char go;
+      char go;  // start together, so that the writes really interleave
       ::close(ready[1]);
       bool ok = ::read(ready[0], &go, 1) == 0;
       auto recorder = SUPDSYMUploadRecorder::init();
-      for (int i = 0; i < kPerProcess; ++i)
+      for (int i = 0; i < 50; ++i)
         ok = recorder->recordSuccessfulUpload(record(c * 1000 + i, std::chrono::system_clock::now())) && ok;
       ::_exit(ok ? 0 : 1);
     }
@@ -222,9 +175,26 @@ TEST_F(UploadRecorderTest, ParallelProcessesLoseNoRecords) {
     ASSERT_EQ(::waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
   }
-  auto records = recorder_->uploadedBinaries();
-  ASSERT_TRUE(records);
-  EXPECT_EQ(records->size(), 2u * kPerProcess);
+  EXPECT_EQ(recorder_->uploadedBinaries()->size(), 100u);
+}
+
+// A link planted at the lock file's name is never followed, dangling or not;
+// a fresh lock file is private to the user.
+TEST(StoreLockTest, NeverFollowsAPlantedLink) {
+  TempDir dir;
+  const fs::path target = dir.path() / "victim", lock = dir.path() / "records.dat.lock";
+  fs::create_symlink(target, lock);
+  std::string error;
+  EXPECT_FALSE(StoreLock::acquire(lock.string(), &error));
+  EXPECT_FALSE(error.empty());
+  EXPECT_FALSE(fs::exists(fs::symlink_status(target)));
+  dir.write("victim", "untouched");
+  EXPECT_FALSE(StoreLock::acquire(lock.string(), &error));
+  EXPECT_EQ(support::readWholeFile(target.string()), "untouched");
+
+  const fs::path fresh = dir.path() / "fresh.lock";
+  EXPECT_TRUE(StoreLock::acquire(fresh.string(), &error)) << error;
+  EXPECT_EQ(fs::status(fresh).permissions() & fs::perms::all, fs::perms::owner_read | fs::perms::owner_write);
 }
 
 }  // namespace

@@ -41,15 +41,15 @@ class CapturedOutput {
   std::string path_;
 };
 
-// Standard output of body, with the console at level and colour off; the
-// console's settings are restored afterwards.
+// Standard output of body, with the console at level and colour off (or on);
+// the console's settings are restored afterwards.
 template <typename Body>
-std::string consoleOutput(std::uint64_t level, Body&& body) {
+std::string consoleOutput(std::uint64_t level, Body&& body, bool colours = false) {
   auto& log = console::SYLLogging::sharedInstance();
   auto savedLevel = log.logLevel();
   auto savedColors = log.colorsEnabled();
   log.setLogLevel(level);
-  log.setColorsEnabled(false);
+  log.setColorsEnabled(colours);
   CapturedOutput out(STDOUT_FILENO);
   body();
   std::string text = out.take();
