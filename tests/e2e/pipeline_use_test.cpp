@@ -282,5 +282,25 @@ TEST(PipelineUseTest, StrictRefusesUnknownOptionsAndRunsThatUploadNothing) {
   }
 }
 
+// A DWARF file that goes away while an earlier one of its bundle is being
+// uploaded is reported gone when its turn comes, and the run fails.
+TEST(PipelineUseTest, DWARFFileGoneBeforeItsTurnFailsTheRun) {
+  FakeServiceProcess service({"--delay-ms", "1500"});
+  ASSERT_TRUE(service.started());
+  TempDir tmp, work;
+  const fs::path bundle = work.path() / "Two.dSYM";
+  fs::copy(fixturesDir() / "FatApp.dSYM", bundle, fs::copy_options::recursive);
+  const fs::path second = bundle / "Contents/Resources/DWARF/Second";
+  fs::copy_file(fixturesDir() / "Hello.dSYM/Contents/Resources/DWARF/Hello", second);
+  LiveRun run(uploadArguments({"-d"}, bundle.string()), LiveRun::Stream::Pipe, LiveRun::Stream::Pipe,
+              baseEnvironment(tmp, service.baseURL()));
+  ASSERT_TRUE(run.waitForOutput("Uploading cSYM to ", 20s)) << run.out;
+  fs::remove(second);
+  EXPECT_EQ(run.wait(), 8) << run.out;
+  EXPECT_NE(run.out.find("error: Could not complete submission of dSYM at " + bundle.string() + ": "), std::string::npos)
+      << run.out;
+  EXPECT_NE(run.out.find("File no longer exists at " + second.string()), std::string::npos) << run.out;
+}
+
 }  // namespace
 }  // namespace symlift::testing::e2e
