@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <exception>
 
 #include "dispatch/dispatch_queue.h"
 
@@ -30,13 +31,22 @@ struct ParallelLoop {
   std::atomic<std::size_t> next{0};
   std::size_t count = 0;
   const std::function<void(std::size_t)>* body = nullptr;  // valid until closed
-  std::mutex mutex;                                         // guards active and closed
+  std::mutex mutex;                                         // guards active, closed and failure
   std::condition_variable idle;
   std::size_t active = 0;
   bool closed = false;
+  std::exception_ptr failure;  // the first exception a call of body threw
 
+  // Calls body for indices left; an exception (memory running out, say)
+  // ends the loop for everybody and is kept for the caller.
   void work() {
-    for (std::size_t i; (i = next.fetch_add(1, std::memory_order_relaxed)) < count;) (*body)(i);
+    try {
+      for (std::size_t i; (i = next.fetch_add(1, std::memory_order_relaxed)) < count;) (*body)(i);
+    } catch (...) {
+      next.store(count, std::memory_order_relaxed);
+      std::lock_guard<std::mutex> guard(mutex);
+      if (!failure) failure = std::current_exception();
+    }
   }
 };
 
@@ -120,6 +130,7 @@ void ThreadPool::parallelFor(std::size_t count, const std::function<void(std::si
   std::unique_lock<std::mutex> lock(loop->mutex);
   loop->idle.wait(lock, [&] { return loop->active == 0; });
   loop->closed = true;
+  if (loop->failure) std::rethrow_exception(loop->failure);
 }
 
 DispatchQueue& ThreadPool::concurrentQueue() { return *concurrentQueue_; }

@@ -39,7 +39,8 @@ class ThreadPool {
   // call has returned. The caller takes part, and a helper that starts only
   // after the work is gone does nothing, so this never waits for a free
   // worker: nested inside a task of a busy pool it simply runs on fewer
-  // threads.
+  // threads. The first exception a call throws stops the loop and is thrown
+  // again here, once every call under way has returned.
   void parallelFor(std::size_t count, const std::function<void(std::size_t)>& body, unsigned maxParallel = 0);
 
   // The concurrent queue over this pool (the run's background queue).

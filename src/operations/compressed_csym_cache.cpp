@@ -1,5 +1,6 @@
 #include "operations/compressed_csym_cache.h"
 
+#include <new>
 #include <span>
 
 #include "operations/parallel_gzip.h"
@@ -20,7 +21,13 @@ void CompressedCSYMCache::compressInBackground(const std::string& path, std::str
   pool_.submit([this, promise, text = std::move(text)]() mutable {
     // The text goes as soon as its stream exists, not with the task.
     const std::string mine = std::move(text);
-    promise->set_value(gzipInChunks(pool_, std::span(reinterpret_cast<const std::uint8_t*>(mine.data()), mine.size())));
+    std::optional<Bytes> stream;
+    try {
+      stream = gzipInChunks(pool_, std::span(reinterpret_cast<const std::uint8_t*>(mine.data()), mine.size()));
+    } catch (const std::bad_alloc&) {
+      // No stream: the slice's compress step fails and says so.
+    }
+    promise->set_value(std::move(stream));
   });
 }
 

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 #include "console/console_log.h"
 #include "support/cleanup_registry.h"
@@ -71,6 +72,10 @@ std::map<std::string, std::string> CSYMGenerator::generateCSYMsFromDSYMAtPath(co
   } catch (const SymbolReaderException&) {
     // A bundle without a DWARF file has no readable slice; the caller reports
     // the slices it expected and did not get.
+  } catch (const std::bad_alloc&) {
+    // Too little memory for a slice: the slices not converted are the
+    // caller's to report, and the run goes on to fail cleanly.
+    console::SYLLogError("Not enough memory to convert the slices of {}", console::printable(path));
   }
   return written;
 }

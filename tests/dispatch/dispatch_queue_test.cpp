@@ -14,6 +14,7 @@
 #include <future>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <set>
 #include <thread>
 #include <vector>
@@ -162,6 +163,23 @@ TEST(ThreadPoolTest, ParallelLoopCallsEveryIndexOnceOnAtMostMaxParallelThreads) 
   auto result = sum.get_future();
   ASSERT_EQ(result.wait_for(10s), std::future_status::ready);
   EXPECT_EQ(result.get(), 4950u);
+
+  // A call that throws (memory running out) stops the loop; the exception
+  // reaches the caller once no call is under way any more.
+  std::atomic<int> underWay{0}, afterThrow{0};
+  std::atomic<bool> thrown{false};
+  EXPECT_THROW(pool.parallelFor(kCount, [&](std::size_t i) {
+    ++underWay;
+    if (thrown) ++afterThrow;
+    std::this_thread::sleep_for(100us);
+    --underWay;
+    if (i == 50) {
+      thrown = true;
+      throw std::bad_alloc();
+    }
+  }, 3), std::bad_alloc);
+  EXPECT_EQ(underWay.load(), 0);
+  EXPECT_LT(afterThrow.load(), 10);
 }
 
 std::size_t threadsInProcess() {
