@@ -131,6 +131,8 @@ class MachOFile {
 
   // The image's pages leave memory until they are touched again.
   void release(const MachOImage& image) const { mapping_.release(image.bytes); }
+  // Whether the file was found cut short while it was read (see MappedFile).
+  bool cutShort() const { return mapping_.cutShort(); }
 
  private:
   std::string path_;

@@ -1,5 +1,11 @@
 #pragma once
 // A whole regular file mapped read-only, unmapped when the object goes.
+//
+// A file cut short while it is mapped (another program truncating it) would
+// end the process with SIGBUS on the first read past its new end. Instead, a
+// page that can no longer be read is replaced by a page of zeros (the
+// readers take any bytes) and the mapping remembers that it was cut short,
+// so whoever read it can refuse the result.
 
 #include <cstddef>
 #include <cstdint>
@@ -32,11 +38,15 @@ class MappedFile {
   // and this keeps only the slice being read in memory.
   void release(Bytes range) const;
 
+  // Whether a read found the file shorter than when it was mapped.
+  bool cutShort() const;
+
  private:
-  MappedFile(void* address, std::size_t size) : address_(address), size_(size) {}
+  MappedFile(void* address, std::size_t size, int guard) : address_(address), size_(size), guard_(guard) {}
 
   void* address_ = nullptr;
   std::size_t size_ = 0;
+  int guard_ = -1;  // the mapping's place among the guarded ones, or -1
 };
 
 }  // namespace symlift::macho

@@ -279,7 +279,8 @@ void SUPSymbolProcessor::enumerateFormattedDataVersion(std::uint64_t /*version*/
                                                        SymbolFileCache& cache) {
   // Only format version 1 exists; the requested version does not change the text.
   loadCoreSymbolication(maxVersion);
-  forEachOwner(executablePathForInputPath(path), cache, SymbolFileCache::Decoded::kLetGo,
+  const std::string file = executablePathForInputPath(path);
+  forEachOwner(file, cache, SymbolFileCache::Decoded::kLetGo,
                [&](const SymbolOwner& owner, const std::optional<std::string>& uuid, const std::string& arch,
                    SymbolFileFacts& facts) {
                  CSYMTextBuilder builder(owner.sourceInfoCountHint(), csymBudgetFor(owner));
@@ -293,6 +294,13 @@ void SUPSymbolProcessor::enumerateFormattedDataVersion(std::uint64_t /*version*/
                    console::SYLLogError("The cSYM of the {} slice of {} would be larger than {} MB: left out", arch,
                                         console::printable(path), csymBudgetFor(owner) >> 20);
                    error = support::makeError(kSymbolicationErrorDomain, 1);
+                 }
+                 // Another program cut the file short under us: what was
+                 // read past its new end was zeros, not the file.
+                 if (auto mapped = cache.machOFile(file); mapped && mapped->cutShort()) {
+                   console::SYLLogError("{} was cut short while it was read: its {} slice is left out",
+                                        console::printable(file), arch);
+                   error = support::makeError(kSymbolicationErrorDomain, 2);
                  }
                  visitor(sourceType, uuid, arch, data, error);
                });

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -13,6 +14,7 @@
 
 #include "macho/architecture_names.h"
 #include "macho/macho_binary.h"
+#include "macho/mapped_file.h"
 #include "support/diagnostics.h"
 #include "support/test_support.h"
 
@@ -231,6 +233,31 @@ TEST(MachOFile, DamageIsReportedOncePerPlace) {
     for (const std::string& line : c.lines) expected.push_back(line + " of " + edge(c.file));
     EXPECT_EQ(sink.lines, expected) << c.file;
   }
+}
+
+}  // namespace
+}  // namespace symlift::macho
+
+namespace symlift::macho {
+namespace {
+
+// Another program cutting a mapped file short: reads past the new end see
+// zeros instead of ending the process with SIGBUS, and the mapping says so.
+TEST(MappedFile, AFileCutShortWhileMappedReadsAsZerosAndSaysSo) {
+  symlift::testing::TempDir dir;
+  const std::size_t page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+  const auto path = dir.write("cut", std::string(4 * page, 'x'));
+  auto mapped = MappedFile::open(path.string());
+  ASSERT_TRUE(mapped);
+  EXPECT_FALSE(mapped->cutShort());
+  EXPECT_EQ(mapped->bytes()[3 * page], 'x');
+  mapped->release(mapped->bytes());  // the pages come back from the file, or not
+  ASSERT_EQ(::truncate(path.c_str(), static_cast<off_t>(page)), 0);
+  EXPECT_EQ(mapped->bytes()[0], 'x');
+  EXPECT_FALSE(mapped->cutShort());
+  EXPECT_EQ(mapped->bytes()[3 * page], 0);
+  EXPECT_EQ(mapped->bytes()[2 * page + 1], 0);
+  EXPECT_TRUE(mapped->cutShort());
 }
 
 }  // namespace
