@@ -19,6 +19,7 @@
 #include "cli/run_context.h"
 #include "dsym/bundle.h"
 #include "dsym/code_mapping.h"
+#include "macho/macho_file.h"
 #include "operations/delete_file_operation.h"
 #include "support/cleanup_registry.h"
 #include "support/temporary_directory.h"
@@ -134,8 +135,11 @@ bool isSystemLibraryDSYM(const dsym::SUPDSYMFile& file) {
   return identifier && identifier->starts_with(kSystemLibraryBundlePrefix);
 }
 
+// Whether the file has a slice that is a Mach-O image: a stray file in the
+// DWARF folder (Finder's .DS_Store) is one unknown slice and nothing more.
 bool hasArchitectureSlices(const dsym::SUPDSYMFile& file) {
-  return file.dsym() && file.dsym()->binary() && !file.dsym()->binary()->slices().empty();
+  const auto& binary = file.dsym() ? file.dsym()->binary() : nullptr;
+  return binary && !binary->slices().empty() && binary->file() && !binary->file()->images().empty();
 }
 
 // Why a DWARF file that is there could not be read: the errno of opening it

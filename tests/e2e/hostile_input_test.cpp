@@ -139,6 +139,20 @@ TEST(HostileInputTest, PathsAndNamesAreReportedAsTheyAre) {
   EXPECT_EQ(named.out.find('\x1b'), std::string::npos) << named.out;
 }
 
+// Finder leaves a .DS_Store wherever a folder was looked at.
+TEST(HostileInputTest, AStrayFileInTheDWARFFolderIsLeftOutWithAWarning) {
+  TempDir work, tmp;
+  const fs::path bundle = dSYMWithInfo(work, "App.dSYM", "");
+  const fs::path stray = bundle / "Contents/Resources/DWARF/.DS_Store";
+  std::string finder("\0\0\0\1Bud1", 8);
+  finder.resize(6148, '\0');
+  work.write(fs::relative(stray, work.path()).string(), finder);
+  RunResult result = runByHand({bundle.string()}, tmp.str(), work.str());
+  EXPECT_EQ(result.status, 0) << result.out;
+  EXPECT_EQ(result.out, "warning: No architecture slices in dSYM at " + stray.string() +
+                            "\nSuccessfully uploaded Vantrel symbols\n");
+}
+
 TEST(HostileInputTest, AnArchiveAtAnAbsolutePathLeavesNoFoldersBehind) {
   FakeServiceProcess service;
   ASSERT_TRUE(service.started());
