@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace symlift::symbols::dwarf {
 
@@ -39,7 +40,17 @@ struct Prologue {
   std::vector<File> files;
 };
 
-std::string fullPath(const Prologue& prologue, const Prologue::File& file, std::string_view compDir) {
+// A source path longer than any system takes (PATH_MAX is 4096 on Linux,
+// 1024 on macOS) names no file: it is left out rather than written, so a
+// long compilation folder repeated for thousands of files cannot blow up.
+constexpr std::size_t kMaxSourcePathBytes = 4096;
+// The paths one line table may make, all together: far more than a real
+// table's (its own bytes many times over), bounded for a made-up one.
+constexpr std::uint64_t kPathBytesPerTableByte = 64;
+constexpr std::uint64_t kPathBytesPerTableFloor = std::uint64_t{1} << 20;
+
+std::optional<std::string> fullPath(const Prologue& prologue, const Prologue::File& file, std::string_view compDir) {
+  if (file.name.size() > kMaxSourcePathBytes) return std::nullopt;
   if (!file.name.empty() && file.name[0] == '/') return std::string(file.name);
   std::string_view directory;
   if (prologue.version >= 5) {
@@ -49,8 +60,11 @@ std::string fullPath(const Prologue& prologue, const Prologue::File& file, std::
   }
   std::string path;
   // In DWARF 5, directory 0 is the compilation directory itself.
-  if ((prologue.version < 5 || file.directory != 0) && !(directory.size() > 0 && directory[0] == '/'))
-    appendPathComponent(path, compDir);
+  const bool underCompDir =
+      (prologue.version < 5 || file.directory != 0) && !(directory.size() > 0 && directory[0] == '/');
+  if ((underCompDir ? compDir.size() : 0) + directory.size() + file.name.size() + 2 > kMaxSourcePathBytes)
+    return std::nullopt;
+  if (underCompDir) appendPathComponent(path, compDir);
   appendPathComponent(path, directory);
   appendPathComponent(path, file.name);
   return path;
@@ -183,15 +197,33 @@ std::optional<std::uint64_t> readLineTable(const DwarfSections& sections, const 
     return std::nullopt;
   }
 
-  // File-table entry → index into out.paths, made when first used.
+  // File-table entry → index into out.paths, made when first used; an entry
+  // whose path is left out is marked so and costs nothing more.
+  constexpr std::uint32_t kLeftOut = kNoFile - 1;
   std::vector<std::uint32_t> fileIndex(prologue.files.size(), kNoFile);
+  const std::uint64_t pathBudget =
+      std::max(kPathBytesPerTableFloor, kPathBytesPerTableByte * (tableEnd - static_cast<std::size_t>(offset)));
+  std::uint64_t pathBytes = 0;
+  bool tooLongNoted = false, overBudgetNoted = false;
   auto pathIndex = [&](std::uint64_t file) -> std::uint32_t {
     // DWARF 5 numbers files from 0, earlier versions from 1.
     std::uint64_t entry = prologue.version >= 5 ? file : file - 1;
     if ((prologue.version < 5 && file == 0) || entry >= prologue.files.size()) return kNoFile;
+    if (fileIndex[entry] == kLeftOut) return kNoFile;
     if (fileIndex[entry] == kNoFile) {
+      std::optional<std::string> path = fullPath(prologue, prologue.files[entry], unit.compDir);
+      if (!path || pathBytes + path->size() > pathBudget) {
+        if (!path && !std::exchange(tooLongNoted, true))
+          noteDamage(damage, "__debug_line", offset, "source paths longer than 4096 bytes");
+        if (path && !std::exchange(overBudgetNoted, true))
+          noteDamage(damage, "__debug_line", offset,
+                     fmt::format("source paths beyond {} bytes in one line table", pathBudget));
+        fileIndex[entry] = kLeftOut;
+        return kNoFile;
+      }
+      pathBytes += path->size();
       fileIndex[entry] = static_cast<std::uint32_t>(out.paths.size());
-      out.paths.push_back(strings.emplace_back(fullPath(prologue, prologue.files[entry], unit.compDir)));
+      out.paths.push_back(strings.emplace_back(std::move(*path)));
     }
     return fileIndex[entry];
   };
