@@ -12,7 +12,7 @@
 #include <future>
 #include <mutex>
 
-#include "network/loopback_http_server.h"
+#include "network/loopback_servers.h"
 #include "network/url_error.h"
 #include "support/test_support.h"
 

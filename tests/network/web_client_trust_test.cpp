@@ -7,7 +7,7 @@
 
 #include <future>
 
-#include "network/loopback_http_server.h"
+#include "network/loopback_servers.h"
 #include "network/url_error.h"
 #include "network/web_client.h"
 #include "dispatch/thread_pool.h"
