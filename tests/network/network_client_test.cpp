@@ -9,10 +9,13 @@
 
 #include "dispatch/thread_pool.h"
 #include "network/network_response_handler.h"
+#include "network/network_test_support.h"
 #include "network/url_error.h"
 
 namespace symlift::network {
 namespace {
+
+using symlift::testing::Outcome;
 
 constexpr double kJitterLow = 0.8999999761581421;  // 0.9f and 1.1f
 constexpr double kJitterHigh = 1.100000023841858;
@@ -57,18 +60,6 @@ class ScriptedSession : public URLSession {
   }
   void finishTasksAndInvalidate() override {}
   void invalidateAndCancel() override {}
-};
-
-struct Result {
-  int calls = 0;
-  std::optional<Data> data;
-  std::optional<HTTPURLResponse> response;
-  support::ErrorPtr error;
-  SUPKITNetworkClient::CompletionHandler handler() {
-    return [this](std::optional<Data> d, std::optional<HTTPURLResponse> r, support::ErrorPtr e) {
-      ++calls, data = std::move(d), response = std::move(r), error = std::move(e);
-    };
-  }
 };
 
 // slack: a delay handed on in whole nanoseconds is truncated.
@@ -138,7 +129,7 @@ TEST(NetworkClientTest, RetriesUntilAnAnswerNeedsNoneOrTheLimitIsReached) {
     URLRequest request("https://symbols.vantrel.example/v1/up");
     request.setValueForHTTPHeaderField("7/7", "x-vantrel-retries");  // replaced, whatever its spelling
     request.addValueForHTTPHeaderField("symlift/1", "User-Agent");
-    Result result;
+    Outcome result;
     client->startDataTaskWithRequest(request, c.limit, result.handler());
 
     EXPECT_EQ(result.calls, 1);
@@ -171,7 +162,7 @@ TEST(NetworkClientTest, TransfersOutlivingTheClientCompleteOnce) {
   auto client = SUPKITNetworkClient::createWithSession(pool, session);
   std::function<void()> pendingRetry;
   client->setDelayScheduler([&](std::chrono::nanoseconds, std::function<void()> block) { pendingRetry = block; });
-  std::vector<Result> results(3);
+  Outcome results[3];
   for (auto& result : results) client->startDataTaskWithRequest(URLRequest("https://x.example/"), 3, result.handler());
   session->held[0](std::nullopt, status(500), nullptr);
   ASSERT_TRUE(pendingRetry);
@@ -180,7 +171,7 @@ TEST(NetworkClientTest, TransfersOutlivingTheClientCompleteOnce) {
   pendingRetry();
   session->held[1](Data{}, status(201), nullptr);
   session->held[2](Data{}, status(503), nullptr);
-  for (const Result& result : results) EXPECT_EQ(result.calls, 1);
+  for (const Outcome& result : results) EXPECT_EQ(result.calls, 1);
   ASSERT_TRUE(results[0].error && results[1].response && results[2].error);
   EXPECT_EQ(results[0].error->code, SUPNetworkErrorFailedToStartOperation);
   EXPECT_FALSE(results[1].error);

@@ -4,15 +4,13 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
-#include <future>
 #include <mutex>
 
 #include "console/console_log.h"
 #include "dispatch/thread_pool.h"
 #include "network/curl_url_session.h"
 #include "network/fake_service_process.h"
-#include "network/loopback_servers.h"
+#include "network/network_test_support.h"
 #include "network/network_client.h"
 #include "network/network_constants.h"
 #include "network/network_response_handler.h"
@@ -26,6 +24,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using symlift::testing::LoopbackHTTPServer;
+using symlift::testing::Outcome;
 using symlift::testing::RawLoopbackServer;
 
 URLRequest makeRequest(const std::string& url, const std::string& method = "PUT", const std::string& body = "csym") {
@@ -35,27 +34,6 @@ URLRequest makeRequest(const std::string& url, const std::string& method = "PUT"
   request.addValueForHTTPHeaderField(SUPNetworkConstants::symbolUploadUserAgent(), kUserAgentHeaderName);
   return request;
 }
-
-// The one outcome of a request, and how many times the completion ran.
-struct Outcome {
-  std::mutex mutex;
-  std::condition_variable changed;
-  int calls = 0;
-  std::optional<HTTPURLResponse> response;
-  support::ErrorPtr error;
-
-  DataTaskCompletion handler() {
-    return [this](std::optional<Data>, std::optional<HTTPURLResponse> r, support::ErrorPtr e) {
-      std::lock_guard<std::mutex> guard(mutex);
-      ++calls, response = std::move(r), error = std::move(e);
-      changed.notify_all();
-    };
-  }
-  bool wait(std::chrono::seconds limit = 30s) {
-    std::unique_lock<std::mutex> lock(mutex);
-    return changed.wait_for(lock, limit, [&] { return calls > 0; });
-  }
-};
 
 // One transfer on a bare session: what the transport reports.
 Outcome& transferOnce(Outcome& outcome, const URLRequest& request, URLSessionConfiguration configuration = {}) {

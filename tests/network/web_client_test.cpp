@@ -10,7 +10,7 @@
 
 #include "dispatch/thread_pool.h"
 #include "network/fake_service_process.h"
-#include "network/loopback_servers.h"
+#include "network/network_test_support.h"
 #include "network/url_error.h"
 
 namespace symlift::network {

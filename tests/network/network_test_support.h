@@ -1,8 +1,9 @@
 #pragma once
-// Servers on 127.0.0.1 at a free port, each run on its own thread for the
-// lifetime of the object: a cpp-httplib server with routes, and a bare TCP
-// listener whose handler misbehaves below HTTP (a handshake cut off, a
-// trickling answer) and which counts the connections it accepted.
+// Shared by the network tests: the outcome of a transfer, and servers on
+// 127.0.0.1 at a free port, each run on its own thread for the lifetime of
+// the object: a cpp-httplib server with routes, and a bare TCP listener
+// whose handler misbehaves below HTTP (a handshake cut off, a trickling
+// answer) and which counts the connections it accepted.
 
 #include <httplib.h>
 #include <netinet/in.h>
@@ -12,12 +13,38 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 
+#include "network/url_session.h"
+
 namespace symlift::testing {
+
+// The one outcome of a transfer, and how many times its completion ran.
+struct Outcome {
+  std::mutex mutex;
+  std::condition_variable changed;
+  int calls = 0;
+  std::optional<network::Data> data;
+  std::optional<network::HTTPURLResponse> response;
+  support::ErrorPtr error;
+
+  network::DataTaskCompletion handler() {
+    return [this](std::optional<network::Data> d, std::optional<network::HTTPURLResponse> r, support::ErrorPtr e) {
+      std::lock_guard<std::mutex> guard(mutex);
+      ++calls, data = std::move(d), response = std::move(r), error = std::move(e);
+      changed.notify_all();
+    };
+  }
+  bool wait(std::chrono::seconds limit = std::chrono::seconds(30)) {
+    std::unique_lock<std::mutex> lock(mutex);
+    return changed.wait_for(lock, limit, [&] { return calls > 0; });
+  }
+};
 
 class LoopbackHTTPServer {
  public:
