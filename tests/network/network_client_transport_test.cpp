@@ -52,18 +52,14 @@ TEST(CurlURLSessionTest, TransportFailuresBecomeURLErrors) {
     RawLoopbackServer::readSome(socket);
     RawLoopbackServer::resetOnClose(socket);
   };
-  std::string closedPort;
-  {
-    RawLoopbackServer gone(readRequest);
-    closedPort = gone.url("http", "/v1/x");
-  }
   struct Case {
     std::string url;  // or, with a peer, the scheme to reach it with
     RawLoopbackServer::Handler peer;
     std::int64_t code;
   };
   const Case cases[] = {
-      {closedPort, nullptr, URLErrorCannotConnectToHost},
+      {"http://127.0.0.1:" + std::to_string(symlift::testing::unusedLoopbackPort()), nullptr,
+       URLErrorCannotConnectToHost},
       {"http", readRequest, URLErrorNetworkConnectionLost},  // closed without an answer
       {"https", resetHandshake, URLErrorNetworkConnectionLost},
       {"https", readRequest, URLErrorNetworkConnectionLost},  // closed mid-handshake
@@ -150,51 +146,39 @@ TEST(CurlURLSessionTest, RedirectsAwayFromHTTPSAreRefusedOthersFollowed) {
   symlift::testing::TestCertificates certificates;
   if (!certificates.made) GTEST_SKIP() << "openssl could not make the test certificates";
   RawLoopbackServer plain([](int socket, const std::atomic<bool>&) { RawLoopbackServer::readSome(socket, 500ms); });
-  auto echo = [](const httplib::Request& request, httplib::Response& response) {
-    response.set_content(request.body, "application/octet-stream");
+  // /redirect/<status>?to=<location>, and /there answers with the body it got.
+  auto routes = [](httplib::Server& server) {
+    server.Put(R"(/redirect/(\d+))", [](const httplib::Request& request, httplib::Response& response) {
+      response.status = std::stoi(request.matches[1]);
+      response.set_header("Location", request.get_param_value("to"));
+    });
+    server.Put("/there", [](const httplib::Request& request, httplib::Response& response) {
+      response.set_content(request.body, "application/octet-stream");
+    });
   };
   auto tls = std::make_unique<httplib::SSLServer>(certificates.serverCertificate.c_str(), certificates.serverKey.c_str());
-  tls->Put(R"(/away/(\d+))", [&](const httplib::Request& request, httplib::Response& response) {
-    response.status = std::stoi(request.matches[1]);
-    response.set_header("Location", plain.url("http", "/v1/x"));
-  });
-  tls->Put("/here", [](const httplib::Request&, httplib::Response& response) {
-    response.status = 307;
-    response.set_header("Location", "/there");
-  });
-  tls->Put("/there", echo);
-  LoopbackHTTPServer secure(std::move(tls), "https");
-  int port = 0;
   auto http = std::make_unique<httplib::Server>();
-  http->Put("/up", [&](const httplib::Request&, httplib::Response& response) {
-    response.status = 308;
-    response.set_header("Location", secure.url() + "/there");
-  });
-  http->Put("/elsewhere", [&](const httplib::Request&, httplib::Response& response) {
-    response.status = 307;
-    response.set_header("Location", "http://localhost:" + std::to_string(port) + "/there");
-  });
-  http->Put("/there", echo);
-  LoopbackHTTPServer insecure(std::move(http));
+  routes(*tls), routes(*http);
+  LoopbackHTTPServer secure(std::move(tls), "https"), insecure(std::move(http));
   ASSERT_TRUE(plain.bound() && secure.bound() && insecure.bound());
-  port = std::stoi(insecure.url().substr(insecure.url().rfind(':') + 1));
-  URLSessionConfiguration trusting;
-  trusting.caInfoPath = certificates.caCertificate;
-
+  const std::string elsewhere = "http://localhost:" + insecure.url().substr(insecure.url().rfind(':') + 1) + "/there";
   struct Case {
     std::string url, landing;  // no landing: refused
     bool told;
   };
   std::vector<Case> cases = {
-      {secure.url() + "/here", secure.url() + "/there", false},
-      {insecure.url() + "/up", secure.url() + "/there", false},
-      {insecure.url() + "/elsewhere", "http://localhost:" + std::to_string(port) + "/there", true},
+      {secure.url() + "/redirect/307?to=/there", secure.url() + "/there", false},
+      {insecure.url() + "/redirect/308?to=" + secure.url() + "/there", secure.url() + "/there", false},
+      {insecure.url() + "/redirect/307?to=" + elsewhere, elsewhere, true},
   };
-  for (int status : {301, 302, 303, 307, 308}) cases.push_back({secure.url() + "/away/" + std::to_string(status), "", false});
+  for (int status : {301, 302, 303, 307, 308})
+    cases.push_back({secure.url() + "/redirect/" + std::to_string(status) + "?to=" + plain.url("http"), "", false});
+  URLSessionConfiguration trusting;
+  trusting.caInfoPath = certificates.caCertificate;
   for (const Case& c : cases) {
     Outcome outcome;
     std::string printed = symlift::testing::consoleOutput(console::kLogLevelDebug, [&] {
-      transferOnce(outcome, makeRequest(c.url), trusting);
+      transferOnce(outcome, makeRequest(c.url, "PUT", "body"), trusting);
     });
     if (c.landing.empty()) {
       ASSERT_TRUE(outcome.error) << c.url;
@@ -204,6 +188,7 @@ TEST(CurlURLSessionTest, RedirectsAwayFromHTTPSAreRefusedOthersFollowed) {
       ASSERT_FALSE(outcome.error) << c.url << " " << outcome.error->description();
       EXPECT_EQ(outcome.response->statusCode, 200) << c.url;
       EXPECT_EQ(outcome.response->URL, c.landing);
+      EXPECT_EQ(outcome.data, (Data{'b', 'o', 'd', 'y'}));
     }
     std::size_t told = c.told ? 1 : 0;
     EXPECT_EQ(symlift::testing::countOccurrences(printed, "Redirected from " + c.url + " to " + c.landing), told);
