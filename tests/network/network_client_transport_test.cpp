@@ -197,87 +197,64 @@ TEST(CurlURLSessionTest, RedirectsAwayFromHTTPSAreRefusedOthersFollowed) {
   EXPECT_EQ(plain.connections(), 0);
 }
 
+// Cancelling ends a transfer at once; a client then completes it with
+// "failed to start" (a cancel is retryable, but the session is gone), and
+// completes any later request so at once.
 TEST(NetworkClientTransportTest, InvalidateAndCancelEndsTransfersAndRefusesNewOnes) {
   RawLoopbackServer silent(RawLoopbackServer::holdSilently);
   dispatch::ThreadPool pool;
+  auto session = CurlURLSession::create(pool, {}, nullptr);
   auto client = SUPKITNetworkClient::createWithSessionConfiguration(pool, {}, nullptr);
   client->setDelayScheduler([](std::chrono::nanoseconds, std::function<void()> block) { block(); });
-  Outcome outcome;
-  client->startDataTaskWithRequest(makeRequest(silent.url("http")), 10, outcome.handler());
-  std::this_thread::sleep_for(200ms);  // let the transfer reach the peer
-  auto start = std::chrono::steady_clock::now();
-  client->invalidateAndCancel();
-  ASSERT_TRUE(outcome.wait(10s));
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
-  // Cancelled counts as retryable, but the retry finds the session gone.
-  ASSERT_TRUE(outcome.error);
-  EXPECT_EQ(outcome.error->code, SUPNetworkErrorFailedToStartOperation) << outcome.error->description();
-  Outcome refused;
-  client->startDataTaskWithRequest(makeRequest(silent.url("http")), 10, refused.handler());
-  EXPECT_EQ(refused.calls, 1);  // at once, on this thread
-  ASSERT_TRUE(refused.error);
-  EXPECT_EQ(refused.error->code, SUPNetworkErrorFailedToStartOperation);
-
-  // The bare session reports the cancellation itself.
-  auto session = CurlURLSession::create(pool, {}, nullptr);
-  Outcome cancelled;
+  Outcome cancelled, failed, refused;
   session->startDataTask(makeRequest(silent.url("http")), cancelled.handler());
-  std::this_thread::sleep_for(200ms);
-  session->invalidateAndCancel();
-  ASSERT_TRUE(cancelled.wait(10s));
-  ASSERT_TRUE(cancelled.error);
+  client->startDataTaskWithRequest(makeRequest(silent.url("http")), 10, failed.handler());
+  std::this_thread::sleep_for(200ms);  // let the transfers reach the peer
+  session->invalidateAndCancel(), client->invalidateAndCancel();
+  ASSERT_TRUE(cancelled.wait(5s) && failed.wait(5s));
+  client->startDataTaskWithRequest(makeRequest(silent.url("http")), 10, refused.handler());
+  EXPECT_EQ(refused.calls, 1);  // on this thread
+  ASSERT_TRUE(cancelled.error && failed.error && refused.error);
   EXPECT_EQ(cancelled.error->code, URLErrorCancelled);
+  EXPECT_EQ(failed.error->code, SUPNetworkErrorFailedToStartOperation) << failed.error->description();
+  EXPECT_EQ(refused.error->code, SUPNetworkErrorFailedToStartOperation);
 }
 
-// Every completion goes through the delegate queue, once per transfer (a
-// retry is a second one); destroying a client waits for its transfers.
-TEST(NetworkClientTransportTest, DelegateQueueAndDestructionWaitingForTransfers) {
+// Destroying a client waits for its transfers, each completed once; a
+// session with a delegate queue completes through it.
+TEST(NetworkClientTransportTest, DestructionWaitsAndCompletionsGoThroughTheDelegateQueue) {
   static thread_local bool onQueue = false;
-  class CountingQueue : public dispatch::DispatchQueue {
-   public:
-    explicit CountingQueue(dispatch::ThreadPool& pool) : dispatch::DispatchQueue(pool) {}
+  struct CountingQueue : dispatch::DispatchQueue {
+    using dispatch::DispatchQueue::DispatchQueue;
     std::atomic<int> items{0};
     void async(std::function<void()> work) override {
-      ++items;
-      pool().submit([work = std::move(work)] { onQueue = true, work(), onQueue = false; });
+      ++items, pool().submit([work = std::move(work)] { onQueue = true, work(), onQueue = false; });
     }
     void sync(const std::function<void()>& work) override { work(); }
   };
-  std::atomic<int> requests{0};
   auto server = std::make_unique<httplib::Server>();
-  server->Put("/slow", [&](const httplib::Request&, httplib::Response& response) {
-    std::this_thread::sleep_for(300ms);
-    response.status = ++requests == 1 ? 502 : 200;
-  });
+  server->Put("/slow", [&](const httplib::Request&, httplib::Response&) { std::this_thread::sleep_for(300ms); });
   LoopbackHTTPServer loopback(std::move(server));
   ASSERT_TRUE(loopback.bound());
   dispatch::ThreadPool pool;
-  auto queue = std::make_shared<CountingQueue>(pool);
-  auto queued = SUPKITNetworkClient::createWithSessionConfiguration(pool, {}, queue);
-  queued->setDelayScheduler([](std::chrono::nanoseconds, std::function<void()> block) { block(); });
-  Outcome retried;
-  std::atomic<bool> calledOnQueue{false};
-  queued->startDataTaskWithRequest(makeRequest(loopback.url() + "/slow"), 10,
-                                   [&, inner = retried.handler()](auto d, auto r, auto e) {
-                                     calledOnQueue = onQueue;
-                                     inner(std::move(d), std::move(r), std::move(e));
-                                   });
-  ASSERT_TRUE(retried.wait());
-  EXPECT_FALSE(retried.error);
-  EXPECT_TRUE(calledOnQueue);
-  EXPECT_EQ(queue->items.load(), 2);
-
   auto client = SUPKITNetworkClient::createWithSessionConfiguration(pool, {}, nullptr);
-  std::vector<std::unique_ptr<Outcome>> outcomes;
-  for (int i = 0; i < 3; ++i) {
-    outcomes.push_back(std::make_unique<Outcome>());
-    client->startDataTaskWithRequest(makeRequest(loopback.url() + "/slow"), 10, outcomes.back()->handler());
-  }
+  Outcome outcomes[3];
+  for (auto& outcome : outcomes)
+    client->startDataTaskWithRequest(makeRequest(loopback.url() + "/slow"), 10, outcome.handler());
   client.reset();
-  for (auto& outcome : outcomes) {
-    EXPECT_EQ(outcome->calls, 1);
-    EXPECT_FALSE(outcome->error);
-  }
+  for (auto& outcome : outcomes) EXPECT_TRUE(outcome.calls == 1 && !outcome.error) << outcome.calls;
+
+  auto queue = std::make_shared<CountingQueue>(pool);
+  Outcome queued;
+  bool calledOnQueue = false;
+  CurlURLSession::create(pool, {}, queue)
+      ->startDataTask(makeRequest(loopback.url() + "/slow"), [&, inner = queued.handler()](auto d, auto r, auto e) {
+        calledOnQueue = onQueue;
+        inner(std::move(d), std::move(r), std::move(e));
+      });
+  ASSERT_TRUE(queued.wait());
+  EXPECT_TRUE(calledOnQueue && !queued.error);
+  EXPECT_EQ(queue->items.load(), 1);
 }
 
 }  // namespace
