@@ -25,7 +25,8 @@ TEST(EndpointsTest, TheEnvironmentAsItStandsElseTheDefault) {
       {kUploadEndpointKey, std::nullopt, &SUPWebAPIClientEndpoints::UploadEndpoint, "https://symbols.vantrel.example"},
       {kAPIEndpointKey, std::nullopt, &SUPWebAPIClientEndpoints::APIEndpoint, "https://api.vantrel.example"},
       {kCMEndpointKey, std::nullopt, &SUPWebAPIClientEndpoints::CMEndpoint, "https://cm.vantrel.example"},
-      {kUploadEndpointKey, "http://127.0.0.1:8080 ", &SUPWebAPIClientEndpoints::UploadEndpoint, "http://127.0.0.1:8080 "},
+      {kUploadEndpointKey, "http://127.0.0.1:8080 ", &SUPWebAPIClientEndpoints::UploadEndpoint,
+       "http://127.0.0.1:8080 "},  // as it stands
       {kAPIEndpointKey, "", &SUPWebAPIClientEndpoints::APIEndpoint, ""},
   };
   for (const Case& c : cases) {

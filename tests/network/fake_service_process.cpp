@@ -104,7 +104,8 @@ TestCertificates::TestCertificates() {
   serverCertificate = (dir / "server.pem").string();
   serverKey = (dir / "server.key").string();
   std::string caKey = (dir / "ca.key").string(), request = (dir / "server.csr").string();
-  std::string extensions = directory.write("ext.cnf", "subjectAltName=IP:127.0.0.1\nbasicConstraints=CA:FALSE\n").string();
+  std::string extensions =
+      directory.write("ext.cnf", "subjectAltName=IP:127.0.0.1\nbasicConstraints=CA:FALSE\n").string();
   auto run = [](std::vector<std::string> argv) {
     argv.insert(argv.begin(), "/usr/bin/openssl");
     RunOptions options;
@@ -113,7 +114,8 @@ TestCertificates::TestCertificates() {
   };
   made = run({"req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", caKey, "-out", caCertificate, "-days", "2",
               "-subj", "/CN=symlift test CA"}) &&
-         run({"req", "-newkey", "rsa:2048", "-nodes", "-keyout", serverKey, "-out", request, "-subj", "/CN=127.0.0.1"}) &&
+         run({"req", "-newkey", "rsa:2048", "-nodes", "-keyout", serverKey, "-out", request, "-subj",
+              "/CN=127.0.0.1"}) &&
          run({"x509", "-req", "-in", request, "-CA", caCertificate, "-CAkey", caKey, "-CAcreateserial", "-out",
               serverCertificate, "-days", "2", "-extfile", extensions});
 }

@@ -156,7 +156,8 @@ TEST(CurlURLSessionTest, RedirectsAwayFromHTTPSAreRefusedOthersFollowed) {
       response.set_content(request.body, "application/octet-stream");
     });
   };
-  auto tls = std::make_unique<httplib::SSLServer>(certificates.serverCertificate.c_str(), certificates.serverKey.c_str());
+  auto tls =
+      std::make_unique<httplib::SSLServer>(certificates.serverCertificate.c_str(), certificates.serverKey.c_str());
   auto http = std::make_unique<httplib::Server>();
   routes(*tls), routes(*http);
   LoopbackHTTPServer secure(std::move(tls), "https"), insecure(std::move(http));

@@ -52,11 +52,14 @@ class WebClientTest : public ::testing::Test {
     auto echo = [this](const httplib::Request& request, httplib::Response& response) {
       std::lock_guard<std::mutex> guard(mutex);
       auto file = request.get_file_value("file");
-      seen = {request.method, request.target, request.get_header_value("Accept"), request.get_header_value("X-Client"),
+      std::string form = request.get_file_value("greeting").content + "|" + file.filename + "|" +
+                         file.content_type + "|" + file.content;
+      seen = {request.method,
+              request.target,
+              request.get_header_value("Accept"),
+              request.get_header_value("X-Client"),
               request.get_header_value("Content-Type"),
-              request.is_multipart_form_data() ? request.get_file_value("greeting").content + "|" + file.filename + "|" +
-                                                     file.content_type + "|" + file.content
-                                               : request.body};
+              request.is_multipart_form_data() ? form : request.body};
       response.set_content(kJSON, "application/json; charset=utf-8");
     };
     server->Get("/echo", echo).Post("/echo", echo).Put("/echo", echo).Delete("/echo", echo);
@@ -74,10 +77,11 @@ class WebClientTest : public ::testing::Test {
     server->Get("/moved", [](const httplib::Request&, httplib::Response& response) { response.set_redirect("/echo"); });
     // Promises 100 bytes, sends 10, then drops the connection.
     server->Get("/cut", [](const httplib::Request&, httplib::Response& response) {
-      response.set_content_provider(100, "application/octet-stream", [](std::size_t, std::size_t, httplib::DataSink& sink) {
-        sink.write("0123456789", 10);
-        return false;
-      });
+      response.set_content_provider(100, "application/octet-stream",
+                                    [](std::size_t, std::size_t, httplib::DataSink& sink) {
+                                      sink.write("0123456789", 10);
+                                      return false;
+                                    });
     });
     return server;
   }
@@ -183,10 +187,17 @@ TEST_F(WebClientTest, ResponsesReportStatusBodyAndError) {
       EXPECT_EQ(textOf(response->responseData), c.data);
     }
     switch (c.kind) {
-      case JSON: EXPECT_EQ(std::get<nlohmann::json>(response->body), nlohmann::json::parse(kJSON)); break;
-      case PropertyList: EXPECT_EQ(std::get<support::PropertyList>(response->body).stringForKey("name"), "symbols"); break;
-      case Bytes: EXPECT_EQ(std::get<Data>(response->body), response->responseData); break;
-      case None: break;
+      case JSON:
+        EXPECT_EQ(std::get<nlohmann::json>(response->body), nlohmann::json::parse(kJSON));
+        break;
+      case PropertyList:
+        EXPECT_EQ(std::get<support::PropertyList>(response->body).stringForKey("name"), "symbols");
+        break;
+      case Bytes:
+        EXPECT_EQ(std::get<Data>(response->body), response->responseData);
+        break;
+      case None:
+        break;
     }
     if (c.errorCode == URLErrorNetworkConnectionLost) {
       EXPECT_EQ(response->responseHeaders.valueForField("Content-Length"), "100");
