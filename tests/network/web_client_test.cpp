@@ -6,6 +6,7 @@
 
 #include <future>
 #include <mutex>
+#include <tuple>
 
 #include "dispatch/thread_pool.h"
 #include "network/fake_service_process.h"
@@ -63,17 +64,17 @@ class WebClientTest : public ::testing::Test {
       response.set_content(kJSON, "application/json; charset=utf-8");
     };
     server->Get("/echo", echo).Post("/echo", echo).Put("/echo", echo).Delete("/echo", echo);
-    server->Get("/plist", [](const httplib::Request&, httplib::Response& response) {
-      response.set_content("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
-                           "<key>name</key><string>symbols</string></dict></plist>\n",
-                           "application/x-plist");
-    });
-    server->Get("/broken-plist", [](const httplib::Request&, httplib::Response& response) {
-      response.set_content("this is not a property list", "application/x-plist");
-    });
-    server->Get("/text", [](const httplib::Request&, httplib::Response& response) {
-      response.set_content("stored", "text/plain");
-    });
+    // Fixed answers, by path: their bodies and content types.
+    for (const auto& [path, body, type] : std::vector<std::tuple<std::string, std::string, std::string>>{
+             {"/plist",
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
+              "<key>name</key><string>symbols</string></dict></plist>\n",
+              "application/x-plist"},
+             {"/broken-plist", "this is not a property list", "application/x-plist"},
+             {"/text", "stored", "text/plain"}})
+      server->Get(path, [body, type](const httplib::Request&, httplib::Response& response) {
+        response.set_content(body, type);
+      });
     server->Get("/moved", [](const httplib::Request&, httplib::Response& response) { response.set_redirect("/echo"); });
     // Promises 100 bytes, sends 10, then drops the connection.
     server->Get("/cut", [](const httplib::Request&, httplib::Response& response) {
@@ -94,14 +95,12 @@ class WebClientTest : public ::testing::Test {
                                        std::optional<unsigned long> expected = std::nullopt, bool sync = false) {
     auto promise = std::make_shared<std::promise<std::shared_ptr<SUPWebResponse>>>();
     auto completion = [promise](const std::shared_ptr<SUPWebResponse>& response) { promise->set_value(response); };
-    if (sync && expected)
-      client->syncStartRequestExpectingResponse(std::move(request), *expected, completion);
-    else if (sync)
-      client->syncStartRequest(std::move(request), completion);
-    else if (expected)
-      client->startRequestExpectingResponse(std::move(request), *expected, completion);
+    if (sync)
+      expected ? client->syncStartRequestExpectingResponse(request, *expected, completion)
+               : client->syncStartRequest(request, completion);
     else
-      client->startRequest(std::move(request), completion);
+      expected ? client->startRequestExpectingResponse(request, *expected, completion)
+               : client->startRequest(request, completion);
     return waitFor(promise->get_future());
   }
 };
