@@ -2,79 +2,60 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
 #include "network/network_constants.h"
 #include "network/url_session.h"
 #include "support/info_dictionary.h"
+#include "support/scoped_environment.h"
 
 namespace symlift::network {
 namespace {
 
-// Sets or clears an environment variable for one test and restores it.
-class ScopedEnvironment {
- public:
-  ScopedEnvironment(const char* name, const char* value) : name_(name) {
-    if (const char* old = std::getenv(name)) old_ = old;
-    if (value)
-      setenv(name, value, 1);
-    else
-      unsetenv(name);
-  }
-  ~ScopedEnvironment() {
-    if (old_)
-      setenv(name_, old_->c_str(), 1);
-    else
-      unsetenv(name_);
-  }
+using symlift::testing::ScopedEnvironment;
 
- private:
-  const char* name_;
-  std::optional<std::string> old_;
-};
-
-TEST(EndpointsTest, EnvironmentOverridesDefaultAndEmptyCounts) {
+TEST(EndpointsTest, TheEnvironmentAsItStandsElseTheDefault) {
   // The tool's info dictionary names no endpoint, so the environment decides.
   ASSERT_FALSE(support::infoDictionaryString(kUploadEndpointKey));
-  {
-    ScopedEnvironment unset(kUploadEndpointKey, nullptr);
-    ScopedEnvironment unsetAPI(kAPIEndpointKey, nullptr);
-    ScopedEnvironment unsetCM(kCMEndpointKey, nullptr);
-    EXPECT_EQ(SUPWebAPIClientEndpoints::UploadEndpoint(), "https://symbols.vantrel.example");
-    EXPECT_EQ(SUPWebAPIClientEndpoints::APIEndpoint(), "https://api.vantrel.example");
-    EXPECT_EQ(SUPWebAPIClientEndpoints::CMEndpoint(), "https://cm.vantrel.example");
+  struct Case {
+    const char* variable;
+    std::optional<std::string> value;
+    std::string (*endpoint)();
+    std::string expected;
+  };
+  const Case cases[] = {
+      {kUploadEndpointKey, std::nullopt, &SUPWebAPIClientEndpoints::UploadEndpoint, "https://symbols.vantrel.example"},
+      {kAPIEndpointKey, std::nullopt, &SUPWebAPIClientEndpoints::APIEndpoint, "https://api.vantrel.example"},
+      {kCMEndpointKey, std::nullopt, &SUPWebAPIClientEndpoints::CMEndpoint, "https://cm.vantrel.example"},
+      {kUploadEndpointKey, "http://127.0.0.1:8080 ", &SUPWebAPIClientEndpoints::UploadEndpoint,
+       "http://127.0.0.1:8080 "},  // as it stands
+      {kAPIEndpointKey, "", &SUPWebAPIClientEndpoints::APIEndpoint, ""},
+  };
+  for (const Case& c : cases) {
+    ScopedEnvironment set(c.variable, c.value);
+    EXPECT_EQ(c.endpoint(), c.expected) << c.variable;
   }
-  {
-    ScopedEnvironment local(kUploadEndpointKey, "http://127.0.0.1:8080 ");
-    ScopedEnvironment api(kAPIEndpointKey, "");
-    EXPECT_EQ(SUPWebAPIClientEndpoints::UploadEndpoint(), "http://127.0.0.1:8080 ");  // as it stands
-    EXPECT_EQ(SUPWebAPIClientEndpoints::APIEndpoint(), "");
-  }
-}
-
-TEST(EndpointsTest, UserAgentsCarryTheShortVersion) {
   auto version = support::infoDictionaryString("CFBundleShortVersionString");
   ASSERT_TRUE(version);
   EXPECT_EQ(SUPNetworkConstants::userAgentMacApp(), "Vantrel for Mac/" + *version);
   EXPECT_EQ(SUPNetworkConstants::symbolUploadUserAgent(), "symlift/" + *version);
 }
 
-TEST(EndpointsTest, DefaultSessionConfigurationReadsTheCertificateVariables) {
-  {
-    ScopedEnvironment file("SSL_CERT_FILE", "/tmp/first.pem");
-    ScopedEnvironment bundle("CURL_CA_BUNDLE", "/tmp/second.pem");
-    ScopedEnvironment dir("SSL_CERT_DIR", "/tmp/certs");
+// SSL_CERT_FILE, else CURL_CA_BUNDLE, names the CA bundle; SSL_CERT_DIR a
+// folder. An empty value counts as none.
+TEST(EndpointsTest, SessionTrustAnchorsComeFromTheEnvironment) {
+  using Text = std::optional<std::string>;
+  struct Case {
+    Text file, bundle, dir, caInfo, caPath;
+  };
+  const Case cases[] = {
+      {"/tmp/first.pem", "/tmp/second.pem", "/tmp/certs", "/tmp/first.pem", "/tmp/certs"},
+      {std::nullopt, "/tmp/second.pem", std::nullopt, "/tmp/second.pem", std::nullopt},
+      {"", "", "", std::nullopt, std::nullopt},
+  };
+  for (const Case& c : cases) {
+    ScopedEnvironment file("SSL_CERT_FILE", c.file), bundle("CURL_CA_BUNDLE", c.bundle), dir("SSL_CERT_DIR", c.dir);
     auto configuration = URLSessionConfiguration::defaultSessionConfiguration();
-    EXPECT_EQ(configuration.caInfoPath, "/tmp/first.pem");
-    EXPECT_EQ(configuration.caPath, "/tmp/certs");
-  }
-  {
-    ScopedEnvironment file("SSL_CERT_FILE", nullptr);
-    ScopedEnvironment bundle("CURL_CA_BUNDLE", "/tmp/second.pem");
-    ScopedEnvironment dir("SSL_CERT_DIR", nullptr);
-    auto configuration = URLSessionConfiguration::defaultSessionConfiguration();
-    EXPECT_EQ(configuration.caInfoPath, "/tmp/second.pem");
-    EXPECT_FALSE(configuration.caPath);
+    EXPECT_EQ(configuration.caInfoPath, c.caInfo);
+    EXPECT_EQ(configuration.caPath, c.caPath);
   }
 }
 

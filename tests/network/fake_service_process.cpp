@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
@@ -20,30 +19,17 @@ extern char** environ;
 
 namespace symlift::testing {
 
-namespace {
-
-// Loopback traffic must never go through a proxy from the environment.
-void bypassProxiesForLoopback() {
-  for (const char* name : {"http_proxy", "https_proxy", "HTTP_PROXY", "HTTPS_PROXY", "ALL_PROXY", "all_proxy"}) {
-    if (std::getenv(name)) {
-      setenv("no_proxy", "127.0.0.1,localhost", 1);
-      setenv("NO_PROXY", "127.0.0.1,localhost", 1);
-      return;
-    }
-  }
-}
-
-}  // namespace
+using Clock = std::chrono::steady_clock;
 
 FakeServiceProcess::FakeServiceProcess(const std::vector<std::string>& options, bool tls) : tls_(tls) {
-  bypassProxiesForLoopback();
+  // Loopback traffic must never go through a proxy from the environment.
+  for (const char* name : {"http_proxy", "https_proxy", "HTTP_PROXY", "HTTPS_PROXY", "ALL_PROXY", "all_proxy"})
+    if (std::getenv(name)) setenv("no_proxy", "127.0.0.1,localhost", 1), setenv("NO_PROXY", "127.0.0.1,localhost", 1);
   std::string portFile = (directory_.path() / "port").string();
-  // The destructor stops the service; its own limit only ends one left
-  // behind by a test process that died. It is generous: a test of several
-  // runs on a busy machine must not lose its service half-way, which turns
-  // whatever went wrong first into a cascade of refused connections.
-  std::vector<std::string> argv{FAKE_SERVICE_PATH, "--port",       "0", "--port-file", portFile,
-                                "--store",         storePath(),    "--max-seconds", "600"};
+  // The service's own limit only ends one left behind by a test process that
+  // died; it is generous, so that a slow machine never loses it half-way.
+  std::vector<std::string> argv{FAKE_SERVICE_PATH, "--port",     "0", "--port-file", portFile, "--store",
+                                storePath(),       "--max-seconds", "600"};
   argv.insert(argv.end(), options.begin(), options.end());
   std::vector<char*> args;
   for (auto& a : argv) args.push_back(a.data());
@@ -51,8 +37,8 @@ FakeServiceProcess::FakeServiceProcess(const std::vector<std::string>& options, 
 
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
   std::string outPath = (directory_.path() / "service.out").string();
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
   posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
   posix_spawn_file_actions_addopen(&actions, 2, outPath.c_str(), O_WRONLY | O_APPEND, 0600);
   int rc = posix_spawn(&pid_, args[0], &actions, nullptr, args.data(), environ);
@@ -61,15 +47,13 @@ FakeServiceProcess::FakeServiceProcess(const std::vector<std::string>& options, 
     pid_ = -1;
     return;
   }
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (std::chrono::steady_clock::now() < deadline) {
+  for (auto deadline = Clock::now() + std::chrono::seconds(10); Clock::now() < deadline;) {
     std::ifstream in(portFile);
-    int port = 0;
+    int port = 0, status = 0;
     if (in >> port && port > 0) {
       port_ = port;
       return;
     }
-    int status = 0;
     if (waitpid(pid_, &status, WNOHANG) == pid_) {
       pid_ = -1;
       return;
@@ -81,10 +65,9 @@ FakeServiceProcess::FakeServiceProcess(const std::vector<std::string>& options, 
 FakeServiceProcess::~FakeServiceProcess() {
   if (pid_ <= 0) return;
   kill(pid_, SIGTERM);
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   int status = 0;
-  while (waitpid(pid_, &status, WNOHANG) != pid_) {
-    if (std::chrono::steady_clock::now() > deadline) {
+  for (auto deadline = Clock::now() + std::chrono::seconds(10); waitpid(pid_, &status, WNOHANG) != pid_;) {
+    if (Clock::now() > deadline) {
       kill(pid_, SIGKILL);
       waitpid(pid_, &status, 0);
       break;
@@ -97,28 +80,20 @@ std::string FakeServiceProcess::baseURL() const {
   return std::string(tls_ ? "https" : "http") + "://127.0.0.1:" + std::to_string(port_);
 }
 
-std::string FakeServiceProcess::uploadURL(const std::string& app, const std::string& uuid) const {
-  return baseURL() + "/v1/project/-/app/" + app + "/upload/native/" + uuid;
-}
-
 std::string FakeServiceProcess::requestLog() const { return readFile(directory_.path() / "store" / "requests.log"); }
 
 std::vector<std::string> FakeServiceProcess::loggedHeaderValues(const std::string& header) const {
   std::vector<std::string> values;
   std::istringstream lines(requestLog());
-  std::string line;
-  std::string prefix = header + ": ";
-  while (std::getline(lines, line))
-    if (line.rfind(prefix, 0) == 0) values.push_back(line.substr(prefix.size()));
+  for (std::string line; std::getline(lines, line);)
+    if (line.starts_with(header + ": ")) values.push_back(line.substr(header.size() + 2));
   return values;
 }
 
 std::size_t FakeServiceProcess::loggedRequestCount() const {
   std::size_t count = 0;
   std::istringstream lines(requestLog());
-  std::string line;
-  while (std::getline(lines, line))
-    if (line.rfind("#", 0) == 0) ++count;
+  for (std::string line; std::getline(lines, line);) count += line.starts_with("#");
   return count;
 }
 
@@ -129,7 +104,8 @@ TestCertificates::TestCertificates() {
   serverCertificate = (dir / "server.pem").string();
   serverKey = (dir / "server.key").string();
   std::string caKey = (dir / "ca.key").string(), request = (dir / "server.csr").string();
-  std::string extensions = directory.write("ext.cnf", "subjectAltName=IP:127.0.0.1\nbasicConstraints=CA:FALSE\n").string();
+  std::string extensions =
+      directory.write("ext.cnf", "subjectAltName=IP:127.0.0.1\nbasicConstraints=CA:FALSE\n").string();
   auto run = [](std::vector<std::string> argv) {
     argv.insert(argv.begin(), "/usr/bin/openssl");
     RunOptions options;

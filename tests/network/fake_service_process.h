@@ -1,7 +1,7 @@
 #pragma once
-// Runs the stand-in upload service as a child process on an ephemeral
-// loopback port, with its store in a temporary folder. The child stops by
-// itself after ten minutes; the destructor stops it at once.
+// The stand-in upload service run as a child process on an ephemeral
+// loopback port, with its store in a temporary folder (shared with the e2e
+// and operations tests); and the test certificates for TLS peers.
 
 #include <sys/types.h>
 
@@ -14,22 +14,18 @@ namespace symlift::testing {
 
 class FakeServiceProcess {
  public:
-  // Extra options as on the service's command line. Starts the service and
-  // waits until it listens; started() tells whether it did.
+  // Options as on the service's command line. Waits until it listens;
+  // started() tells whether it did. The destructor stops it.
   explicit FakeServiceProcess(const std::vector<std::string>& options = {}, bool tls = false);
   ~FakeServiceProcess();
   FakeServiceProcess(const FakeServiceProcess&) = delete;
   FakeServiceProcess& operator=(const FakeServiceProcess&) = delete;
 
   bool started() const { return port_ > 0; }
-  int port() const { return port_; }
   std::string baseURL() const;
-  std::string uploadURL(const std::string& app, const std::string& uuid) const;
-  const TempDir& directory() const { return directory_; }
   std::string storePath() const { return (directory_.path() / "store").string(); }
-
-  // The request log, one block per request ("#<n> <method> <target>",
-  // "<Header>: <value>" lines, "=> <outcome>").
+  // One block per request: "#<n> <method> <target>", "<Header>: <value>"
+  // lines, "=> <outcome>".
   std::string requestLog() const;
   // The values of one header across the logged requests, in order.
   std::vector<std::string> loggedHeaderValues(const std::string& header) const;
@@ -46,9 +42,7 @@ class FakeServiceProcess {
 // with the openssl command in a temporary folder.
 struct TestCertificates {
   TempDir directory;
-  std::string caCertificate;
-  std::string serverCertificate;
-  std::string serverKey;
+  std::string caCertificate, serverCertificate, serverKey;
   bool made = false;
   TestCertificates();
 };

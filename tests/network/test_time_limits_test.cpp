@@ -2,15 +2,10 @@
 // lower a wait, never raise it, and anything but a plain number of
 // milliseconds from 1 to 60000 leaves the waits as they are.
 
+#include "network/test_time_limits.h"
+
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <optional>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include "network/test_time_limits.h"
 #include "support/scoped_environment.h"
 
 namespace symlift::network {
@@ -21,50 +16,23 @@ using symlift::testing::ScopedEnvironment;
 
 TEST(TestTimeLimitsTest, OnlyPlainMillisecondsUpToAMinuteCount) {
   using Case = std::pair<std::optional<std::string>, std::optional<std::chrono::milliseconds>>;
-  for (const char* variable : {kTestIdleTimeoutVariable, kTestMaximumRetryDelayVariable}) {
-    SCOPED_TRACE(variable);
-    for (const auto& [text, expected] : std::vector<Case>{
-             {std::nullopt, std::nullopt},
-             {"", std::nullopt},
-             {"0", std::nullopt},
-             {"-5", std::nullopt},
-             {"abc", std::nullopt},
-             {"400ms", std::nullopt},
-             {" 400", std::nullopt},
-             {"60001", std::nullopt},
-             {"99999999999999999999999", std::nullopt},
-             {"1", 1ms},
-             {"400", 400ms},
-             {"60000", 60000ms},
-         }) {
-      ScopedEnvironment set(variable, text);
-      EXPECT_EQ(testTimeCeiling(variable), expected) << (text ? *text : "(unset)");
-    }
+  for (const auto& [text, expected] : std::vector<Case>{
+           {std::nullopt, std::nullopt}, {"", std::nullopt}, {"0", std::nullopt}, {"-5", std::nullopt},
+           {"abc", std::nullopt}, {"400ms", std::nullopt}, {" 400", std::nullopt}, {"60001", std::nullopt},
+           {"99999999999999999999999", std::nullopt}, {"1", 1ms}, {"400", 400ms}, {"60000", 60000ms}}) {
+    ScopedEnvironment set(kTestIdleTimeoutVariable, text);
+    EXPECT_EQ(testTimeCeiling(kTestIdleTimeoutVariable), expected) << (text ? *text : "(unset)");
   }
 }
 
 TEST(TestTimeLimitsTest, CeilingsLowerButNeverRaise) {
-  {
-    ScopedEnvironment idle(kTestIdleTimeoutVariable, "400");
-    ScopedEnvironment delay(kTestMaximumRetryDelayVariable, "20");
-    EXPECT_EQ(idleTimeoutWithTestCeiling(60000ms), 400ms);
-    EXPECT_EQ(idleTimeoutWithTestCeiling(100ms), 100ms);
-    EXPECT_EQ(retryDelayWithTestCeiling(std::chrono::nanoseconds(2s)), std::chrono::nanoseconds(20ms));
-    EXPECT_EQ(retryDelayWithTestCeiling(std::chrono::nanoseconds(5ms)), std::chrono::nanoseconds(5ms));
-  }
-  {
-    // A value beyond the minute is ignored rather than taken as a longer wait.
-    ScopedEnvironment idle(kTestIdleTimeoutVariable, "3600000");
-    ScopedEnvironment delay(kTestMaximumRetryDelayVariable, "0");
-    EXPECT_EQ(idleTimeoutWithTestCeiling(15000ms), 15000ms);
-    EXPECT_EQ(retryDelayWithTestCeiling(std::chrono::nanoseconds(2s)), std::chrono::nanoseconds(2s));
-  }
-  {
-    ScopedEnvironment idle(kTestIdleTimeoutVariable, std::nullopt);
-    ScopedEnvironment delay(kTestMaximumRetryDelayVariable, std::nullopt);
-    EXPECT_EQ(idleTimeoutWithTestCeiling(60000ms), 60000ms);
-    EXPECT_EQ(retryDelayWithTestCeiling(std::chrono::nanoseconds(1024s)), std::chrono::nanoseconds(1024s));
-  }
+  ScopedEnvironment idle(kTestIdleTimeoutVariable, "400"), delay(kTestMaximumRetryDelayVariable, "20");
+  EXPECT_EQ(idleTimeoutWithTestCeiling(60000ms), 400ms);
+  EXPECT_EQ(idleTimeoutWithTestCeiling(100ms), 100ms);
+  EXPECT_EQ(retryDelayWithTestCeiling(std::chrono::nanoseconds(2s)), std::chrono::nanoseconds(20ms));
+  EXPECT_EQ(retryDelayWithTestCeiling(std::chrono::nanoseconds(5ms)), std::chrono::nanoseconds(5ms));
+  ScopedEnvironment ignored(kTestMaximumRetryDelayVariable, "3600000");  // beyond the minute
+  EXPECT_EQ(retryDelayWithTestCeiling(std::chrono::nanoseconds(1024s)), std::chrono::nanoseconds(1024s));
 }
 
 }  // namespace
