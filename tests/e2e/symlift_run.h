@@ -74,10 +74,46 @@ inline void expectExactRun(const RunResult& result, int status, const std::strin
   EXPECT_EQ(result.err, "");
 }
 
+// A row of a table of runs: the arguments, a word "{}" standing for each
+// of the spellings in turn when there are any, and changes to the
+// environment (nothing: the variable is unset); then the whole output and
+// the exit status expected.
+struct Row {
+  std::vector<std::string> arguments;
+  int status;
+  std::string out;
+  std::vector<std::string> spellings = {};
+  std::map<std::string, std::optional<std::string>> environment = {};
+};
+
 inline std::string joined(const std::vector<std::string>& words, const char* separator = " ") {
   std::string text;
   for (const auto& word : words) text += (text.empty() ? "" : separator) + word;
   return text;
+}
+
+// Runs every row (in each spelling) in the environment as the row changes
+// it: the exact output and status, and nothing on standard error.
+inline void expectRows(const std::vector<Row>& rows, const std::map<std::string, std::string>& environment) {
+  for (const Row& row : rows) {
+    RunOptions options;
+    options.environment = environment;
+    options.timeoutSeconds = 60;
+    std::string changes;
+    for (const auto& [name, value] : row.environment) {
+      if (value)
+        (*options.environment)[name] = *value;
+      else
+        options.environment->erase(name);
+      changes += " " + name + "=" + value.value_or("(unset)");
+    }
+    for (const std::string& spelling : row.spellings.empty() ? std::vector<std::string>{""} : row.spellings) {
+      std::vector<std::string> arguments = row.arguments;
+      std::replace(arguments.begin(), arguments.end(), std::string("{}"), spelling);
+      SCOPED_TRACE("symlift " + joined(arguments) + changes);
+      expectExactRun(runSymlift(arguments, options), row.status, row.out);
+    }
+  }
 }
 
 inline std::vector<std::string> linesOf(const std::string& text) {
