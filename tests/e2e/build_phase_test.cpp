@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "e2e/output_lines.h"
-#include "e2e/symlift_run.h"
+#include "e2e/manual_run.h"
 
 namespace symlift::testing::e2e {
 namespace {

@@ -15,7 +15,7 @@
 #include <set>
 
 #include "e2e/output_lines.h"
-#include "e2e/symlift_run.h"
+#include "e2e/manual_run.h"
 #include "macho/macho_binary.h"
 #include "macho/macho_slice.h"
 #include "records/upload_record_archive.h"

@@ -6,7 +6,7 @@
 
 #include <future>
 
-#include "e2e/symlift_run.h"
+#include "e2e/manual_run.h"
 #include "operations/pipeline_test_support.h"
 
 namespace symlift::testing::e2e {

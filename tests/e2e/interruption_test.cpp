@@ -9,7 +9,7 @@
 
 #include <thread>
 
-#include "e2e/symlift_run.h"
+#include "e2e/manual_run.h"
 
 namespace symlift::testing::e2e {
 namespace {

@@ -19,7 +19,7 @@
 #include <thread>
 
 #include "e2e/output_lines.h"
-#include "e2e/symlift_run.h"
+#include "e2e/manual_run.h"
 
 namespace symlift::testing::e2e {
 namespace {
@@ -121,7 +121,7 @@ std::string problemsOfRun(const Variant& variant, const fs::path& scratch, int& 
   fs::create_directories(tmp);
   copyFixture("FatApp.dSYM", bundle);
   std::ofstream(bundle / "Contents/Resources/DWARF/FatApp", std::ios::binary | std::ios::trunc) << variant.bytes;
-  const RunResult result = runClean(byHand({"-c"}, {bundle.string()}), tmp.string());
+  const RunResult result = runByHand({bundle.string()}, tmp.string(), scratch.string());
   status = result.status;
 
   std::string problems;

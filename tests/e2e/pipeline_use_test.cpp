@@ -8,7 +8,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "e2e/symlift_run.h"
+#include "e2e/manual_run.h"
 
 namespace symlift::testing::e2e {
 namespace {

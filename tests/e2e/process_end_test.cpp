@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <fstream>
 
-#include "e2e/symlift_run.h"
+#include "e2e/manual_run.h"
 
 namespace symlift::testing::e2e {
 namespace {

@@ -7,7 +7,7 @@
 #include <regex>
 
 #include "e2e/output_lines.h"
-#include "e2e/symlift_run.h"
+#include "e2e/manual_run.h"
 #include "operations/pipeline_test_support.h"
 
 namespace symlift::testing::e2e {

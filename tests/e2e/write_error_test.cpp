@@ -8,7 +8,7 @@
 
 #include <cstring>
 
-#include "e2e/symlift_run.h"
+#include "e2e/manual_run.h"
 
 namespace symlift::testing::e2e {
 namespace {
@@ -80,7 +80,6 @@ TEST(WriteErrorTest, EveryFailedWriteNamesThePathAndTheReason) {
                             : c.tmp == Missing ? (work.path() / "gone").string()
                                                : (file / "tmp").string();
     const std::string input = c.archive ? "Symbols.zip" : fatAppDSYM();
-    const auto arguments = byHand(c.convertOnly ? std::vector<std::string>{"-c"} : std::vector<std::string>{}, {input});
     std::map<std::string, std::string> extra;
     if (c.gzipFault) {
       extra["LD_PRELOAD"] = ZIP_WRITE_FAULT_LIBRARY;
@@ -89,8 +88,11 @@ TEST(WriteErrorTest, EveryFailedWriteNamesThePathAndTheReason) {
       if (const char* asan = std::getenv("ASAN_OPTIONS"))
         extra["ASAN_OPTIONS"] = std::string(asan) + ":verify_asan_link_order=0";
     }
-    const RunResult result = c.fileSizeLimit ? runWithFileSizeLimit(arguments, cleanEnvironment(tmp), work.str(), c.fileSizeLimit)
-                                             : runClean(arguments, tmp, kNowhere, extra, work.str());
+    const RunResult result =
+        c.fileSizeLimit
+            ? runWithFileSizeLimit(byHand(c.convertOnly ? std::vector<std::string>{"-c"} : std::vector<std::string>{}, {input}),
+                                   cleanEnvironment(tmp), work.str(), c.fileSizeLimit)
+            : runByHand({input}, tmp, work.str(), c.convertOnly, extra);
     EXPECT_EQ(result.signal, 0);
     EXPECT_EQ(result.status, c.status) << result.out;
     for (std::string text : c.printed) {

@@ -67,6 +67,14 @@ inline RunResult runClean(const std::vector<std::string>& arguments, const std::
   return runSymlift(arguments, options);
 }
 
+// A run by hand of paths in workingDirectory, convert-only unless told not.
+inline RunResult runByHand(const std::vector<std::string>& paths, const std::string& tmpdir,
+                           const std::string& workingDirectory, bool convertOnly = true,
+                           const std::map<std::string, std::string>& extra = {}) {
+  return runClean(byHand(convertOnly ? std::vector<std::string>{"-c"} : std::vector<std::string>{}, paths), tmpdir,
+                  kNowhere, extra, workingDirectory);
+}
+
 // The whole output, the exit status and an empty standard error.
 inline void expectExactRun(const RunResult& result, int status, const std::string& out) {
   EXPECT_EQ(result.status, status);
@@ -121,6 +129,14 @@ inline std::vector<std::string> linesOf(const std::string& text) {
   std::istringstream in(text);
   for (std::string line; std::getline(in, line);) lines.push_back(line);
   return lines;
+}
+
+// The names of everything directly in folder, sorted.
+inline std::vector<std::string> entryNames(const std::filesystem::path& folder) {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) names.push_back(entry.path().filename());
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
 // Everything below folder (links not followed), as sorted paths relative to
