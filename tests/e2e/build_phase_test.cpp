@@ -11,7 +11,7 @@ namespace symlift::testing::e2e {
 namespace {
 
 TEST(BuildPhaseTest, EveryOptionMessageAndExitStatus) {
-  const Lines l{false};
+  const Lines l;
   // A built product with its service plist and a DWARF file (no Mach-O).
   TempDir dir;
   const std::string products = (dir.path() / "Build/Products/Debug-iphoneos").string();

@@ -10,7 +10,7 @@ namespace symlift::testing::e2e {
 namespace {
 
 TEST(ManualModeTest, EveryOptionMessageAndExitStatus) {
-  const Lines l{false};
+  const Lines l;
   TempDir dir;
   const std::string plist = dir.write("OmvaraService-Info.plist",
                                       "<plist version=\"1.0\"><dict><key>OMVARA_APP_ID</key><string>1:42:ios:9f</string>"

@@ -18,7 +18,7 @@
 namespace symlift::testing::e2e {
 namespace {
 
-const Lines kPlain{false};
+const Lines kPlain;
 constexpr const char* kHelloUUID = "4c4c44c655553144a13083513346deda";
 const std::map<std::string, std::string> kQuick{{"SYMLIFT_TEST_MAX_RETRY_DELAY_MS", "20"},
                                                 {"SYMLIFT_TEST_IDLE_TIMEOUT_MS", "400"}};
@@ -43,124 +43,140 @@ std::string networkError(int code, const std::string& userInfo) {
          ".)\" UserInfo={" + userInfo + "}";
 }
 
-class NetworkFaultsTest : public ::testing::Test {
- protected:
-  RunResult run(const std::string& endpoint, const std::map<std::string, std::string>& extra, int copies = 1) {
-    return runClean(byHand({"-d"}, std::vector<std::string>(copies, helloDSYM())), tmp_.str(), endpoint, extra);
-  }
+// The debug lines announcing retries 1/10 .. n/10, in order.
+std::vector<std::string> retryLines(const std::string& out) {
+  std::vector<std::string> lines;
+  for (const auto& line : linesOf(out))
+    if (line.starts_with("Retrying symbol upload")) lines.push_back(line);
+  return lines;
+}
 
-  // A failed run: exit status 8, and its two error lines (the submission
-  // error, then the dSYM's) carry the same error, which holds the submit
-  // error around the given network error.
-  void expectFailedRun(const RunResult& result, const std::string& error) {
-    EXPECT_EQ(result.status, 8) << result.out;
-    std::vector<std::string> errors;
-    for (const auto& line : linesOf(result.out))
-      if (line.find("error: ") != std::string::npos) errors.push_back(line + "\n");
-    ASSERT_EQ(errors.size(), 2u) << result.out;
-    const std::string first = "error: Failed uploading cSYMs due to error: ";
-    ASSERT_TRUE(errors[0].starts_with(first)) << errors[0];
-    const std::string printed = errors[0].substr(first.size(), errors[0].size() - first.size() - 1);
-    EXPECT_EQ(errors[0], kPlain.error("Failed uploading cSYMs due to error: " + printed));
-    EXPECT_EQ(errors[1], kPlain.error("Could not complete submission of dSYM at " + helloDSYM() + ": " + printed));
-    const std::string reason = std::string("Failed to submit cSYM for architecture arm64 with uuid ") + kHelloUUID +
-                               " in dSYM: " + helloDSYM() + "/Contents/Resources/DWARF/Hello";
-    const std::string submitFailure =
-        "Error Domain=com.vantrel.mac.error-domain.submit-csym Code=0 \"The operation couldn\u2019t be completed. " +
-        reason + "\" UserInfo={NSLocalizedFailureReason=" + reason + ", NSUnderlyingError=" + error;
-    EXPECT_NE(printed.find(submitFailure), std::string::npos) << printed << "\nexpected within it: " << submitFailure;
-    EXPECT_EQ(result.out.find("Successfully"), std::string::npos) << result.out;
-    EXPECT_TRUE(result.out.ends_with(errors[1])) << "the last line was cut: " << result.out;
-    EXPECT_EQ(result.err, "");
-  }
+// A failed run: exit status 8, and its two error lines (the submission
+// error, then the dSYM's) carry the same error, which holds the submit error
+// around the given network error.
+void expectFailedRun(const RunResult& result, const std::string& error) {
+  EXPECT_EQ(result.status, 8) << result.out;
+  std::vector<std::string> errors;
+  for (const auto& line : linesOf(result.out))
+    if (line.find("error: ") != std::string::npos) errors.push_back(line + "\n");
+  ASSERT_EQ(errors.size(), 2u) << result.out;
+  const std::string first = "error: Failed uploading cSYMs due to error: ";
+  ASSERT_TRUE(errors[0].starts_with(first)) << errors[0];
+  const std::string printed = errors[0].substr(first.size(), errors[0].size() - first.size() - 1);
+  EXPECT_EQ(errors[0], kPlain.error("Failed uploading cSYMs due to error: " + printed));
+  EXPECT_EQ(errors[1], kPlain.error("Could not complete submission of dSYM at " + helloDSYM() + ": " + printed));
+  const std::string reason = std::string("Failed to submit cSYM for architecture arm64 with uuid ") + kHelloUUID +
+                             " in dSYM: " + helloDSYM() + "/Contents/Resources/DWARF/Hello";
+  const std::string submitFailure =
+      "Error Domain=com.vantrel.mac.error-domain.submit-csym Code=0 \"The operation couldn\u2019t be completed. " +
+      reason + "\" UserInfo={NSLocalizedFailureReason=" + reason + ", NSUnderlyingError=" + error;
+  EXPECT_NE(printed.find(submitFailure), std::string::npos) << printed << "\nexpected within it: " << submitFailure;
+  EXPECT_EQ(result.out.find("Successfully"), std::string::npos) << result.out;
+  EXPECT_TRUE(result.out.ends_with(errors[1])) << "the last line was cut: " << result.out;
+}
 
-  // The debug lines announcing retries 1/10 .. n/10, in order.
-  static std::vector<std::string> retryLines(const std::string& out) {
-    std::vector<std::string> lines;
-    for (const auto& line : linesOf(out))
-      if (line.starts_with("Retrying symbol upload")) lines.push_back(line);
-    return lines;
-  }
-  static std::vector<std::string> expectedRetryLines(int count) {
-    std::vector<std::string> lines;
-    for (int i = 1; i <= count; ++i)
-      lines.push_back("Retrying symbol upload with number of retries: " + std::to_string(i) + "/10");
-    return lines;
-  }
-  // How many logged requests ended with the outcome line.
-  static std::size_t outcomes(const FakeServiceProcess& service, const std::string& outcome) {
-    return countOccurrences(service.requestLog(), "\n=> " + outcome + "\n");
-  }
-
-  TempDir tmp_;
-};
-
-TEST_F(NetworkFaultsTest, EachFaultIsRetriedOrNotAndEndsAsItShould) {
-  enum End { Uploaded, RetriesExhausted, NotFound, TooManyRedirects };
+TEST(NetworkFaultsTest, EachFaultIsRetriedOrNotAndEndsAsItShould) {
+  enum Listener { None, Plain, TLS };
+  enum End { Uploaded, RetriesExhausted, NotFound, TooManyRedirects, UntrustedCertificate };
   struct Case {
     const char* name;
+    Listener listener;
     std::vector<std::string> service;  // the stand-in's options
     std::map<std::string, std::string> environment;
-    std::size_t requests;  // that reached the stand-in, each a PUT of the upload; 0: nothing listens
+    std::size_t requests;  // that reached the stand-in, each a PUT of the upload
     std::string outcome;   // of every request but an accepted one
     int retries;           // attempts after the first
     End end;
-    double atLeast, atMost;  // seconds the run takes
+    double atLeast = 0, atMost = 90;  // seconds the run takes
   };
+  // A TLS stand-in, the test CA that signed its certificate, and a real
+  // trust store that does not hold it. Variables that switch verification
+  // off in other tools change nothing here.
+  const bool haveOpenSSL = haveProgram("openssl");
+  std::optional<TestCertificates> certificates, stranger;
+  TempDir otherCertificates;
+  std::map<std::string, std::string> untrusted = kQuick, trusted;
+  std::vector<std::string> tlsService;
+  if (haveOpenSSL) {
+    ASSERT_TRUE(certificates.emplace().made && stranger.emplace().made);
+    tlsService = {"--tls-cert", certificates->serverCertificate, "--tls-key", certificates->serverKey};
+    for (const char* variable : {"CURL_INSECURE", "SSL_NO_VERIFY", "GIT_SSL_NO_VERIFY", "SYMLIFT_INSECURE"})
+      untrusted[variable] = "1";
+    for (const char* variable : {"CURLOPT_SSL_VERIFYPEER", "CURLOPT_SSL_VERIFYHOST", "PYTHONHTTPSVERIFY",
+                                 "NODE_TLS_REJECT_UNAUTHORIZED", "SSL_VERIFY"})
+      untrusted[variable] = "0";
+    trusted = untrusted;
+    untrusted["SSL_CERT_FILE"] = stranger->caCertificate;
+    untrusted["SSL_CERT_DIR"] = otherCertificates.str();
+    trusted["SSL_CERT_FILE"] = certificates->caCertificate;
+  } else {
+    std::cout << "[ skipped  ] the TLS cases: openssl is needed to make a test CA\n";
+  }
   const Case cases[] = {
-      {"connection refused", {}, kQuick, 0, "", 10, RetriesExhausted, 0, 90},
-      {"404, not worth another attempt", {}, kQuick, 1, "404", 0, NotFound, 0, 90},
+      {"connection refused", None, {}, kQuick, 0, "", 10, RetriesExhausted},
+      {"404, not worth another attempt", Plain, {}, kQuick, 1, "404", 0, NotFound},
       // Reset once the request's head has arrived, its body unread: the
       // client sees the reset while it sends or waits for the answer.
-      {"reset twice", {"--reset-first", "2", "--reset-after-bytes", "0"}, kQuick, 3, "reset after 0 bytes", 2, Uploaded, 0, 90},
-      {"reset always", {"--reset-first", "1000", "--reset-after-bytes", "0"}, kQuick, 11, "reset after 0 bytes", 10,
-       RetriesExhausted, 0, 90},
-      {"silent once", {"--silent-first", "1"}, kQuick, 2, "silent", 1, Uploaded, 0, 90},
+      {"reset twice", Plain, {"--reset-first", "2", "--reset-after-bytes", "0"}, kQuick, 3, "reset after 0 bytes", 2,
+       Uploaded},
+      {"reset always", Plain, {"--reset-first", "1000", "--reset-after-bytes", "0"}, kQuick, 11, "reset after 0 bytes",
+       10, RetriesExhausted},
+      {"silent once", Plain, {"--silent-first", "1"}, kQuick, 2, "silent", 1, Uploaded},
       // Every attempt waits the (shortened) idle time-out.
-      {"silent always", {"--silent-first", "1000"}, kQuick, 11, "silent", 10, RetriesExhausted, 11 * 0.4, 90},
+      {"silent always", Plain, {"--silent-first", "1000"}, kQuick, 11, "silent", 10, RetriesExhausted, 11 * 0.4},
       // A ceiling beyond the minute (or nonsense) is ignored, so the first
       // retry's wait of about 2 s is there; the idle time-out is shortened
       // only so that the run stays short.
-      {"ceilings that would lengthen the waits", {"--silent-first", "1"},
+      {"ceilings that would lengthen the waits", Plain, {"--silent-first", "1"},
        {{"SYMLIFT_TEST_IDLE_TIMEOUT_MS", "300"}, {"SYMLIFT_TEST_MAX_RETRY_DELAY_MS", "3600000"}}, 2, "silent", 1,
        Uploaded, 0.3 + 2 * 0.9, 30},
       // The wait is the larger of 2 s and "Retry-After", times a jitter in
       // [0.9, 1.1); no ceilings, so the real wait (the upper bound is loose:
       // the machine may be busy).
-      {"429, Retry-After 3", {"--fail-first", "1", "--fail-status", "429", "--retry-after", "3"}, {}, 2, "429", 1,
-       Uploaded, 2.7, 17.7},
-      {"429, Retry-After 1", {"--fail-first", "1", "--fail-status", "429", "--retry-after", "1"}, {}, 2, "429", 1,
-       Uploaded, 1.8, 16.8},
-      {"503 twice", {"--fail-first", "2", "--fail-status", "503"}, kQuick, 3, "503", 2, Uploaded, 0, 90},
-      {"500 always", {"--fail-first", "1000", "--fail-status", "500"}, kQuick, 11, "500", 10, RetriesExhausted, 0, 90},
-      {"503 always", {"--fail-first", "1000", "--fail-status", "503"}, kQuick, 11, "503", 10, RetriesExhausted, 0, 90},
+      {"429, Retry-After 3", Plain, {"--fail-first", "1", "--fail-status", "429", "--retry-after", "3"}, {}, 2, "429",
+       1, Uploaded, 2.7, 17.7},
+      {"429, Retry-After 1", Plain, {"--fail-first", "1", "--fail-status", "429", "--retry-after", "1"}, {}, 2, "429",
+       1, Uploaded, 1.8, 16.8},
+      {"503 twice", Plain, {"--fail-first", "2", "--fail-status", "503"}, kQuick, 3, "503", 2, Uploaded},
+      {"500 always", Plain, {"--fail-first", "1000", "--fail-status", "500"}, kQuick, 11, "500", 10, RetriesExhausted},
+      {"503 always", Plain, {"--fail-first", "1000", "--fail-status", "503"}, kQuick, 11, "503", 10, RetriesExhausted},
       // The first request and sixteen redirects, each the same PUT again.
-      {"redirect loop", {"--redirect-first", "1000"}, kQuick, 17, "307", 0, TooManyRedirects, 0, 90},
+      {"redirect loop", Plain, {"--redirect-first", "1000"}, kQuick, 17, "307", 0, TooManyRedirects},
+      // No request passes the handshake, and the failure is not retried.
+      {"untrusted certificate", TLS, tlsService, untrusted, 0, "", 0, UntrustedCertificate},
+      {"trusted certificate", TLS, tlsService, trusted, 1, "", 0, Uploaded},
   };
   for (const Case& c : cases) {
+    if (c.listener == TLS && !haveOpenSSL) continue;
     SCOPED_TRACE(c.name);
+    TempDir tmp;
     std::optional<FakeServiceProcess> service;
-    if (c.requests > 0) {
-      ASSERT_TRUE(service.emplace(c.service).started());
+    if (c.listener != None) {
+      ASSERT_TRUE(service.emplace(c.service, c.listener == TLS).started());
     }
     const std::string base = service ? service->baseURL() + (c.end == NotFound ? "/elsewhere" : "")
                                      : "http://127.0.0.1:" + std::to_string(unusedLoopbackPort());
     // A failed dSYM ends the run: given twice, the second never starts.
     const auto started = std::chrono::steady_clock::now();
-    RunResult result = run(base, c.environment, c.end == Uploaded ? 1 : 2);
+    const RunResult result = runClean(byHand({"-d"}, std::vector<std::string>(c.end == Uploaded ? 1 : 2, helloDSYM())),
+                                      tmp.str(), base, c.environment);
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     EXPECT_GE(seconds, c.atLeast);
     EXPECT_LT(seconds, c.atMost);
-    EXPECT_EQ(retryLines(result.out), expectedRetryLines(c.retries)) << result.out;
+    std::vector<std::string> retries;
+    for (int i = 1; i <= c.retries; ++i)
+      retries.push_back("Retrying symbol upload with number of retries: " + std::to_string(i) + "/10");
+    EXPECT_EQ(retryLines(result.out), retries) << result.out;
     if (service) {
       const std::string log = service->requestLog();
+      auto outcomes = [&](const std::string& outcome) { return countOccurrences(log, "\n=> " + outcome + "\n"); };
       EXPECT_EQ(service->loggedRequestCount(), c.requests) << log;
-      EXPECT_EQ(countOccurrences(log, std::string(" PUT ") + (c.end == NotFound ? "/elsewhere" : "") +
-                                          "/v1/project/-/app/" + kApp + "/upload/native/" + kHelloUUID + "\n"),
-                c.requests)
+      EXPECT_EQ(countOccurrences(log, " PUT " + uploadURL(c.end == NotFound ? "/elsewhere" : "") + "\n"), c.requests)
           << log;
-      EXPECT_EQ(outcomes(*service, c.outcome), c.requests - (c.end == Uploaded)) << log;
-      EXPECT_EQ(outcomes(*service, "200"), c.end == Uploaded ? 1u : 0u) << log;
+      if (!c.outcome.empty()) {
+        EXPECT_EQ(outcomes(c.outcome), c.requests - (c.end == Uploaded)) << log;
+      }
+      EXPECT_EQ(outcomes("200"), c.end == Uploaded ? 1u : 0u) << log;
       // Each attempt's requests carry its number.
       std::vector<std::string> counters;
       for (int attempt = 0; attempt <= c.retries; ++attempt)
@@ -184,47 +200,16 @@ TEST_F(NetworkFaultsTest, EachFaultIsRetriedOrNotAndEndsAsItShould) {
       case TooManyRedirects:
         expectFailedRun(result, transportError(-1007, "too many HTTP redirects", uploadURL(base), 47));
         break;
+      case UntrustedCertificate:
+        expectFailedRun(result, transportError(-1203,
+                                               "The certificate for this server was signed by an unknown "
+                                               "certifying authority.",
+                                               uploadURL(base), 60));
+        break;
     }
-    EXPECT_EQ(joined(entriesBelow(tmp_.path())), "") << "left behind in TMPDIR";
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(joined(entriesBelow(tmp.path())), "") << "left behind in TMPDIR";
   }
-}
-
-// The certificate is checked whatever the environment says: variables that
-// switch verification off in other tools change nothing here.
-TEST_F(NetworkFaultsTest, UntrustedCertificateFailsOnceWhateverTheEnvironmentSays) {
-  if (!haveProgram("openssl")) GTEST_SKIP() << "openssl is needed to make a test CA";
-  TestCertificates certificates;
-  ASSERT_TRUE(certificates.made);
-  FakeServiceProcess service({"--tls-cert", certificates.serverCertificate, "--tls-key", certificates.serverKey}, true);
-  ASSERT_TRUE(service.started());
-  // A real trust store that does not hold the test CA.
-  TempDir other;
-  TestCertificates stranger;
-  ASSERT_TRUE(stranger.made);
-
-  std::map<std::string, std::string> environment = kQuick;
-  environment["SSL_CERT_FILE"] = stranger.caCertificate;
-  environment["SSL_CERT_DIR"] = other.str();
-  for (const char* variable : {"CURL_INSECURE", "SSL_NO_VERIFY", "GIT_SSL_NO_VERIFY", "SYMLIFT_INSECURE"})
-    environment[variable] = "1";
-  for (const char* variable : {"CURLOPT_SSL_VERIFYPEER", "CURLOPT_SSL_VERIFYHOST", "PYTHONHTTPSVERIFY",
-                               "NODE_TLS_REJECT_UNAUTHORIZED", "SSL_VERIFY"})
-    environment[variable] = "0";
-  RunResult result = run(service.baseURL(), environment);
-  EXPECT_EQ(retryLines(result.out), std::vector<std::string>{}) << "a certificate failure is not retried";
-  EXPECT_EQ(service.loggedRequestCount(), 0u) << "no request may pass an untrusted handshake";
-  expectFailedRun(result, transportError(-1203,
-                                         "The certificate for this server was signed by an unknown certifying "
-                                         "authority.",
-                                         uploadURL(service.baseURL()), 60));
-
-  // The same service with its CA trusted takes the upload: the failure
-  // above was the certificate's, not the service's.
-  environment["SSL_CERT_FILE"] = certificates.caCertificate;
-  result = run(service.baseURL(), environment);
-  EXPECT_EQ(result.status, 0) << result.out;
-  EXPECT_EQ(storedUploads(service).size(), 1u);
-  EXPECT_EQ(joined(entriesBelow(tmp_.path())), "") << "left behind in TMPDIR";
 }
 
 }  // namespace

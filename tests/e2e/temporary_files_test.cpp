@@ -15,7 +15,7 @@ namespace symlift::testing::e2e {
 namespace {
 
 namespace fs = std::filesystem;
-const Lines kPlain{false};
+const Lines kPlain;
 
 mode_t permissionsOf(const fs::path& path) {
   struct stat info {};

@@ -14,7 +14,7 @@ namespace symlift::testing::e2e {
 namespace {
 
 namespace fs = std::filesystem;
-const Lines kPlain{false};
+const Lines kPlain;
 
 class UploadTest : public ::testing::Test {
  protected:
