@@ -83,6 +83,9 @@ TEST(BuildPhaseTest, EveryOptionMessageAndExitStatus) {
           {{"{}", lumo, "-d", "-val"}, 0,
            validatedInDebug("1:3:ios:aa", "ios", "[\"" + dSYM + "\", \"" + products + "/App.framework.dSYM\"]"),
            {"-lp", "--lp", "-lumo-project", "--lumo-project"}, {{"CONFIGURATION", "Release"}}},
+          // Debug configurations (any name containing "Debug") leave it out.
+          {{"-lp", lumo, "-d", "-val"}, 0, validatedInDebug("1:3:ios:aa", "ios", ourDSYM), {},
+           {{"CONFIGURATION", "Debug-Staging"}}},
           {{"-ai", "X", "-lp", lumo, "-val"}, 0, header + l.validated()},
           // The Lumo file's problems, each reported once; a value of only white space: no message.
           {{"-lp"}, 13, l.error("Could not get path for LumoAppIDFile.vexa")},

@@ -1,8 +1,7 @@
 // The real symlift binary as an Xcode build phase that uploads to the local
 // stand-in service: the store of uploaded executables keeps a repeated build
-// from uploading again (but not on CI machines), a Lumo release build adds
-// its framework's dSYM, and the dSYM validator's warnings come before the
-// upload in a build and after it by hand.
+// from uploading again (but not on CI machines), and the dSYM validator's
+// warnings come before the upload in a build and after it by hand.
 //
 // A run counts as inside Xcode when an ancestor process is named "Xcode":
 // such runs go through a symbolic link named Xcode to /bin/sh, which the
@@ -188,26 +187,6 @@ TEST_F(BuildPhaseUploadTest, OnCIEveryRunUploadsAndNothingIsRecorded) {
   EXPECT_EQ(runOnCI({"-bp"}).status, 0);
   EXPECT_EQ(service_.loggedRequestCount(), 8u);
   EXPECT_EQ(readFile(*storeFile()), store);
-}
-
-TEST_F(BuildPhaseUploadTest, LumoReleaseBuildAlsoUploadsTheFrameworkDSYM) {
-  // The Lumo toolkit leaves its framework's dSYM beside the app's.
-  copyFixture("Hello.dSYM", products() / "App.framework.dSYM");
-  const std::set<std::string> frameworkUUIDs = uuidsOf(fixturesDir() / "Hello.dSYM/Contents/Resources/DWARF/Hello");
-  ASSERT_EQ(frameworkUUIDs.size(), 1u);
-  const std::string lumo = dir_.write("Project/LumoAppIDFile.vexa", "{\"OMVARA_APP_ID\": \"1:42:ios:bp\"}").string();
-
-  RunResult release = runOnCI({"-lp", lumo});
-  EXPECT_EQ(release.status, 0) << release.out;
-  std::vector<std::string> uploaded = uploadedUUIDs();
-  ASSERT_EQ(uploaded.size(), 3u);
-  EXPECT_EQ(uploaded.back(), *frameworkUUIDs.begin());  // after the app's own dSYM
-
-  // Debug configurations (any name containing "Debug") leave it out.
-  environment_["CONFIGURATION"] = "Debug-Staging";
-  RunResult debug = runOnCI({"-lp", lumo});
-  EXPECT_EQ(debug.status, 0) << debug.out << debug.err;
-  EXPECT_EQ(service_.loggedRequestCount(), 5u);
 }
 
 // The validator looks into folders of dSYMs, so the dSYMs it is to judge are
