@@ -35,7 +35,7 @@ TEST(ManualModeTest, EveryOptionMessageAndExitStatus) {
           {{"-debug", "-ai", "X", "-p", "ios", "a.dSYM", "-v"}, 6, l.version()},
           // The retired API key: checked before the app id, after the debug version line.
           {{"{}", "k", "-ai", "X", "-p", "ios", "a.dSYM"}, 18, l.apiKeyManual(), {"-a", "--a", "-api-key", "--api-key"}},
-          {{"-d", "-a", "k"}, 18, l.version() + l.apiKeyManual()},
+          {{"-d", "-a", "AIzaSyD-not-a-real-key-31337"}, 18, l.version() + l.apiKeyManual()},
           // The app identifier.
           {{"-p", "ios", "a.dSYM"}, 13, l.error("No Omvara App ID or Omvara Services file provided")},
           {{"-p", "ios", "--", "a.dSYM", "-ai"}, 13, l.error("Could not get the value for the app-id parameter")},
