@@ -71,7 +71,8 @@ TEST(BuildPhaseTest, EveryOptionMessageAndExitStatus) {
                l.validated(),
            {}, {{"DWARF_DSYM_FILE_NAME", "Other.app.dSYM"}}},
           // The app identifier comes from the built products; -ai supersedes them.
-          {{"-bp", "-val"}, 13, l.error("Could not get OMVARA_APP_ID in Omvara Services file from build environment"), {},
+          {{"-bp", "-val"}, 13,
+           l.error("Could not get OMVARA_APP_ID in Omvara Services file from build environment"), {},
            {{"UNLOCALIZED_RESOURCES_FOLDER_PATH", std::nullopt}}},
           {{"-bp", "-ai", "given", "-d", "-val"}, 0, validatedInDebug("given", "ios", ourDSYM), {},
            {{"UNLOCALIZED_RESOURCES_FOLDER_PATH", std::nullopt}}},

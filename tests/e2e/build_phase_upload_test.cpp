@@ -153,8 +153,8 @@ TEST_F(BuildPhaseUploadTest, InXcodeAnExecutableIsUploadedOnceUntilItIsRebuilt) 
   // The same build again: stopped before anything is opened or sent.
   expectExactRun(runInXcode({"-bp"}), 0,
                  kPlain.info("Running symlift in Build Phase mode") +
-                     kPlain.info("Validating build environment for Vantrel...") +
-                     kPlain.info("Processing dSYMs...") + kPlain.info("Already uploaded this dSYM, not doing it again"));
+                     kPlain.info("Validating build environment for Vantrel...") + kPlain.info("Processing dSYMs...") +
+                     kPlain.info("Already uploaded this dSYM, not doing it again"));
   EXPECT_EQ(service_.loggedRequestCount(), 2u);
 
   // A rebuild with new UUIDs is not in the store: uploaded, and recorded
@@ -216,8 +216,8 @@ TEST_F(BuildPhaseUploadTest, ValidatorWarnsBeforeTheUploadInABuildAndAfterItByHa
         *corpus / "symbolic/py/tests/res/ext/1.4.1/release/dSYMs/1E4219C0-A535-3789-B1DC-79264975EA6F.dSYM";
     if (fs::is_directory(hidden)) {
       fs::create_directory_symlink(hidden, folder / "Hidden.dSYM");
-      cases.push_back({"Hidden.dSYM", &Lines::hiddenDSYM,
-                       "warning: Skipping Apple dSYM: " + (folder / "Hidden.dSYM").string()});
+      cases.push_back(
+          {"Hidden.dSYM", &Lines::hiddenDSYM, "warning: Skipping Apple dSYM: " + (folder / "Hidden.dSYM").string()});
     }
   }
   if (cases.size() < 2) std::cout << "[ skipped  ] Hidden.dSYM: the shared corpus is not beside the repository\n";

@@ -50,11 +50,13 @@ class InterruptionTest : public ::testing::Test {
 
 TEST_F(InterruptionTest, SIGINTDuringAConvertOnlyRunRemovesItsCSYMAndGzipFiles) {
   // Enough copies that the run is still busy when the first files appear.
-  for (int i = 0; i < 150; ++i) copyFixture("FatApp.dSYM", work_.path() / "dsyms" / ("App" + std::to_string(i) + ".dSYM"));
+  for (int i = 0; i < 150; ++i)
+    copyFixture("FatApp.dSYM", work_.path() / "dsyms" / ("App" + std::to_string(i) + ".dSYM"));
   BackgroundRun run(byHand({"-c"}, {"dsyms"}), cleanEnvironment(tmp_.str()), work_.str());
   ASSERT_TRUE(run.started());
   ASSERT_TRUE(run.waitUntil([&] { return tmpHolds(".csym") && tmpHolds(".zip"); }, 60s))
-      << "the run ended before its files appeared:\n" << run.out;
+      << "the run ended before its files appeared:\n"
+      << run.out;
   run.signal(SIGINT);
   expectInterrupted(run, SIGINT);
 }
@@ -63,7 +65,8 @@ TEST_F(InterruptionTest, SIGINTDuringAConvertOnlyRunRemovesItsCSYMAndGzipFiles) 
 // needs parents of its own below TMPDIR: they go too.
 TEST_F(InterruptionTest, EverySignalWhileAnUploadWaitsRemovesTheUnpackedArchive) {
   if (!haveProgram("zip") || !haveProgram("unzip")) GTEST_SKIP() << "zip and unzip are needed";
-  for (int i = 0; i < 3; ++i) copyFixture("FatApp.dSYM", work_.path() / "content" / ("App" + std::to_string(i) + ".dSYM"));
+  for (int i = 0; i < 3; ++i)
+    copyFixture("FatApp.dSYM", work_.path() / "content" / ("App" + std::to_string(i) + ".dSYM"));
   fs::create_directories(work_.path() / "drop/box");
   ASSERT_TRUE(zipFolder(work_.path() / "content", work_.path() / "drop/box/Symbols.zip"));
   const fs::path unpacked = tmp_.path() / "drop/box/Symbols.zip.unzipped";
@@ -83,7 +86,8 @@ TEST_F(InterruptionTest, EverySignalWhileAnUploadWaitsRemovesTheUnpackedArchive)
         [&] {
           for (const char* app : {"App0", "App1", "App2"}) {
             std::error_code error;
-            if (fs::file_size(unpacked / (std::string(app) + ".dSYM") / "Contents/Resources/DWARF/FatApp", error) != fatAppSize)
+            if (fs::file_size(unpacked / (std::string(app) + ".dSYM") / "Contents/Resources/DWARF/FatApp", error) !=
+                fatAppSize)
               return false;
           }
           return !hasChildProcess(run.pid());
@@ -112,11 +116,13 @@ TEST_F(InterruptionTest, SIGTERMStopsAnUnzipStillWritingBeforeRemovingItsFolder)
   fs::permissions(fakeUnzip, fs::perms::owner_all);
   copyFixture("FatApp.dSYM", work_.path() / "content/App.dSYM");
   ASSERT_TRUE(zipFolder(work_.path() / "content", work_.path() / "Symbols.zip"));
-  BackgroundRun run(byHand({"-c"}, {"Symbols.zip"}),
-                    cleanEnvironment(tmp_.str(), kNowhere, {{"PATH", fakeUnzip.parent_path().string() + ":/usr/bin:/bin"}}),
-                    work_.str());
+  BackgroundRun run(
+      byHand({"-c"}, {"Symbols.zip"}),
+      cleanEnvironment(tmp_.str(), kNowhere, {{"PATH", fakeUnzip.parent_path().string() + ":/usr/bin:/bin"}}),
+      work_.str());
   ASSERT_TRUE(run.started());
-  ASSERT_TRUE(run.waitUntil([&] { return fs::exists(tmp_.path() / "Symbols.zip.unzipped/late/more"); }, 60s)) << run.out;
+  ASSERT_TRUE(run.waitUntil([&] { return fs::exists(tmp_.path() / "Symbols.zip.unzipped/late/more"); }, 60s))
+      << run.out;
   run.signal(SIGTERM);
   expectInterrupted(run, SIGTERM);
   // Were the writer still alive, the folder would be back within moments.

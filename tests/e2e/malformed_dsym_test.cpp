@@ -36,11 +36,14 @@ struct Region {
 template <typename T>
 T little(const std::string& bytes, std::size_t at) {
   T value = 0;
-  for (std::size_t i = 0; i < sizeof(T); ++i) value |= static_cast<T>(static_cast<unsigned char>(bytes[at + i])) << (8 * i);
+  for (std::size_t i = 0; i < sizeof(T); ++i)
+    value |= static_cast<T>(static_cast<unsigned char>(bytes[at + i])) << (8 * i);
   return value;
 }
 
-std::uint32_t bigEndian32(const std::string& bytes, std::size_t at) { return __builtin_bswap32(little<std::uint32_t>(bytes, at)); }
+std::uint32_t bigEndian32(const std::string& bytes, std::size_t at) {
+  return __builtin_bswap32(little<std::uint32_t>(bytes, at));
+}
 
 // The fat header and, per 64-bit slice, its load commands and every section
 // of its __DWARF segment. A small reader of its own, so that a fault in the
@@ -56,7 +59,8 @@ std::vector<Region> regionsOf(const std::string& file) {
     const std::string prefix = "slice " + std::to_string(i) + " ";
     regions.push_back({prefix + "load commands", slice + 32, little<std::uint32_t>(file, slice + 20)});
     std::size_t at = slice + 32;
-    for (std::uint32_t c = 0, commands = little<std::uint32_t>(file, slice + 16); c < commands && at + 8 <= file.size(); ++c) {
+    for (std::uint32_t c = 0, commands = little<std::uint32_t>(file, slice + 16); c < commands && at + 8 <= file.size();
+         ++c) {
       if (little<std::uint32_t>(file, at) == 0x19 /* LC_SEGMENT_64 */ && file.compare(at + 8, 7, "__DWARF") == 0) {
         for (std::uint32_t s = 0, sections = little<std::uint32_t>(file, at + 64); s < sections; ++s) {
           const std::size_t section = at + 72 + 80 * std::size_t{s};
@@ -64,7 +68,8 @@ std::vector<Region> regionsOf(const std::string& file) {
           const auto size = little<std::uint64_t>(file, section + 40);
           const auto offset = little<std::uint32_t>(file, section + 48);
           if (size > 0 && slice + offset + size <= file.size())
-            regions.push_back({prefix + file.substr(section, 16).c_str(), slice + offset, static_cast<std::size_t>(size)});
+            regions.push_back(
+                {prefix + file.substr(section, 16).c_str(), slice + offset, static_cast<std::size_t>(size)});
         }
       }
       const std::uint32_t size = little<std::uint32_t>(file, at + 4);
@@ -136,7 +141,8 @@ std::string problemsOfRun(const Variant& variant, const fs::path& scratch, int& 
     if (name.find(".partial") != std::string::npos) problems += "left " + name + "; ";
     if (!name.ends_with(".csym")) continue;
     ++csyms;
-    if (auto problem = csymProblem(readFile(tmp / name), name); !problem.empty()) problems += name + ": " + problem + "; ";
+    if (auto problem = csymProblem(readFile(tmp / name), name); !problem.empty())
+      problems += name + ": " + problem + "; ";
   }
   // A successful convert-only run of an intact slice leaves its cSYM; a
   // success claimed with none at all must be a file without slices.
@@ -214,8 +220,8 @@ TEST(MalformedDSYMTest, DWARFFilesWithoutSlicesAreLeftOutAndNotWaitedFor) {
     TempDir tmp;
     const RunResult result = runClean(byHand({}, {(work.path() / name).string()}), tmp.str());
     EXPECT_FALSE(result.timedOut);
-    expectExactRun(result, 0, Lines{}.warning("No architecture slices in dSYM at " + dwarf.string()) +
-                                  Lines{}.uploaded());
+    expectExactRun(result, 0,
+                   Lines{}.warning("No architecture slices in dSYM at " + dwarf.string()) + Lines{}.uploaded());
     EXPECT_TRUE(fs::is_empty(tmp.path()));
   }
 }

@@ -12,10 +12,10 @@ namespace {
 TEST(ManualModeTest, EveryOptionMessageAndExitStatus) {
   const Lines l;
   TempDir dir;
-  const std::string plist = dir.write("OmvaraService-Info.plist",
-                                      "<plist version=\"1.0\"><dict><key>OMVARA_APP_ID</key><string>1:42:ios:9f</string>"
-                                      "</dict></plist>")
-                                .string();
+  const std::string plist =
+      dir.write("OmvaraService-Info.plist",
+                "<plist version=\"1.0\"><dict><key>OMVARA_APP_ID</key><string>1:42:ios:9f</string></dict></plist>")
+          .string();
   const std::string noKey =
       dir.write("nokey.plist", "<plist version=\"1.0\"><dict><key>X</key><true/></dict></plist>").string();
   const std::string missingPlist = "/nonexistent/OmvaraService-Info.plist";
@@ -34,7 +34,8 @@ TEST(ManualModeTest, EveryOptionMessageAndExitStatus) {
           // With -d as well the version line is still printed once.
           {{"-debug", "-ai", "X", "-p", "ios", "a.dSYM", "-v"}, 6, l.version()},
           // The retired API key: checked before the app id, after the debug version line.
-          {{"{}", "k", "-ai", "X", "-p", "ios", "a.dSYM"}, 18, l.apiKeyManual(), {"-a", "--a", "-api-key", "--api-key"}},
+          {{"{}", "k", "-ai", "X", "-p", "ios", "a.dSYM"}, 18, l.apiKeyManual(),
+           {"-a", "--a", "-api-key", "--api-key"}},
           {{"-d", "-a", "AIzaSyD-not-a-real-key-31337"}, 18, l.version() + l.apiKeyManual()},
           // The app identifier.
           {{"-p", "ios", "a.dSYM"}, 13, l.error("No Omvara App ID or Omvara Services file provided")},
@@ -56,7 +57,8 @@ TEST(ManualModeTest, EveryOptionMessageAndExitStatus) {
           {{"-ai", "X", "a.dSYM"}, 1, l.error("Missing required flag p/platform")},
           {{"-ai", "X", "--platform=ios", "a.dSYM"}, 1, l.error("Missing required flag p/platform")},
           {{"-ai", "X", "{}", "tvos", "a.dSYM", "-d", "-val"}, 0,
-           l.version() + l.debugBlock("X", "tvos", "[\"a.dSYM\"]") + l.validated(), {"-p", "--p", "-platform", "--platform"}},
+           l.version() + l.debugBlock("X", "tvos", "[\"a.dSYM\"]") + l.validated(),
+           {"-p", "--p", "-platform", "--platform"}},
           // An invalid name is reported and the run goes on without a platform.
           {{"-ai", "X", "-p", "watchos", "a.dSYM", "b.dSYM", "-val", "-d"}, 0,
            l.version() + invalidPlatform("watchos") + l.debugBlock("X", "unspecified", "[\"a.dSYM\", \"b.dSYM\"]") +
@@ -68,7 +70,8 @@ TEST(ManualModeTest, EveryOptionMessageAndExitStatus) {
           {{"-ai", "X", "-p", "ios", "-val", "a.dSYM"}, 2, noPaths},
           {{"-ai", "X", "-p", "xros"}, 2, invalidPlatform("xros") + noPaths},  // the platform first
           // -val stops before any dSYM is opened.
-          {{"-ai", "X", "-p", "ios", "/does/not/exist.dSYM", "{}"}, 0, l.validated(), {"-val", "--val", "-validate", "--validate"}},
+          {{"-ai", "X", "-p", "ios", "/does/not/exist.dSYM", "{}"}, 0, l.validated(),
+           {"-val", "--val", "-validate", "--validate"}},
           // After "--" every word is a path, even one that looks like an option.
           {{"-d", "--val", "-ai", "X", "-p", "ios", "--", "-weird.dSYM", "x", "--"}, 0,
            l.version() + l.debugBlock("X", "ios", "[\"-weird.dSYM\", \"x\"]") + l.validated()},

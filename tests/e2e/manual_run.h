@@ -175,7 +175,8 @@ inline std::map<std::string, std::string> storedUploads(const FakeServiceProcess
 // one named "<arch>-<uuid>.csym" after its header); otherwise what is wrong.
 inline std::string csymProblem(const std::string& text, const std::string& fileName = "") {
   auto isNumber = [](const std::string& word) {
-    return !word.empty() && std::all_of(word.begin() + (word[0] == '-'), word.end(), [](char c) { return c >= '0' && c <= '9'; });
+    return !word.empty() &&
+           std::all_of(word.begin() + (word[0] == '-'), word.end(), [](char c) { return c >= '0' && c <= '9'; });
   };
   auto fieldsOf = [](const std::string& line) {
     std::vector<std::string> fields;

@@ -101,10 +101,11 @@ TEST(PipelineUseTest, ReportOnEveryWayOut) {
     EXPECT_EQ(run.finish().status, ending.status) << run.out;
     ASSERT_TRUE(fs::exists(report)) << run.out << run.err;
     // The schema in docs/, checked with Debian's JSON Schema validator.
-    RunResult check = runProgram({"/usr/bin/python3", "-c",
-                                  "import json,sys,jsonschema\n"
-                                  "jsonschema.validate(json.load(open(sys.argv[1])), json.load(open(sys.argv[2])))",
-                                  report.string(), (fs::path(SYMLIFT_SOURCE_DIR) / "docs/report.schema.json").string()});
+    RunResult check =
+        runProgram({"/usr/bin/python3", "-c",
+                    "import json,sys,jsonschema\n"
+                    "jsonschema.validate(json.load(open(sys.argv[1])), json.load(open(sys.argv[2])))",
+                    report.string(), (fs::path(SYMLIFT_SOURCE_DIR) / "docs/report.schema.json").string()});
     EXPECT_EQ(check.status, 0) << check.err << readFile(report);
     const json document = json::parse(readFile(report));
     EXPECT_EQ(document["exitStatus"], ending.status);

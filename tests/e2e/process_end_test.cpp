@@ -38,10 +38,12 @@ class ProcessEndTest : public ::testing::Test {
     if (ending.service) {
       EXPECT_TRUE(service.emplace(ending.serviceOptions).started());
     }
-    const std::string input = ending.brokenArchive ? work_.write("Broken.zip", "not a zip archive").string() : fatAppDSYM();
+    const std::string input =
+        ending.brokenArchive ? work_.write("Broken.zip", "not a zip archive").string() : fatAppDSYM();
     std::vector<std::string> argv = wrapper;
     argv.push_back(symliftBinary());
-    for (const auto& word : byHand(ending.convertOnly ? std::vector<std::string>{"-c"} : std::vector<std::string>{}, {input}))
+    for (const auto& word :
+         byHand(ending.convertOnly ? std::vector<std::string>{"-c"} : std::vector<std::string>{}, {input}))
       argv.push_back(word);
     RunOptions options;
     options.environment = cleanEnvironment(tmp_.str(), service ? service->baseURL() : kNowhere,

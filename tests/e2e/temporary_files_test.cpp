@@ -145,21 +145,24 @@ TEST_F(TemporaryFilesTest, CraftedArchivesNeverReachOutsideTheUnpackFolder) {
   };
   const std::string out = outside_.str();
   const Archive archives[] = {
-      {"dotdot.zip", "z.writestr('../../../../../../../../" + out.substr(1) + "/dotdot', 'x')\nz.writestr('../evil', 'x')\n"},
+      {"dotdot.zip",
+       "z.writestr('../../../../../../../../" + out.substr(1) + "/dotdot', 'x')\nz.writestr('../evil', 'x')\n"},
       {"absolute.zip", "z.writestr('" + out + "/absolute', 'x')\n"},
       {"inner-dotdot.zip",
-       "z.writestr('a/../../evil', 'x')\nz.writestr('a/b/../../../../../../../../../" + out.substr(1) + "/inner', 'x')\n"},
+       "z.writestr('a/../../evil', 'x')\n"
+       "z.writestr('a/b/../../../../../../../../../" + out.substr(1) + "/inner', 'x')\n"},
       {"link-then-write.zip", "link('escape', '" + out + "')\nz.writestr('escape/through-link', 'x')\n"},
       {"relative-link.zip",
        "link('up', '../../../../../../../../../" + out.substr(1) + "')\nz.writestr('up/through-relative-link', 'x')\n"},
       {"link-then-overwrite.zip", "link('victim', '" + out + "/victim.txt')\nz.writestr('victim', 'overwritten')\n"},
       // Reading a dSYM outside would turn someone else's symbols into cSYMs.
       {"pointer.zip", "link('Other.dSYM', '" + out + "/Other.dSYM')\n", true,
-       kPlain.warning("Removed symbolic link leading out of the archive: " + tmp_.str() + "/pointer.zip.unzipped/Other.dSYM")},
+       kPlain.warning("Removed symbolic link leading out of the archive: " + tmp_.str() +
+                      "/pointer.zip.unzipped/Other.dSYM")},
       {"inner-link.zip", "z.writestr('data/file.txt', 'x')\nlink('alias', 'data/file.txt')\n", true, "", "alias"},
       // Its top folder readable by everyone.
-      {"private.zip", "entry('App.dSYM/', '', stat.S_IFDIR | 0o777)\nz.writestr('App.dSYM/Contents/Info.plist', '<plist/>')\n",
-       true},
+      {"private.zip",
+       "entry('App.dSYM/', '', stat.S_IFDIR | 0o777)\nz.writestr('App.dSYM/Contents/Info.plist', '<plist/>')\n", true},
   };
   const fs::path victim = outside_.write("victim.txt", "precious");
   copyFixture("FatApp.dSYM", outside_.path() / "Other.dSYM");

@@ -61,8 +61,9 @@ TEST_F(UploadTest, FatDSYMUploadsExactlyWhatAConvertOnlyRunWrites) {
   EXPECT_EQ(upload.status, 0) << upload.out;
   EXPECT_EQ(storedCSYMs(), converted);
   for (const auto& [uuid, text] : converted)
-    EXPECT_NE(upload.out.find(" with UUID " + uuid + " in dSYM: " + fatAppDSYM() + "/Contents/Resources/DWARF/FatApp\n"),
-              std::string::npos)
+    EXPECT_NE(
+        upload.out.find(" with UUID " + uuid + " in dSYM: " + fatAppDSYM() + "/Contents/Resources/DWARF/FatApp\n"),
+        std::string::npos)
         << upload.out;
   EXPECT_EQ(countOccurrences(upload.out, "Successfully submitted symbols for architecture "), 2u) << upload.out;
   EXPECT_TRUE(upload.out.ends_with(kPlain.uploaded())) << upload.out;

@@ -18,9 +18,11 @@ namespace fs = std::filesystem;
 // symlift under a file-size limit with SIGXFSZ ignored, as on a full disk
 // (unzip inherits both); its output goes through a pipe, which the limit
 // does not touch.
-RunResult runWithFileSizeLimit(const std::vector<std::string>& arguments, const std::map<std::string, std::string>& environment,
+RunResult runWithFileSizeLimit(const std::vector<std::string>& arguments,
+                               const std::map<std::string, std::string>& environment,
                                const std::string& workingDirectory, int bytes) {
-  std::vector<std::string> argv{"/bin/bash", "-c", "trap '' XFSZ; set -o pipefail; prlimit --fsize=$0 -- \"$@\" 2>&1 | cat",
+  std::vector<std::string> argv{"/bin/bash", "-c",
+                                "trap '' XFSZ; set -o pipefail; prlimit --fsize=$0 -- \"$@\" 2>&1 | cat",
                                 std::to_string(bytes), symliftBinary()};
   argv.insert(argv.end(), arguments.begin(), arguments.end());
   RunOptions options;
@@ -36,7 +38,7 @@ TEST(WriteErrorTest, EveryFailedWriteNamesThePathAndTheReason) {
     const char* name;
     Tmp tmp;
     bool convertOnly;
-    bool archive;  // a zip of the dSYM instead of the dSYM
+    bool archive;       // a zip of the dSYM instead of the dSYM
     int fileSizeLimit;  // bytes; 0: none
     bool gzipFault;     // creating a ".zip" file fails with ENOSPC
     int status;
@@ -88,10 +90,11 @@ TEST(WriteErrorTest, EveryFailedWriteNamesThePathAndTheReason) {
       if (const char* asan = std::getenv("ASAN_OPTIONS"))
         extra["ASAN_OPTIONS"] = std::string(asan) + ":verify_asan_link_order=0";
     }
+    std::vector<std::string> options;
+    if (c.convertOnly) options.push_back("-c");
     const RunResult result =
         c.fileSizeLimit
-            ? runWithFileSizeLimit(byHand(c.convertOnly ? std::vector<std::string>{"-c"} : std::vector<std::string>{}, {input}),
-                                   cleanEnvironment(tmp), work.str(), c.fileSizeLimit)
+            ? runWithFileSizeLimit(byHand(options, {input}), cleanEnvironment(tmp), work.str(), c.fileSizeLimit)
             : runByHand({input}, tmp, work.str(), c.convertOnly, extra);
     EXPECT_EQ(result.signal, 0);
     EXPECT_EQ(result.status, c.status) << result.out;
