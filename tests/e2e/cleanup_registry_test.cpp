@@ -1,11 +1,8 @@
-// The registry of temporary paths that an interrupted run removes.
+// The registry of temporary paths that an interrupted or failed run removes.
 
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <cerrno>
-#include <filesystem>
 
 #include "support/cleanup_registry.h"
 #include "support/test_support.h"
@@ -14,21 +11,18 @@ namespace symlift::testing {
 namespace {
 
 namespace fs = std::filesystem;
-using support::CleanupRegistry;
 
 TEST(CleanupRegistryTest, RenameMovesTheRegistrationOnlyWhenItSucceeds) {
   TempDir dir;
-  CleanupRegistry registry;
-  const std::string from = dir.write("a.partial", "x").string();
-  const std::string to = (dir.path() / "a.csym").string();
+  support::CleanupRegistry registry;
+  const std::string from = dir.write("a.partial", "x").string(), to = (dir.path() / "a.csym").string();
   registry.add(from);
   ASSERT_EQ(registry.renameRegistered(from, to), 0);
   EXPECT_FALSE(registry.contains(from));
   EXPECT_TRUE(registry.contains(to));
   EXPECT_EQ(readFile(to), "x");
 
-  const std::string missing = (dir.path() / "missing").string();
-  const std::string target = (dir.path() / "never").string();
+  const std::string missing = (dir.path() / "missing").string(), target = (dir.path() / "never").string();
   registry.add(missing);
   errno = 0;
   EXPECT_NE(registry.renameRegistered(missing, target), 0);
@@ -38,11 +32,11 @@ TEST(CleanupRegistryTest, RenameMovesTheRegistrationOnlyWhenItSucceeds) {
 }
 
 TEST(CleanupRegistryTest, RemoveAllTakesFilesFoldersAndLinksButNotLinkTargets) {
-  TempDir dir;
-  TempDir outside;
-  CleanupRegistry registry;
+  TempDir dir, outside;
+  support::CleanupRegistry registry;
   const fs::path file = dir.write("one.csym", "x");
-  const fs::path folder = dir.write("Symbols.zip.unzipped/App.dSYM/Contents/Info.plist", "y").parent_path().parent_path().parent_path();
+  const fs::path folder = dir.path() / "Symbols.zip.unzipped";
+  dir.write("Symbols.zip.unzipped/App.dSYM/Contents/Info.plist", "y");
   const fs::path target = outside.write("kept.txt", "kept");
   const fs::path link = dir.path() / "link.csym";
   fs::create_symlink(target, link);

@@ -1,22 +1,18 @@
 #pragma once
-// Expected console lines of a symlift run, with colour on or off.
+// Expected console lines of a symlift run whose output is not a terminal
+// (no colour).
 
 #include <string>
 
 namespace symlift::testing::e2e {
 
 struct Lines {
-  bool colour;
-
-  std::string wrap(const char* code, const std::string& text) const {
-    return colour ? std::string(code) + text + "\x1b[0m\n" : text + "\n";
-  }
   std::string info(const std::string& text) const { return text + "\n"; }
-  std::string bold(const std::string& text) const { return wrap("\x1b[1m", text); }
-  std::string highlight(const std::string& text) const { return wrap("\x1b[1m\x1b[36m", text); }
-  std::string success(const std::string& text) const { return wrap("\x1b[32m", text); }
-  std::string warning(const std::string& text) const { return wrap("\x1b[33m", "warning: " + text); }
-  std::string error(const std::string& text) const { return wrap("\x1b[31m", "error: " + text); }
+  std::string bold(const std::string& text) const { return text + "\n"; }
+  std::string highlight(const std::string& text) const { return text + "\n"; }
+  std::string success(const std::string& text) const { return text + "\n"; }
+  std::string warning(const std::string& text) const { return "warning: " + text + "\n"; }
+  std::string error(const std::string& text) const { return "error: " + text + "\n"; }
 
   std::string version() const { return info("symlift 0.1.0 build 1"); }
 

@@ -4,16 +4,10 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
+#include <cstdio>
 #include <fstream>
-#include <map>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "e2e/manual_run.h"
-#include "network/fake_service_process.h"
-#include "support/test_support.h"
 
 namespace symlift::testing::e2e {
 namespace {
@@ -38,29 +32,23 @@ class ProcessEndTest : public ::testing::Test {
  protected:
   // The run of one ending, with extra environment and an optional wrapper
   // program (valgrind) in front of the binary.
-  RunResult run(const Ending& ending, std::map<std::string, std::string> environment,
+  RunResult run(const Ending& ending, const std::map<std::string, std::string>& extra,
                 const std::vector<std::string>& wrapper = {}) {
-    std::unique_ptr<FakeServiceProcess> service;
-    std::string endpoint = "http://127.0.0.1:9";
+    std::optional<FakeServiceProcess> service;
     if (ending.service) {
-      service = std::make_unique<FakeServiceProcess>(ending.serviceOptions);
-      EXPECT_TRUE(service->started());
-      endpoint = service->baseURL();
+      EXPECT_TRUE(service.emplace(ending.serviceOptions).started());
     }
-    std::string input = fatAppDSYM();
-    if (ending.brokenArchive) input = work_.write("Broken.zip", "not a zip archive").string();
+    const std::string input =
+        ending.brokenArchive ? work_.write("Broken.zip", "not a zip archive").string() : fatAppDSYM();
     std::vector<std::string> argv = wrapper;
     argv.push_back(symliftBinary());
-    for (const char* word : {"-sdv", "-ai", "1:99:ios:e2e", "-p", "ios"}) argv.push_back(word);
-    if (ending.convertOnly) argv.push_back("-c");
-    argv.push_back("--");
-    argv.push_back(input);
+    for (const auto& word :
+         byHand(ending.convertOnly ? std::vector<std::string>{"-c"} : std::vector<std::string>{}, {input}))
+      argv.push_back(word);
     RunOptions options;
-    options.environment = std::map<std::string, std::string>{{"PATH", "/usr/bin:/bin"},
-                                                             {"TMPDIR", tmp_.str()},
-                                                             {"VantrelUploadEndpoint", endpoint},
-                                                             {"SYMLIFT_TEST_MAX_RETRY_DELAY_MS", "1"}};
-    options.extraEnvironment = std::move(environment);
+    options.environment = cleanEnvironment(tmp_.str(), service ? service->baseURL() : kNowhere,
+                                           {{"SYMLIFT_TEST_MAX_RETRY_DELAY_MS", "1"}});
+    options.extraEnvironment = extra;
     options.timeoutSeconds = 300;
     return runProgram(argv, options);
   }
