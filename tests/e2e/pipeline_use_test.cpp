@@ -161,14 +161,16 @@ TEST(PipelineUseTest, DWARFFileGoneBeforeItsTurnFailsTheRun) {
   fs::copy(fixturesDir() / "FatApp.dSYM", bundle, fs::copy_options::recursive);
   const fs::path second = bundle / "Contents/Resources/DWARF/Second";
   fs::copy_file(fixturesDir() / "Hello.dSYM/Contents/Resources/DWARF/Hello", second);
-  LiveRun run(uploadArguments({"-d"}, bundle.string()), LiveRun::Stream::Pipe, LiveRun::Stream::Pipe,
-              baseEnvironment(tmp, service.baseURL()));
-  ASSERT_TRUE(run.waitForOutput("Uploading cSYM to ", 20s)) << run.out;
-  fs::remove(second);
-  EXPECT_EQ(run.wait(), 8) << run.out;
-  EXPECT_NE(run.out.find("error: Could not complete submission of dSYM at " + bundle.string() + ": "), std::string::npos)
+  BackgroundRun run(byHand({"-d"}, {bundle.string()}), environment(tmp, service.baseURL()));
+  ASSERT_TRUE(run.waitUntil([&] { return run.out.find("Uploading cSYM to ") != std::string::npos; }, 20000ms))
       << run.out;
-  EXPECT_NE(run.out.find("File no longer exists at " + second.string()), std::string::npos) << run.out;
+  fs::remove(second);
+  const RunResult result = run.finish();
+  EXPECT_EQ(result.status, 8) << result.out;
+  EXPECT_NE(result.out.find("error: Could not complete submission of dSYM at " + bundle.string() + ": "),
+            std::string::npos)
+      << result.out;
+  EXPECT_NE(result.out.find("File no longer exists at " + second.string()), std::string::npos) << result.out;
 }
 
 }  // namespace
