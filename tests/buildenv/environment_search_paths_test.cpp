@@ -43,16 +43,6 @@ TEST_F(SearchPathsTest, ValidPathsAreExistingFoldersWithOptionalRecursiveMarker)
     EXPECT_EQ(SUPEnvironment::isValidFrameworkSearchPath(path, workingDirectory, files), valid) << path;
 }
 
-TEST_F(SearchPathsTest, UnquotingAndUnescaping) {
-  const std::pair<const char*, std::optional<std::string>> rows[] = {
-      {"\"/a b/c\"", "/a b/c"}, {"\"\"", ""}, {"\"", std::nullopt}, {"/My\\ Frameworks", "/My Frameworks"},
-      {"C:\\\\dir", "C:\\dir"},
-      {"a\\\\ b", "a b"},       // doubled backslashes are halved first, so "\\ " ends as a plain blank
-      {"\"/a b", "\"/a b"},     // only a quote at both ends is removed
-  };
-  for (const auto& [text, path] : rows) EXPECT_EQ(SUPEnvironment::unquotedAndUnescapedPathForPath(text), path) << text;
-}
-
 TEST_F(SearchPathsTest, WellFormedSettingsKeepEveryWordOrNone) {
   auto wellFormed = [&](const std::string& text) {
     return SUPEnvironment::parseWellFormedFrameworkSearchPathsFromString(text, dir.str(), files);

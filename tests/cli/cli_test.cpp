@@ -7,7 +7,6 @@
 
 #include "cli/app_id.h"
 #include "cli/options.h"
-#include "cli/process_environment.h"
 #include "cli/symbolication_version.h"
 #include "support/captured_output.h"
 
@@ -66,17 +65,12 @@ TEST(CliTest, PathArguments) {
 
 TEST(CliTest, SymbolicationVersionIsTheDecimalPrefixOrZero) {
   const std::pair<std::optional<std::string>, float> rows[] = {
-      {"64.1", 64.1f}, {" 2.25beta", 2.25f}, {"-1", -1.0f}, {".5", 0.5f}, {"1e2", 100.0f}, {"3e", 3.0f},
+      {"64570.35.1", 64570.35f}, {" 2.25beta", 2.25f}, {"-1", -1.0f}, {".5", 0.5f}, {"1e2", 100.0f}, {"3e", 3.0f},
       {"0x10", 0.0f}, {"", 0.0f}, {"abc", 0.0f}, {".", 0.0f}, {"-", 0.0f}, {"inf", 0.0f}, {"nan", 0.0f},
       {"v2", 0.0f}, {std::nullopt, 0.0f},
   };
   for (const auto& [text, value] : rows)
     EXPECT_FLOAT_EQ(maxSymbolicationVersionFromText(text), value) << text.value_or("none");
-}
-
-TEST(CliTest, EnvironmentEntriesBecomeAMap) {
-  const char* entries[] = {"A=1", "B=x=y", "EMPTY=", "NOEQUALS", "A=2", "=bad", nullptr};
-  EXPECT_EQ(environmentFromEntries(entries), (buildenv::Environment{{"A", "1"}, {"B", "x=y"}, {"EMPTY", ""}}));
 }
 
 // What a lookup gave, and what it printed.

@@ -82,36 +82,6 @@ TEST(OperationQueueTest, WidthOneRunsInOrderOneAtATime) {
   EXPECT_EQ(maxRunning.load(), 1);
 }
 
-TEST(OperationQueueTest, DefaultWidthIsAtLeastTwoAndRunsSideBySide) {
-  ThreadPool pool;
-  auto queue = OperationQueue::create(pool);
-  EXPECT_GE(queue->effectiveMaxConcurrentOperationCount(), 2);
-  // Two operations that each wait for the other can only finish side by side.
-  std::promise<void> bStarted;
-  std::atomic<bool> sawB{false};
-  auto a = std::make_shared<BlockOperation>(
-      [&] { sawB = bStarted.get_future().wait_for(5s) == std::future_status::ready; });
-  auto b = std::make_shared<BlockOperation>([&] { bStarted.set_value(); });
-  queue->addOperations({a, b}, true);
-  EXPECT_TRUE(sawB.load());
-}
-
-TEST(OperationQueueTest, DependencyOnAnotherQueueDelaysStart) {
-  ThreadPool pool;
-  auto first = OperationQueue::create(pool);
-  auto second = OperationQueue::create(pool);
-  auto dependency = after(pool, 40ms);
-  std::atomic<bool> sawDependencyFinished{false};
-  auto dependent = std::make_shared<BlockOperation>([&] { sawDependencyFinished = dependency->isFinished(); });
-  dependent->addDependency(dependency);
-  second->addOperation(dependent);
-  std::this_thread::sleep_for(10ms);
-  EXPECT_FALSE(dependent->isFinished());
-  first->addOperation(dependency);
-  dependent->waitUntilFinished();
-  EXPECT_TRUE(sawDependencyFinished.load());
-}
-
 TEST(OperationQueueTest, CancelledOperationsSkipMainButStillComplete) {
   ThreadPool pool;
   auto queue = OperationQueue::create(pool);
@@ -169,30 +139,6 @@ std::shared_ptr<Outcome> watch(const std::shared_ptr<SUPCompoundOperation>& comp
     }
   });
   return outcome;
-}
-
-// Finishes once, without error, after the last success; the completions a
-// sub-operation had before joining still run, before the compound finishes.
-TEST(SUPCompoundOperationTest, FinishesWithoutErrorAfterTheLastSuccess) {
-  ThreadPool pool;
-  auto compound = std::make_shared<SUPCompoundOperation>(pool);
-  std::vector<std::shared_ptr<SUPKITAsyncOperation>> subs{after(pool, 30ms), after(pool, 5ms), after(pool, 15ms)};
-  std::atomic<bool> earlierAsync{false}, earlierBlock{false}, compoundFinishedBeforeEarlierBlock{true};
-  subs[1]->setAsyncCompletion([&](const support::ErrorPtr&) { earlierAsync = true; });
-  subs[1]->setCompletionBlock([&, raw = compound.get()] {
-    earlierBlock = true;
-    compoundFinishedBeforeEarlierBlock = raw->isFinished();
-  });
-  compound->setOperations(subs);
-  auto outcome = watch(compound);
-  OperationQueue::create(pool)->addOperationAndWait(compound);
-  EXPECT_EQ(outcome->calls.load(), 1);
-  EXPECT_FALSE(outcome->error);
-  for (const auto& sub : subs) EXPECT_TRUE(sub->isFinished());
-  compound->countingQueue()->sync([&] { EXPECT_EQ(compound->completedOperations(), 3u); });
-  EXPECT_TRUE(earlierAsync.load());
-  EXPECT_TRUE(earlierBlock.load());
-  EXPECT_FALSE(compoundFinishedBeforeEarlierBlock.load());
 }
 
 TEST(SUPCompoundOperationTest, CollectsEveryFailureInReportOrderAndFinishesOnce) {

@@ -1,4 +1,4 @@
-// The dSYM bundle model: SUPdSYM, SUPDSYMFile and the code-mapping container.
+// The dSYM bundle model: SUPdSYM and SUPDSYMFile, made alone and over a run's cache.
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,6 @@
 
 #include "dispatch/thread_pool.h"
 #include "dsym/code_mapping.h"
-#include "dsym/code_mapping_info_container.h"
 #include "dsym/dsym.h"
 #include "support/captured_output.h"
 #include "support/diagnostics.h"
@@ -94,42 +93,6 @@ TEST_F(DSYMModel, FatDSYMAndBundlesThatAreNone) {
     EXPECT_EQ(SUPdSYM::dSYMWithDWARFURL(kFatDWARF, bundle), nullptr);
     EXPECT_EQ(SUPDSYMFile::initWithDWARFURL(kFatDWARF, bundle, cache_), nullptr);
   }
-}
-
-TEST(SUPCodeMappingInfoContainer, TakesTheFilesValuesAndCopiesForOneSlice) {
-  SUPCodeMappingInfoContainer container;
-  auto fat = SUPDSYMFile::initWithDWARFURL(kFatDWARF, kFatBundle);
-  container.setDSYMFile(fat);
-  EXPECT_EQ(container.URL(), kFatDWARF);
-  EXPECT_EQ(container.buildVersion(), "7");
-  EXPECT_EQ(container.displayVersion(), "1.2");
-  EXPECT_EQ(container.dsymBundleID(), "com.example.symlift.FatApp");
-  container.setConvertOnly(true);
-  container.setMaxCoreSymbolicationVersion(3.5f);
-  container.setPlatform("ios");
-  container.setOmvaraAppId("1:1234567890:ios:0123456789abcdef");
-  container.setUUID("4c4c445a55553144a109bc8fefe46bdc");
-  container.setArchitecture("arm64");
-  container.setData(std::vector<std::uint8_t>{'c', 's', 'y', 'm'});
-
-  auto copy = container.copyWithZone();
-  ASSERT_TRUE(copy);
-  EXPECT_EQ(copy->dSYMFile(), fat);  // shared, not copied
-  EXPECT_EQ(copy->displayVersion(), "1.2");
-  EXPECT_TRUE(copy->convertOnly());
-  EXPECT_EQ(copy->maxCoreSymbolicationVersion(), 3.5f);
-  EXPECT_EQ(copy->omvaraAppId(), "1:1234567890:ios:0123456789abcdef");
-  // The per-slice values are left empty, and the copy is independent.
-  EXPECT_EQ(copy->UUID(), std::nullopt);
-  EXPECT_EQ(copy->architecture(), std::nullopt);
-  EXPECT_EQ(copy->data(), std::nullopt);
-  copy->setPlatform("tvos");
-  EXPECT_EQ(container.platform(), "ios");
-
-  // Another file's values replace these; none linger.
-  container.setDSYMFile(nullptr);
-  EXPECT_EQ(container.URL(), std::nullopt);
-  EXPECT_EQ(container.buildVersion(), std::nullopt);
 }
 
 }  // namespace

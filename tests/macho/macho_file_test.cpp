@@ -1,10 +1,9 @@
 // The Mach-O reader on the committed fixtures and the hand-made edge files
 // (tests/fixtures/make-edge-files.py says what each one holds): both views
-// of a file, the load-command facts, files that cannot be opened, the
-// identity of a binary, and the damage the walk reports.
+// of a file, the load-command facts, the identity of a binary, and the
+// damage the walk reports.
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -21,9 +20,7 @@
 namespace symlift::macho {
 namespace {
 
-namespace fs = std::filesystem;
 using symlift::testing::fixturesDir;
-using symlift::testing::TempDir;
 
 std::string edge(const std::string& name) { return (fixturesDir() / "edge" / name).string(); }
 
@@ -145,20 +142,6 @@ TEST(MachOFile, LoadCommandFacts) {
     EXPECT_EQ(slice->linkedSDKVersion(), c.sdk) << c.file;
     EXPECT_EQ(slice->linkedDylibs(), c.dylibs) << c.file;
   }
-}
-
-TEST(MachOFile, FilesThatCannotBeOpened) {
-  TempDir dir;
-  fs::path fifo = dir.path() / "pipe";
-  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-  for (const std::string& path : {edge("short-15-bytes"), fixturesDir().string(), edge("no-such-file"),
-                                  std::string(), fifo.string()})
-    EXPECT_EQ(SUPMachOBinary::MachOBinaryWithPath(path), nullptr) << path;
-  // Too short for a binary, but a file the symbol reader may map.
-  EXPECT_NE(MachOFile::open(edge("short-15-bytes")), nullptr);
-  // A symbolic link to a regular file is followed.
-  fs::create_symlink(edge("thin-arm64"), dir.path() / "link");
-  EXPECT_NE(SUPMachOBinary::MachOBinaryWithPath((dir.path() / "link").string()), nullptr);
 }
 
 TEST(MachOBinary, IdentityIsTheHashOfTheUUIDsInArchitectureOrder) {

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
-
 #include "support/captured_output.h"
 #include "support/test_support.h"
 
@@ -64,21 +62,6 @@ TEST(MultipartMimeStreamEncoderTest, PartsAreLaidOutByteForByteAndRefusedOnesOnl
     ASSERT_NE(position, std::string::npos) << message << " (in order) in:\n" << log;
   }
   EXPECT_EQ(symlift::testing::countOccurrences(log, "error: "), messages.size()) << log;
-}
-
-TEST(MultipartMimeStreamEncoderTest, RequestGetsAFreshBoundaryAndTheLength) {
-  URLRequest first, second;
-  SUPMultipartMimeStreamEncoder::populateRequest(first, [](SUPMultipartMimeStreamEncoder&) {});
-  SUPMultipartMimeStreamEncoder::populateRequest(second, nullptr);
-  std::smatch match;
-  std::string contentType = first.valueForHTTPHeaderField("Content-Type").value_or("");
-  ASSERT_TRUE(std::regex_match(contentType, match, std::regex("multipart/form-data; boundary=([0-9A-F]{8}-[0-9A-F]{4}-4"
-                                                              "[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12})")))
-      << contentType;
-  EXPECT_EQ(textOf(first.HTTPBody), "MIME-Version: 1.0\r\n--" + match[1].str() + "--\r\n");
-  EXPECT_EQ(first.valueForHTTPHeaderField("Content-Length"), "61");
-  EXPECT_EQ(first.HTTPBody.size(), 61u);
-  EXPECT_NE(second.valueForHTTPHeaderField("Content-Type"), first.valueForHTTPHeaderField("Content-Type"));
 }
 
 TEST(MultipartMimeStreamEncoderTest, ShortAndClosedWritesAreNotCounted) {

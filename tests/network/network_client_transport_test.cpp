@@ -1,6 +1,6 @@
 // The libcurl session and the client over it, against servers on loopback
-// ports. What the retry policy makes of each outcome is checked over a
-// scripted session (network_client_test.cpp) and through the binary (e2e).
+// ports. What the retry policy makes of each outcome goes through the
+// binary (NetworkFaultsTest).
 
 #include <gtest/gtest.h>
 

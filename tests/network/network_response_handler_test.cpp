@@ -132,12 +132,5 @@ TEST(NetworkResponseHandlerTest, TransportErrorsRetriedByCodeAndDomain) {
 
 }
 
-TEST(NetworkResponseHandlerTest, CancelReasonOnlyOfACancelledURLError) {
-  const std::map<std::string, std::string> reason{{kURLErrorBackgroundTaskCancelledReasonKey, "2"}};
-  EXPECT_EQ(Handler::cancelReasonFromURLError(support::makeError(kURLErrorDomain, URLErrorCancelled, reason)), 2);
-  EXPECT_EQ(Handler::cancelReasonFromURLError(support::makeError(kURLErrorDomain, URLErrorCancelled)), -1);
-  EXPECT_EQ(Handler::cancelReasonFromURLError(support::makeError(kURLErrorDomain, URLErrorTimedOut, reason)), -1);
-}
-
 }  // namespace
 }  // namespace symlift::network

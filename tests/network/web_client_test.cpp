@@ -126,23 +126,6 @@ TEST_F(WebClientTest, MethodsAndFormsGoOutAsGiven) {
   }
 }
 
-TEST_F(WebClientTest, ParametersEscapedByThePathRuleAndRequestHeadersWin) {
-  client->addValueForHeader("text/plain", "Accept");
-  client->addValueForHeader("yes", "X-Client");
-  auto request = SUPWebRequest::requestWithMethod("GET", "/echo");
-  request->parameters = {{"q", "a b;c?d"}, {"range", "1/2+3@x~"}, {"é", "100%"}};
-  request->addValueForHTTPHeaderField("application/x-plist", "Accept");
-  auto response = send(request);
-  ASSERT_TRUE(response);
-  const std::string target = "/echo?q=a%20b%3Bc%3Fd&range=1/2+3@x~&%C3%A9=100%25";
-  EXPECT_EQ(response->requestURL, server.url() + target);
-  std::lock_guard<std::mutex> guard(mutex);
-  EXPECT_EQ(seen, (std::vector<std::string>{"GET", target, "application/x-plist", "yes", "", ""}));
-
-  EXPECT_EQ(SUPWebClient::resolveURL("https://example.test/api/", "v1/items"), "https://example.test/api/v1/items");
-  EXPECT_EQ(SUPWebClient::resolveURL("https://example.test/api/", "/root"), "https://example.test/root");
-}
-
 // The body is decoded by content type; only the final response is reported,
 // and a failure keeps what arrived. Another status than an expected one is
 // an error, in either mode; no transaction is left once the completion ran.

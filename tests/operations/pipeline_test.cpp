@@ -18,7 +18,6 @@
 #include "operations/pipeline_test_support.h"
 #include "operations/process_dsym_operation.h"
 #include "operations/submit_csym_operation.h"
-#include "operations/system_version.h"
 #include "operations/upload_csym_operation.h"
 #include "support/captured_output.h"
 
@@ -31,13 +30,6 @@ namespace fs = std::filesystem;
 std::string failureReason(const support::ErrorPtr& error) {
   auto it = error->userInfo.find(support::kLocalizedFailureReasonKey);
   return it == error->userInfo.end() ? "(no reason)" : it->second;
-}
-
-TEST(SystemVersionTest, TenTenOrLaterCanConvert) {
-  const std::pair<SystemVersion, bool> rows[] = {
-      {{10, 9, 5}, false}, {{10, 10, 0}, true}, {{11, 0, 0}, true}, {{0, 0, 0}, false}, {{9, 99, 0}, false}};
-  for (const auto& [version, supported] : rows) EXPECT_EQ(isSupportedSystemVersion(version), supported);
-  EXPECT_TRUE(isSupportedSystemVersion(operatingSystemVersion()));  // this system's lets the pipeline run
 }
 
 // Each test gets its own temporary directory and the upload endpoint pointed

@@ -98,29 +98,6 @@ const SUPUploadRecord* find(const UploadRecordSet& records, const std::set<std::
   return found == records.end() ? nullptr : &*found;
 }
 
-TEST(UploadRecordArchiveTest, RoundTripsRecordsWithTheirDates) {
-  UploadRecordSet records = {
-      SUPUploadRecord({kUUID1, kUUID2}, kNewYear2021),
-      SUPUploadRecord({kUUID3}, kNewYear2021 + 90min + 250ms),
-      SUPUploadRecord({}, kNewYear2021 - 24h * 400),
-  };
-  auto decoded = unarchiveUploadRecords(archivedDataWithUploadRecords(records));
-  ASSERT_TRUE(decoded);
-  ASSERT_EQ(decoded->size(), 3u);
-  for (const SUPUploadRecord& record : records) {
-    const SUPUploadRecord* match = find(*decoded, record.uuids());
-    ASSERT_NE(match, nullptr);
-    // A double of seconds holds these dates to well under a microsecond.
-    EXPECT_LT(std::chrono::abs(match->uploadDate() - record.uploadDate()), 1us);
-  }
-  EXPECT_EQ(unarchiveUploadRecords(archivedDataWithUploadRecords({})), UploadRecordSet{});
-  // Far more records than the recorder keeps all decode (timings not asserted).
-  UploadRecordSet many;
-  for (int i = 0; i < 2000; ++i)
-    many.insert(SUPUploadRecord({fmt::format("{:032x}", i), fmt::format("{:032x}", i + 2000)}, kNewYear2021 + i * 1s));
-  EXPECT_EQ(unarchiveUploadRecords(archivedDataWithUploadRecords(many)), many);
-}
-
 // A store read from damaged bytes can hold text that is not UTF-8 (or holds
 // a NUL byte); writing it back must still give a store that reads, with the
 // good records intact and the damaged text replaced, not dropped.

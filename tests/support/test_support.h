@@ -2,7 +2,11 @@
 // Helpers shared by the tests: temporary folders, running a program with its
 // output captured, and the locations of fixtures and the shared corpus.
 
+#include <sys/types.h>
+
+#include <chrono>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -48,8 +52,47 @@ struct RunOptions {
 // instrumented code runs several times slower.
 double timeScale();
 
-// Runs argv[0] (a path) with the given arguments, standard input from
-// /dev/null, and returns its output and exit status. Kills it on time-out.
+// argv[0] (a path) started in the background with standard input from
+// /dev/null, its standard output and error each on a pipe or a
+// pseudo-terminal that the test reads as it goes. A sanitized build's
+// variables reach it whatever environment it is given, so that its reports
+// fail the tests too. Killed, if still running, when the object goes.
+class ChildProcess {
+ public:
+  enum class Stream { Pipe, Terminal };
+
+  explicit ChildProcess(std::vector<std::string> argv, const RunOptions& options = {}, Stream out = Stream::Pipe,
+                        Stream err = Stream::Pipe);
+  ~ChildProcess();
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  bool started() const { return pid_ > 0; }
+  pid_t pid() const { return pid_; }
+  void signal(int number) const;
+  // The reader of standard output goes away.
+  void closeOutput();
+  bool running();
+  // Reads the output until condition holds (true), or the run ends or
+  // patience (times the time scale) runs out first (false).
+  bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds patience);
+  // Reads everything until the run has ended (killed after limit times the
+  // time scale): its output, exit status or signal.
+  RunResult finish(std::chrono::milliseconds limit = std::chrono::seconds(120));
+
+  std::string out, err;
+
+ private:
+  void pump(int timeoutMilliseconds);
+
+  pid_t pid_ = -1;
+  int outFD_ = -1, errFD_ = -1;
+  bool ended_ = false;
+  RunResult result_;
+};
+
+// Runs a program to its end (see ChildProcess) and returns its output and
+// exit status. Kills it on time-out.
 RunResult runProgram(const std::vector<std::string>& argv, const RunOptions& options = {});
 
 // Runs the symlift binary built with the tests.
@@ -72,6 +115,13 @@ std::string binaryPlist(const std::string& key, const std::string& value);
 
 // How many times part occurs in text (overlapping occurrences count).
 std::size_t countOccurrences(const std::string& text, const std::string& part);
+
+// The lines of text, without their line feeds.
+std::vector<std::string> linesOf(const std::string& text);
+
+// Empty when text is a whole, self-consistent cSYM (and, given a file name,
+// one named "<arch>-<uuid>.csym" after its header); otherwise what is wrong.
+std::string csymProblem(const std::string& text, const std::string& fileName = "");
 
 // The regular files below root (symbolic links not followed) that start with
 // a thin or fat Mach-O magic, sorted; nothing when root is not a folder.

@@ -57,19 +57,5 @@ TEST(CSYMGenerator, OneFilePerSliceWithAUUIDNamedByArchitectureAndUUID) {
   EXPECT_NE(readFile(tmp.path() / intelFile).find("symbols\t2\ng\nh\n"), std::string::npos);
 }
 
-TEST(CSYMGenerator, NothingReadableOrWritableGivesAnEmptyResult) {
-  TempDir tmp, inputs;
-  ScopedEnvironment tmpdir("TMPDIR", tmp.str());
-  FakeFiles files;
-  fs::create_directories(inputs.path() / "Empty.dSYM/Contents/Resources/DWARF");
-  EXPECT_TRUE(CSYMGenerator::generateCSYMsFromDSYMAtPath("/in/missing", 0.0f, nullptr, files.cache).empty());
-  EXPECT_TRUE(CSYMGenerator::generateCSYMsFromDSYMAtPath(inputs.str() + "/Empty.dSYM", 0.0f).empty());
-  // A temporary directory that does not exist: the slice is simply missing.
-  files.provider->files["/in/App"] = {slice(kArm64, {})};
-  ScopedEnvironment gone("TMPDIR", tmp.str() + "/gone");
-  EXPECT_TRUE(CSYMGenerator::generateCSYMsFromDSYMAtPath("/in/App", 0.0f, nullptr, files.cache).empty());
-  EXPECT_TRUE(namesIn(tmp.path()).empty());
-}
-
 }  // namespace
 }  // namespace symlift::testing

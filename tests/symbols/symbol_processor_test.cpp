@@ -128,42 +128,6 @@ TEST(SymbolProcessor, EachSliceHasItsNameKindUUIDAndLists) {
                                                  "armv7 dsym - error SUPSymbolicationErrorDomain"}));
 }
 
-TEST(SymbolProcessor, ValidatorFactsCountEverySymbolOfEverySlice) {
-  struct Case {
-    std::vector<FakeSymbolicator> slices;
-    std::int64_t count;
-    bool hidden;
-  };
-  const FakeSymbol unnamed{std::nullopt, std::nullopt, kBase + 16, 4, {}};
-  const Case cases[] = {
-      {{slice(kArm64, {cSymbol("a", kBase, 4), unnamed}), slice(kX86_64, {cSymbol("b", kBase, 4)})}, 3, false},
-      {{slice(kArm64, {}), slice(kX86_64, {FakeSymbol{"__hidden#42_", "__hidden#42_", kBase, 4, {}}})}, 1, true},
-      {{}, 0, false},
-  };
-  for (const Case& c : cases) {
-    FakeFiles files;
-    files.provider->files["/in/App"] = c.slices;
-    EXPECT_EQ(SUPSymbolProcessor::countSymbolOwnersAtPath("/in/App", files.cache), c.count);
-    EXPECT_EQ(SUPSymbolProcessor::checkForHiddenSymbolsAtPath("/in/App", files.cache), c.hidden);
-  }
-}
-
-TEST(SymbolProcessor, DSYMBundlesResolveToTheirFirstDWARFFile) {
-  TempDir dir;
-  dir.write("App.dSYM/Contents/Resources/DWARF/App", "");
-  std::filesystem::create_directories(dir.path() / "Empty.dSYM/Contents/Resources/DWARF");
-  const std::string bundle = dir.str() + "/App.dSYM", dwarfFile = bundle + "/Contents/Resources/DWARF/App";
-  EXPECT_EQ(SUPSymbolProcessor::executablePathForInputPath(bundle), dwarfFile);
-  EXPECT_EQ(SUPSymbolProcessor::executablePathForInputPath(dwarfFile), dwarfFile);
-  EXPECT_EQ(SUPSymbolProcessor::executablePathForInputPath(dir.str() + "/App.dsym"), dir.str() + "/App.dsym");
-  for (const char* name : {"/Empty.dSYM", "/Missing.dSYM"})
-    EXPECT_THROW(SUPSymbolProcessor::executablePathForInputPath(dir.str() + name), symbols::SymbolReaderException);
-  FakeFiles files;
-  files.provider->files[dwarfFile] = {slice(kArm64, {cSymbol("f", kBase, 4)})};
-  EXPECT_EQ(slicesOf(files, bundle).size(), 1u);
-  EXPECT_TRUE(slicesOf(files, "/in/does-not-exist").empty());
-}
-
 TEST(SymbolProcessor, SymbolNamesFromFileAreDistinctAndFiltered) {
   FakeFiles files;
   files.provider->files["/in/App"] = {

@@ -1,6 +1,5 @@
 #include "symbols/symbolication_proxy.h"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -62,13 +61,6 @@ class SymbolicationProxyTest : public ::testing::Test {
   TempDir apps_;
 };
 
-TEST_F(SymbolicationProxyTest, ReadsTheLeadingDecimalNumberOfAVersion) {
-  const std::pair<const char*, float> cases[] = {{"64570.35.1", 64570.35f}, {"  12abc", 12.0f}, {".5", 0.5f},
-                                                 {"-3", -3.0f},           {"1e3x", 1000.0f},  {"version 5", 0.0f},
-                                                 {".", 0.0f},             {"", 0.0f}};
-  for (const auto& [text, number] : cases) EXPECT_FLOAT_EQ(SUPSymbolicationProxy::leadingVersionNumber(text), number);
-}
-
 TEST_F(SymbolicationProxyTest, ChoosesTheXcodeWithTheNewestFrameworkWithinTheCap) {
   // Found folder by folder, by name within a folder; other bundles and plain files are not Xcode.
   std::string user = addApplication("User/Xcode.app", "64000.1");
@@ -94,25 +86,6 @@ TEST_F(SymbolicationProxyTest, ChoosesTheXcodeWithTheNewestFrameworkWithinTheCap
   apps_.write(std::string("System/Xcode-b.app/") + symbols::kCoreSymbolicationVersionPlist,
               binaryPlist("CFBundleVersion", "63000"));
   EXPECT_EQ(SUPSymbolicationProxy::xcodePathWithMaxCSVersion(64500.0f), older);
-}
-
-TEST_F(SymbolicationProxyTest, BindingStopsAtTheFirstMissingFunction) {
-  void* partial = dlopen(SYMLIFT_STUB_WITHOUT_FIFTH, RTLD_LAZY);
-  ASSERT_NE(partial, nullptr) << dlerror();
-  SUPSymbolicationProxy::dynamicallyLoadCoreSymbolicationFunctionsFromHandle(partial);
-  std::vector<bool> expected(symbols::kCoreSymbolicationFunctionCount, false);
-  std::fill(expected.begin(), expected.begin() + 4, true);
-  // Functions 6 to 25 exist in that library but are left unbound too.
-  EXPECT_EQ(boundFlags(), expected);
-  EXPECT_EQ(SUPSymbolicationProxy::boundFunction(0), dlsym(partial, "CSSymbolicatorForeachSymbolicatorWithPath"));
-
-  SUPSymbolicationProxy::resetForTesting();
-  void* complete = dlopen(SYMLIFT_STUB_COMPLETE, RTLD_LAZY);
-  ASSERT_NE(complete, nullptr) << dlerror();
-  SUPSymbolicationProxy::dynamicallyLoadCoreSymbolicationFunctionsFromHandle(complete);
-  EXPECT_EQ(boundFlags(), std::vector<bool>(symbols::kCoreSymbolicationFunctionCount, true));
-  EXPECT_EQ(SUPSymbolicationProxy::boundFunction(24), dlsym(complete, "CSSymbolicatorGetArchitecture"));
-  EXPECT_EQ(SUPSymbolicationProxy::boundFunction(25), nullptr);
 }
 
 TEST_F(SymbolicationProxyTest, ReportsEachLoadingFailureToTheSystemLog) {

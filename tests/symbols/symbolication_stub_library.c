@@ -1,6 +1,6 @@
 /* A stand-in for the symbolication framework: it exports the framework's
-   function names (doing nothing), optionally without the fifth one, so that
-   the loader's binding can be tested without Apple's library. */
+   function names (doing nothing), so that the loader can be tested without
+   Apple's library. */
 
 #define STUB(name) \
   int name(void) { return 0; }
@@ -9,9 +9,7 @@ STUB(CSSymbolicatorForeachSymbolicatorWithPath)
 STUB(CSSymbolicatorForeachSharedCache)
 STUB(CSSymbolOwnerCopyDescriptionWithIndent)
 STUB(CSSymbolicatorCopyDescriptionWithIndent)
-#ifndef STUB_WITHOUT_BASE_ADDRESS
 STUB(CSSymbolOwnerGetBaseAddress)
-#endif
 STUB(CSSymbolicatorForeachSymbolOwnerAtTime)
 STUB(CSSymbolOwnerGetRegionWithName)
 STUB(CSRegionForeachSymbol)

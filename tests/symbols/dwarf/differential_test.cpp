@@ -1,6 +1,7 @@
 // Compares what our reader says about code addresses with what
 // llvm-symbolizer says about the same addresses, for every Mach-O slice of
-// the committed fixtures and of the shared corpus of real dSYMs.
+// the committed fixtures (DWARF 4 and 5 from both LLVM tool chains, -O2
+// inlining) and of the shared corpus of real dSYMs.
 
 #include <gtest/gtest.h>
 
@@ -238,109 +239,6 @@ void report(const Totals& totals, std::size_t files) {
   std::printf("compared %zu addresses in %zu slices of %zu files\n", totals.addresses, totals.slices, files);
   for (const auto& [kind, count] : totals.differences) std::printf("  %-40s %zu\n", kind.c_str(), count);
   for (const std::string& example : totals.examples) std::printf("%s\n", example.c_str());
-}
-
-// Sources of a small program: C++ templates, a lambda, helpers that -O2
-// inlines, a C function, and a header in a relative include folder.
-void writeProgram(const TempDir& dir) {
-  dir.write("src/include/shapes.h", R"(
-#pragma once
-struct Shape { virtual ~Shape() {} virtual int area() const = 0; };
-struct Square : Shape { int side; explicit Square(int s) : side(s) {} int area() const override { return side * side; } };
-static inline int twice(int v) { return v * 2; }
-)");
-  dir.write("src/main.cpp", R"(#include "shapes.h"
-extern "C" int plain_c(int v);
-template <typename T> T accumulate(const T* values, int count) {
-  T sum = 0;
-  for (int i = 0; i < count; ++i) sum += twice(values[i]);
-  return sum;
-}
-namespace app { int run(int argc) {
-  auto bump = [argc](int q) { return q + argc; };
-  Square square(argc);
-  long values[3] = {argc, 2, 3};
-  return bump(square.area()) + (int)accumulate(values, 3) + plain_c(argc);
-} }
-int main(int argc, char**) { return app::run(argc); }
-)");
-  dir.write("src/util.c", R"(
-static int helper(int v) { return v > 3 ? v - 3 : v + 3; }
-int plain_c(int v) {
-  int total = 0;
-  for (int i = 0; i < v; ++i) total += helper(i);
-  return total;
-}
-)");
-}
-
-// Builds a fat arm64 + x86_64 executable and its dSYM with one LLVM tool
-// chain; false when a tool is missing or fails.
-bool buildProgram(const TempDir& dir, const std::string& version, const std::vector<std::string>& flags) {
-  for (const char* tool : {"clang-", "ld64.lld-", "llvm-lipo-", "dsymutil-"})
-    if (!haveProgram(tool + version)) return false;
-  symlift::testing::RunOptions options;
-  options.workingDirectory = dir.str();
-  auto run = [&](std::vector<std::string> argv) {
-    auto result = runProgram(argv, options);
-    if (result.status != 0) std::printf("%s failed: %s\n", argv[0].c_str(), result.err.c_str());
-    return result.status == 0;
-  };
-  const std::string bin = "/usr/bin/";
-  std::vector<std::string> slices;
-  for (const std::string arch : {"arm64", "x86_64"}) {
-    std::vector<std::string> objects;
-    for (const std::string source : {"main.cpp", "util.c"}) {
-      std::string object = source + "-" + arch + ".o";
-      std::vector<std::string> argv = {bin + "clang-" + version, "-target", arch + "-apple-macos11", "-Isrc/include",
-                                       "-c", "src/" + source, "-o", object};
-      argv.insert(argv.end(), flags.begin(), flags.end());
-      if (!run(argv)) return false;
-      objects.push_back(object);
-    }
-    std::vector<std::string> link = {bin + "ld64.lld-" + version, "-arch", arch, "-platform_version", "macos",
-                                     "11.0", "11.0", "-undefined", "dynamic_lookup", "-e", "_main", "-o",
-                                     "app-" + arch};
-    link.insert(link.end(), objects.begin(), objects.end());
-    if (!run(link)) return false;
-    slices.push_back("app-" + arch);
-  }
-  if (!run({bin + "llvm-lipo-" + version, slices[0], slices[1], "-create", "-output", "app"})) return false;
-  // dsymutil runs `lipo` for fat files.
-  fs::create_directories(dir.path() / "bin");
-  fs::create_symlink(bin + "llvm-lipo-" + version, dir.path() / "bin" / "lipo");
-  options.extraEnvironment["PATH"] = dir.str() + "/bin:" + std::getenv("PATH");
-  return run({bin + "dsymutil-" + version, "app", "-o", "app.dSYM"});
-}
-
-TEST(DifferentialTest, AgreesWithLlvmSymbolizerOnProgramsBuiltHere) {
-  if (!haveProgram("llvm-symbolizer-19")) GTEST_SKIP() << "llvm-symbolizer-19 is not installed";
-  struct Build {
-    std::string version;
-    std::vector<std::string> flags;
-  };
-  const std::vector<Build> builds = {
-      {"14", {"-g", "-O1", "-gdwarf-4"}},
-      {"14", {"-g", "-O2", "-gdwarf-2"}},
-      {"19", {"-g", "-O2", "-gdwarf-5"}},
-      {"19", {"-g", "-O0", "-gdwarf-5"}},
-  };
-  TempDir temp;
-  Totals totals;
-  std::size_t built = 0;
-  for (const Build& build : builds) {
-    TempDir dir;
-    writeProgram(dir);
-    if (!buildProgram(dir, build.version, build.flags)) continue;
-    ++built;
-    compareFile(dir.path() / "app.dSYM/Contents/Resources/DWARF/app", totals, temp);
-    compareFile(dir.path() / "app", totals, temp);
-  }
-  if (built == 0) GTEST_SKIP() << "no clang / ld64.lld / llvm-lipo / dsymutil tool chain";
-  report(totals, built * 2);
-  // Only x86_64 padding after a function may differ here.
-  for (const auto& [kind, count] : totals.differences) EXPECT_EQ(kind, "gap after a DWARF extent") << count;
-  EXPECT_GT(totals.addresses, 0u);
 }
 
 TEST(DifferentialTest, AgreesWithLlvmSymbolizerOnFixturesAndCorpus) {
