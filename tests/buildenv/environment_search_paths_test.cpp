@@ -43,20 +43,6 @@ TEST_F(SearchPathsTest, ValidPathsAreExistingFoldersWithOptionalRecursiveMarker)
     EXPECT_EQ(SUPEnvironment::isValidFrameworkSearchPath(path, workingDirectory, files), valid) << path;
 }
 
-TEST_F(SearchPathsTest, WellFormedSettingsKeepEveryWordOrNone) {
-  auto wellFormed = [&](const std::string& text) {
-    return SUPEnvironment::parseWellFormedFrameworkSearchPathsFromString(text, dir.str(), files);
-  };
-  std::string text = "\"" + at("My Frameworks") + "\" " + at("Frameworks") + "/** Vendor/SDKs '" + at("Lib Extra") +
-                     "' " + dir.str() + "/My\\ Frameworks";
-  EXPECT_THAT(wellFormed(text), Optional(ElementsAre(at("My Frameworks"), at("Frameworks") + "/**", "Vendor/SDKs",
-                                                     at("Lib Extra"), at("My Frameworks"))));
-  EXPECT_THAT(wellFormed(""), Optional(ElementsAre()));
-  EXPECT_EQ(wellFormed(at("Frameworks") + " " + at("Missing")), std::nullopt);
-  // Unescaped, the blank splits the folder name into two invalid words.
-  EXPECT_EQ(wellFormed(at("My Frameworks")), std::nullopt);
-}
-
 TEST_F(SearchPathsTest, MangledSettingsAreRebuiltFromTheirPieces) {
   const std::pair<std::string, Paths> rows[] = {
       // A folder name with one unescaped blank is joined back from two pieces.

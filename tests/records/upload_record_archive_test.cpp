@@ -195,29 +195,11 @@ TEST(UploadRecordArchiveTest, ReadsPlatformStoresUnderEitherRecordClassName) {
   }
 }
 
-TEST(UploadRecordArchiveTest, AnythingButAWholeRecordSetIsNoStore) {
-  // Records of a class nobody registered, and dates no clock can hold.
+// Records of a class nobody registered, and dates no clock can hold, make no store.
+TEST(UploadRecordArchiveTest, UnknownRecordsAndImpossibleDatesAreNoStore) {
   EXPECT_FALSE(unarchiveUploadRecords(platformStore("SomeOtherRecord")));
   for (double date : {double(INFINITY), -double(INFINITY), double(NAN), 1e300, -1e300})
     EXPECT_FALSE(unarchiveUploadRecords(platformStore("SYLUploadRecord", date))) << date;
-  // A well-formed plist that is not a keyed archive.
-  EXPECT_FALSE(unarchiveUploadRecords(
-      "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>a</key><string>b</string></dict></plist>"));
-  // Another archiver, a root past the end or not a set, a member that is a
-  // string or past the end, a record whose "$class" is itself and that has
-  // no UUIDs.
-  HandArchive a;
-  const auto set = a.classes({"NSSet", "NSObject"});
-  const auto empty = a.keyed(set, {{"NS.objects", a.uids({})}});
-  const auto name = a.add(plist_new_string(kUUID1.c_str()));
-  const auto stringMember = a.keyed(set, {{"NS.objects", a.uids({name})}});
-  const auto pastTheEnd = a.keyed(set, {{"NS.objects", a.uids({999})}});
-  const auto selfClassed = a.keyed(plist_array_get_size(a.objects), {});
-  const auto badRecord = a.keyed(set, {{"NS.objects", a.uids({selfClassed})}});
-  EXPECT_TRUE(unarchiveUploadRecords(a.binary(empty)));
-  EXPECT_FALSE(unarchiveUploadRecords(a.binary(empty, "NSArchiver")));
-  for (std::uint64_t root : {std::uint64_t{1000}, std::uint64_t{0}, stringMember, pastTheEnd, badRecord})
-    EXPECT_FALSE(unarchiveUploadRecords(a.binary(root))) << root;
 }
 
 TEST(StoreInputLimitsTest, BoundedReaderReadsOnlyRegularFilesWithinTheCap) {
