@@ -68,24 +68,6 @@ TEST(BuildEnvironmentTest, DSYMPathsAndTheirNotices) {
   EXPECT_EQ(dSYMPathsFromEnvironment({}, false).size(), 1u);  // never empty
 }
 
-// Taken away from last to first (alternately unset and empty): each time the
-// one just taken is the first missing and is named.
-TEST(BuildEnvironmentTest, ValidationNamesTheFirstMissingOrEmptyVariable) {
-  TempDir dir;
-  dir.write("R.app.dSYM/Contents/Info.plist", "");
-  Environment environment{{"BUILT_PRODUCTS_DIR", dir.str()}, {"DWARF_DSYM_FILE_NAME", "R.app.dSYM"},
-                          {"DWARF_DSYM_FOLDER_PATH", dir.str()}, {"PROJECT_DIR", "/src/R"}};
-  std::optional<std::string> message;
-  EXPECT_EQ(consoleOutput(console::kLogLevelDebug, [&] { message = validateBuildEnvironment(environment, false); }), "");
-  EXPECT_EQ(message, std::nullopt);
-  const char* order[] = {"BUILT_PRODUCTS_DIR", "DWARF_DSYM_FILE_NAME", "DWARF_DSYM_FOLDER_PATH", "PROJECT_DIR"};
-  for (int i = 3; i >= 0; --i) {
-    if (i % 2) environment.erase(order[i]); else environment[order[i]] = "";
-    EXPECT_EQ(validateBuildEnvironment(environment, false),
-              std::string("Failed to Detect Build Environment ") + order[i] + " value not found in environment");
-  }
-}
-
 TEST(BuildEnvironmentTest, WaitUntilChecksFirstThenOncePerSecondThenGivesUp) {
   const struct {
     std::int64_t timeout;
