@@ -86,10 +86,8 @@ int createPrivateParents(const fs::path& folder, const fs::path& temporaryDirect
     partial /= part;
     if (part.empty()) continue;  // the empty part after a doubled slash
     const bool below = index++ >= trusted;
-    cleanup.add(partial.string());
-    const bool made = ::mkdir(partial.c_str(), 0700) == 0;
+    const bool made = cleanup.createRegistered(partial.string(), [&] { return ::mkdir(partial.c_str(), 0700) == 0; });
     int reason = made ? 0 : errno;
-    if (!made) cleanup.remove(partial.string());
     if (reason == EEXIST) {
       reason = 0;
       struct stat info {};
@@ -301,12 +299,8 @@ int PathExpansion::processArchive(const std::string& path) {
     fs::remove_all(folder, error);
     if (error) SYLLogWarning("Failed to remove {}", printable(folder));
   }
-  cleanup.add(folder);
-  if (::mkdir(folder.c_str(), 0700) != 0) {
-    const int reason = errno;
-    cleanup.remove(folder);
-    return failedToCreate(folder, reason);
-  }
+  if (!cleanup.createRegistered(folder, [&] { return ::mkdir(folder.c_str(), 0700) == 0; }))
+    return failedToCreate(folder, errno);
 
   std::string unzip = buildenv::SUPTask::stdoutWithLaunchPath("/usr/bin/which", {"unzip"}).value_or("");
   const auto notSpace = [](unsigned char c) { return !std::isspace(c); };

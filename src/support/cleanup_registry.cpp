@@ -24,6 +24,15 @@ void CleanupRegistry::add(const std::string& path) {
   paths_.insert(path);
 }
 
+bool CleanupRegistry::createRegistered(const std::string& path, const std::function<bool()>& create) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  const bool made = create();
+  const int savedErrno = errno;
+  if (made) paths_.insert(path);
+  errno = savedErrno;
+  return made;
+}
+
 void CleanupRegistry::remove(const std::string& path) {
   std::lock_guard<std::mutex> guard(mutex_);
   paths_.erase(path);

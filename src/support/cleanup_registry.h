@@ -8,6 +8,7 @@
 // run, every later call blocks until the process ends: nothing new appears
 // behind the clean-up's back.
 
+#include <functional>
 #include <mutex>
 #include <set>
 #include <string>
@@ -22,6 +23,11 @@ class CleanupRegistry {
 
   // Registers a path (file or folder, removed with its contents).
   void add(const std::string& path);
+  // Runs create, which makes the file or folder at path and says whether it
+  // did, while no clean-up can run, and registers path if it did: an
+  // interruption never falls between the making and the registering. errno
+  // is kept. Once sealed, it never returns (the process is ending).
+  bool createRegistered(const std::string& path, const std::function<bool()>& create);
   // Forgets a path: it was deleted, or it is the run's product to keep.
   void remove(const std::string& path);
   // Renames from to to while no clean-up can run in between, and moves the

@@ -29,13 +29,13 @@ bool writeAll(int fd, std::string_view bytes) {
 }
 
 int createPrivateFile(const std::string& path, CleanupRegistry* cleanup) {
-  if (cleanup) cleanup->add(path);
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-  if (fd < 0 && cleanup) {
-    const int reason = errno;
-    cleanup->remove(path);
-    errno = reason;
-  }
+  int fd = -1;
+  const auto create = [&] {
+    fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    return fd >= 0;
+  };
+  if (cleanup) cleanup->createRegistered(path, create);
+  else create();
   return fd;
 }
 

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <cerrno>
 
 #include "support/cleanup_registry.h"
@@ -12,7 +14,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-TEST(CleanupRegistryTest, RenameMovesTheRegistrationOnlyWhenItSucceeds) {
+// A path made or renamed under the registry's lock is registered only when
+// that succeeded, and errno tells why it did not.
+TEST(CleanupRegistryTest, CreatingAndRenamingRegisterOnlyWhatSucceeded) {
   TempDir dir;
   support::CleanupRegistry registry;
   const std::string from = dir.write("a.partial", "x").string(), to = (dir.path() / "a.csym").string();
@@ -29,6 +33,17 @@ TEST(CleanupRegistryTest, RenameMovesTheRegistrationOnlyWhenItSucceeds) {
   EXPECT_EQ(errno, ENOENT);
   EXPECT_TRUE(registry.contains(missing));
   EXPECT_FALSE(registry.contains(target));  // whatever is there is not ours
+
+  const std::string folder = (dir.path() / "made").string();
+  for (bool expected : {true, false}) {  // the second mkdir finds the folder there
+    errno = 0;
+    EXPECT_EQ(registry.createRegistered(folder, [&] { return ::mkdir(folder.c_str(), 0700) == 0; }), expected);
+    EXPECT_EQ(errno, expected ? 0 : EEXIST);
+  }
+  EXPECT_TRUE(registry.contains(folder));
+  registry.remove(folder);
+  EXPECT_FALSE(registry.createRegistered(folder, [] { return false; }));
+  EXPECT_FALSE(registry.contains(folder));
 }
 
 TEST(CleanupRegistryTest, RemoveAllTakesFilesFoldersAndLinksButNotLinkTargets) {
