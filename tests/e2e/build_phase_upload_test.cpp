@@ -11,12 +11,14 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <future>
 #include <set>
 
 #include "e2e/output_lines.h"
 #include "e2e/manual_run.h"
 #include "macho/macho_binary.h"
 #include "macho/macho_slice.h"
+#include "operations/pipeline_test_support.h"
 #include "records/upload_record_archive.h"
 
 namespace symlift::testing::e2e {
@@ -85,10 +87,10 @@ class BuildPhaseUploadTest : public ::testing::Test {
   // symlift started from a process named Xcode (a shell that waits for it).
   // Killing the shell on time-out would leave symlift running, so its own
   // time limit comes from timeout(1), which ends it first.
-  RunResult runInXcode(const std::vector<std::string>& arguments) const {
+  RunResult runInXcode(const std::vector<std::string>& arguments, const RunOptions& given = {}) const {
     std::vector<std::string> argv{xcode().string(), "-c", "timeout 50 \"$0\" \"$@\"; exit $?", symliftBinary()};
     argv.insert(argv.end(), arguments.begin(), arguments.end());
-    return runProgram(argv, options());
+    return runProgram(argv, given.environment ? given : options());
   }
   RunResult runOnCI(const std::vector<std::string>& arguments) const { return runSymlift(arguments, options()); }
   RunOptions options() const {
@@ -182,6 +184,35 @@ TEST_F(BuildPhaseUploadTest, InXcodeAnExecutableIsUploadedOnceUntilItIsRebuiltOn
   ASSERT_EQ(uploaded.size(), 8u);
   EXPECT_EQ(std::set<std::string>(uploaded.begin() + 6, uploaded.end()), rebuiltUUIDs);
   EXPECT_EQ(storedUUIDSets(), (std::set<std::set<std::string>>{builtUUIDs, rebuiltUUIDs}));
+}
+
+// Eight build phases at once share one store: four upload the executable to
+// a service that takes it, four upload a rebuilt one (new UUIDs) to a
+// service that refuses every attempt. The store holds the first executable
+// only, and every cSYM the service received is complete.
+TEST_F(BuildPhaseUploadTest, ConcurrentBuildsRecordOnlyCompleteUploads) {
+  FakeServiceProcess refusing({"--fail-first", "100000"});
+  ASSERT_TRUE(refusing.started());
+  const fs::path rebuilt = dir_.path() / "Rebuilt";
+  fs::copy(products(), rebuilt, fs::copy_options::recursive);
+  giveNewUUIDs(rebuilt / "FatApp.app/FatApp", uuidsOf(executable()));
+  giveNewUUIDs(rebuilt / "FatApp.app.dSYM/Contents/Resources/DWARF/FatApp", uuidsOf(executable()));
+  std::vector<std::future<RunResult>> runs;
+  for (int run = 0; run < 8; ++run) {
+    RunOptions given = options();
+    (*given.environment)["SYMLIFT_TEST_MAX_RETRY_DELAY_MS"] = "1";
+    if (run % 2) {
+      for (const char* name : {"BUILT_PRODUCTS_DIR", "DWARF_DSYM_FOLDER_PATH"})
+        (*given.environment)[name] = rebuilt.string();
+      (*given.environment)["VantrelUploadEndpoint"] = refusing.baseURL();
+    }
+    runs.push_back(std::async(std::launch::async, [this, given] { return runInXcode({"-bp"}, given); }));
+  }
+  for (int run = 0; run < 8; ++run) EXPECT_EQ(runs[run].get().status, run % 2 ? 8 : 0) << "run " << run;
+  EXPECT_EQ(storedUUIDSets(), std::set<std::set<std::string>>{uuidsOf(executable())});
+  const auto bodies = storedUploads(service_);
+  EXPECT_EQ(bodies.size(), 2u);
+  for (const auto& [name, gzip] : bodies) EXPECT_EQ(csymProblem(gunzip(gzip).value_or("")), "") << name;
 }
 
 // The validator looks into folders of dSYMs, so the dSYMs it is to judge are

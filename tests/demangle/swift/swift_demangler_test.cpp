@@ -1,5 +1,6 @@
 // The Swift demangler: Swift's published vectors through the full form
-// (minimum match rates per mangling generation, mismatches listed), real
+// (minimum match rates per mangling generation, mismatches listed by the
+// construct that ends the name), real
 // names from the shared corpus and common app frames through the simplified
 // form (as crash reports show Swift frames), every Swift name of the corpus's
 // Mach-O files, and names that must yield nothing and never crash.
@@ -8,6 +9,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -49,15 +51,22 @@ TEST(SwiftDemangler, FullFormMatchesSwiftsOwnVectors) {
   const std::vector<Row> vectors = readTable(SYMLIFT_SWIFT_VECTORS);
   ASSERT_GT(vectors.size(), 400u) << "vector file missing or unreadable: " << SYMLIFT_SWIFT_VECTORS;
   unsigned total[2] = {0, 0}, matched[2] = {0, 0};
+  std::map<std::string, std::vector<std::string>> mismatches;  // by the construct that ends the name
   for (const Row& v : vectors) {
     const int generation = isOldGeneration(v.mangled) ? 1 : 0;
     ++total[generation];
     const std::optional<std::string> text = demangle(v.mangled, Form::Full);
-    if (text ? *text == v.expected : v.expected == v.mangled)
+    if (text ? *text == v.expected : v.expected == v.mangled) {
       ++matched[generation];
-    else
-      std::printf("mismatch: %s\n  expected %s\n  got      %s\n", v.mangled.c_str(), v.expected.c_str(),
-                  text.value_or("(nothing)").c_str());
+      continue;
+    }
+    const std::string body = v.mangled.substr(0, v.mangled.find('.'));
+    mismatches[body.substr(body.size() > 3 ? body.size() - 3 : 0)].push_back(
+        v.mangled + "\n    expected " + v.expected + "\n    got      " + text.value_or("(nothing)"));
+  }
+  for (const auto& [kind, list] : mismatches) {
+    std::printf("mismatches ending in %s: %zu\n", kind.c_str(), list.size());
+    for (const std::string& line : list) std::printf("  %s\n", line.c_str());
   }
   std::printf("modern: %u of %u (%.1f %%), old: %u of %u (%.1f %%)\n", matched[0], total[0],
               100.0 * matched[0] / total[0], matched[1], total[1], 100.0 * matched[1] / total[1]);
