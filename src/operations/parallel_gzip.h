@@ -1,6 +1,8 @@
 #pragma once
-// Gzips bytes as one gzip member with libdeflate at level 6 (smaller than
-// zlib's level 6 and several times faster). A large input is cut into chunks
+// Gzips bytes as one gzip member with libdeflate at level 5. On cSYM text
+// that is smaller than libdeflate's level 6 (17.19 against 17.23 MB for
+// 91 MB of text) and than zlib's level 6 (18.12 MB), for about two thirds of
+// level 6's CPU; level 4 is larger than zlib's level 6. A large input is cut into chunks
 // deflated side by side on the run's pool; each chunk but the last is then
 // cut at the end of its last block, that block made non-final, and closed
 // with an empty stored block (as a sync flush would), so the chunks follow
@@ -24,7 +26,7 @@ struct GzipOptions {
   std::size_t chunkSize = std::size_t{4} << 20;
   // 0: one chunk at a time per core.
   unsigned maxThreads = 0;
-  int level = 6;
+  int level = 5;
 };
 
 // The gzip member of `data` (header, raw deflate stream, CRC-32, ISIZE),

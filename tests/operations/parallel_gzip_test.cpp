@@ -78,7 +78,7 @@ TEST(ParallelGzipTest, SeveralMebibytesDecodeInZlibGzipAndPython) {
 
 // No larger than zlib's level 6 would make it, cut into chunks or not
 // (chunks start without the previous chunk's history, which costs less than
-// libdeflate's level 6 saves).
+// libdeflate's level 5 saves).
 TEST(ParallelGzipTest, NoLargerThanZlibLevelSixInChunksOrWhole) {
   const std::string text = csymLikeText(8 * 1024 * 1024);
   uLongf zlibSize = compressBound(static_cast<uLong>(text.size()));
