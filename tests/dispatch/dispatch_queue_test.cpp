@@ -185,6 +185,9 @@ std::size_t threadsInProcess() {
 }
 
 TEST(ThreadPoolTest, DestructionRunsWhatWasHandedInDropsWhatIsNotDueAndJoins) {
+  // A sanitizer's runtime starts a thread of its own with the first thread
+  // created; one made and joined first puts it in the count before the pool.
+  std::thread([] {}).join();
   const std::size_t before = threadsInProcess();
   std::atomic<int> ran{0};
   auto late = std::make_shared<std::atomic<bool>>(false);
