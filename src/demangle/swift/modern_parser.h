@@ -3,6 +3,8 @@
 // postfix: each operator takes its operands from a stack of what was read
 // before it, so the reader is a loop over operators and a stack.
 
+#include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -52,6 +54,12 @@ class ModernParser {
   NodeId popDeclName();
   NodeId popProtocol();
   NodeId popIfKind(NodeKind kind);
+  // Pops the elements of a list, each with popElement, down to its start:
+  // an empty-list marker (no elements) or the marker before the first
+  // element. False when an element cannot be popped or there are more than
+  // limit of them.
+  bool popListElements(std::vector<NodeId>& elements, const std::function<NodeId()>& popElement,
+                       std::size_t limit = SIZE_MAX);
   NodeId popModule();
   void addSubstitution(NodeId id);
 

@@ -8,30 +8,36 @@
 
 namespace symlift::demangle::swift {
 
-bool ModernParser::parseTuple() {
-  std::vector<NodeId> elements;
+bool ModernParser::popListElements(std::vector<NodeId>& elements, const std::function<NodeId()>& popElement,
+                                   std::size_t limit) {
   for (;;) {
     if (topIs(NodeKind::EmptyList)) {
       if (!elements.empty()) return false;
       pop();
-      break;
+      return true;
     }
-    bool first = false;
-    if (topIs(NodeKind::FirstElementMarker)) {
-      pop();
-      first = true;
-    }
-    NodeId variadic = popIfKind(NodeKind::VariadicMarker);
-    NodeId label = popIfKind(NodeKind::Identifier);
-    NodeId type = popType();
-    if (type == kNoNode) return false;
-    NodeId element = label == kNoNode ? arena_.make(NodeKind::TupleElement, {type})
-                                      : arena_.make(NodeKind::TupleElement, {type, label});
-    arena_.setIndex(element, variadic != kNoNode ? 1 : 0);
+    const bool first = popIfKind(NodeKind::FirstElementMarker) != kNoNode;
+    const NodeId element = popElement();
+    if (element == kNoNode) return false;
     elements.insert(elements.begin(), element);
-    if (first) break;
-    if (elements.size() > 4096) return false;
+    if (first) return true;
+    if (elements.size() > limit) return false;
   }
+}
+
+bool ModernParser::parseTuple() {
+  std::vector<NodeId> elements;
+  const auto popElement = [this] {
+    const NodeId variadic = popIfKind(NodeKind::VariadicMarker);
+    const NodeId label = popIfKind(NodeKind::Identifier);
+    const NodeId type = popType();
+    if (type == kNoNode) return kNoNode;
+    const NodeId element = label == kNoNode ? arena_.make(NodeKind::TupleElement, {type})
+                                            : arena_.make(NodeKind::TupleElement, {type, label});
+    arena_.setIndex(element, variadic != kNoNode ? 1 : 0);
+    return element;
+  };
+  if (!popListElements(elements, popElement, 4096)) return false;
   push(arena_.make(NodeKind::Tuple, elements));
   return true;
 }
@@ -40,22 +46,7 @@ bool ModernParser::parseProtocolList(NodeKind kind) {
   NodeId superclass = kNoNode;
   if (kind == NodeKind::ProtocolListWithClass && (superclass = popType()) == kNoNode) return false;
   std::vector<NodeId> protocols;
-  for (;;) {
-    if (topIs(NodeKind::EmptyList)) {
-      if (!protocols.empty()) return false;
-      pop();
-      break;
-    }
-    bool first = false;
-    if (topIs(NodeKind::FirstElementMarker)) {
-      pop();
-      first = true;
-    }
-    NodeId protocol = popProtocol();
-    if (protocol == kNoNode) return false;
-    protocols.insert(protocols.begin(), protocol);
-    if (first) break;
-  }
+  if (!popListElements(protocols, [this] { return popProtocol(); })) return false;
   NodeId list = arena_.make(NodeKind::ProtocolList, protocols);
   if (kind == NodeKind::ProtocolListWithClass) list = arena_.make(kind, {list, superclass});
   if (kind == NodeKind::ProtocolListWithAnyObject) list = arena_.make(kind, {list});
