@@ -21,17 +21,6 @@ using symlift::testing::consoleOutput;
 using symlift::testing::TempDir;
 using Paths = std::vector<std::string>;
 
-TEST(BuildEnvironmentTest, PlatformNameIgnoringCase) {
-  const std::pair<const char*, const char*> rows[] = {
-      {"macosx", "mac"},       {"iPhoneOS", "ios"},    {"iphonesimulator", "ios"}, {"AppleTVOS", "tvos"},
-      {"appletvsimulator", "tvos"}, {"watchOS", "watchos"}, {"watchsimulator", "watchos"}, {"xros", "xros"},
-      {"XRSimulator", "xros"}, {"driverkit", "unspecified"}, {"iphoneos ", "unspecified"}, {"", "unspecified"},
-  };
-  for (const auto& [variable, platform] : rows)
-    EXPECT_EQ(platformNameFromEnvironment({{"PLATFORM_NAME", variable}}), platform) << variable;
-  EXPECT_EQ(platformNameFromEnvironment({}), "unspecified");
-}
-
 // The framework's dSYM only for Lumo builds whose configuration does not
 // contain "Debug"; the obfuscation warning for exactly "true", Lumo or not;
 // the split debug information line only in Lumo mode, set even empty.
@@ -66,25 +55,6 @@ TEST(BuildEnvironmentTest, DSYMPathsAndTheirNotices) {
     EXPECT_EQ(given, paths) << ::testing::PrintToString(variables) << (lumo ? ", Lumo" : "");
   }
   EXPECT_EQ(dSYMPathsFromEnvironment({}, false).size(), 1u);  // never empty
-}
-
-TEST(BuildEnvironmentTest, WaitUntilChecksFirstThenOncePerSecondThenGivesUp) {
-  const struct {
-    std::int64_t timeout;
-    int trueAtCheck;  // 0: never
-    int checks, sleeps;
-    bool held;
-  } rows[] = {
-      {30, 1, 1, 0, true}, {0, 0, 1, 0, false}, {-5, 0, 1, 0, false}, {30, 0, 31, 30, false},
-      {3, 4, 4, 3, true},  // holds on the very last round
-      {3, 5, 4, 3, false},
-  };
-  for (const auto& row : rows) {
-    int checks = 0, sleeps = 0;
-    bool held = waitUntil(row.timeout, [&] { return ++checks == row.trueAtCheck; }, WaitHooks{[&] { ++sleeps; }});
-    EXPECT_EQ(std::tie(held, checks, sleeps), std::tie(row.held, row.checks, row.sleeps))
-        << "timeout " << row.timeout << ", true at " << row.trueAtCheck;
-  }
 }
 
 // A non-empty DWARF folder, then (when the build makes one) a non-empty debug
@@ -166,8 +136,6 @@ TEST(BuildEnvironmentTest, CIUnlessAnXcodeOrTheDesktopAppIsFound) {
   EXPECT_TRUE(isRunningInCI());  // no app and no Xcode ancestor
 }
 
-using Names = std::vector<std::string>;
-
 // The name runs to the last closing parenthesis.
 TEST(BuildEnvironmentTest, ParsesTheStatLine) {
   const std::pair<const char*, std::optional<std::pair<std::string, long>>> rows[] = {
@@ -181,36 +149,6 @@ TEST(BuildEnvironmentTest, ParsesTheStatLine) {
     EXPECT_EQ(status ? std::optional(std::pair{status->commandName, status->parentID}) : std::nullopt, expected)
         << text;
   }
-}
-
-// pid → status; reads of a pid in `failing` fail that many times first.
-struct FakeTable {
-  std::map<long, ProcessStatus> processes;
-  std::map<long, int> failing = {};
-  std::vector<long> reads = {};
-  std::optional<ProcessStatus> operator()(long pid) {
-    reads.push_back(pid);
-    if (failing[pid] > 0 && failing[pid]--) return std::nullopt;
-    auto found = processes.find(pid);
-    return found == processes.end() ? std::nullopt : std::optional(found->second);
-  }
-};
-
-// Up to the first process (pid 1, or the outermost one of a PID namespace,
-// whose parent 0 has no entry); five failed reads of one process end it.
-TEST(BuildEnvironmentTest, WalksUpToTheFirstProcess) {
-  FakeTable table{{{300, {"symlift", 200}}, {200, {"Xcode", 1}}, {1, {"launchd", 0}}, {0, {"kernel", 0}}}};
-  EXPECT_EQ(ancestorProcessNames(300, std::ref(table)), (Names{"symlift", "Xcode", "launchd"}));
-  EXPECT_EQ(table.reads, (std::vector<long>{300, 200, 1}));
-  FakeTable container{{{30, {"symlift", 7}}, {7, {"sh", 0}}}};
-  EXPECT_EQ(ancestorProcessNames(30, std::ref(container)), (Names{"symlift", "sh"}));
-
-  table.failing[200] = 4;
-  EXPECT_EQ(ancestorProcessNames(300, std::ref(table)), (Names{"symlift", "Xcode", "launchd"}));
-  table.reads.clear();
-  table.failing[200] = 5;
-  EXPECT_EQ(ancestorProcessNames(300, std::ref(table)), (Names{"symlift"}));
-  EXPECT_EQ(table.reads, (std::vector<long>{300, 200, 200, 200, 200, 200}));
 }
 
 }  // namespace

@@ -73,19 +73,6 @@ TEST(TaskTest, TimeLimit) {
   EXPECT_LT(r.seconds, 7.0);
 }
 
-TEST(TaskTest, ProgramThatCannotStartSkipsTheCompletion) {
-  bool called = false;
-  auto completion = [&](const std::string&, const std::string&, std::int32_t) { called = true; };
-  TempDir dir;
-  auto notExecutable = dir.write("script.sh", "#!/bin/sh\necho hi\n");
-  EXPECT_FALSE(SUPTask::launchWithPath("/nonexistent/program", std::nullopt, std::nullopt, completion));
-  EXPECT_FALSE(SUPTask::launchWithPath(notExecutable.string(), std::nullopt, std::nullopt, completion));
-  EXPECT_FALSE(SUPTask::launchWithPath("/bin/sh", std::string("/nonexistent"), SUPTask::Arguments{"-c", "true"},
-                                       completion));
-  EXPECT_FALSE(called);
-  EXPECT_EQ(SUPTask::stdoutWithLaunchPath("/nonexistent/program", {}), std::nullopt);
-}
-
 // argv[0] is the program path and the arguments arrive unsplit; the text
 // output is given only when it is UTF-8.
 TEST(TaskTest, ArgumentsAndUTF8Output) {

@@ -31,12 +31,5 @@ TEST(UniqueStringsTest, VersionFourUUIDTextsThatNeverRepeat) {
   EXPECT_TRUE(std::regex_match(SUPStrings::uniqueGZipFileName(), std::regex("[0-9A-F-]{36}/gz")));
 }
 
-TEST(UniqueStringsTest, AppendingPathComponentWithoutDoubledSlashes) {
-  const std::tuple<const char*, const char*, const char*> rows[] = {
-      {"/a/b", "c.dSYM", "/a/b/c.dSYM"}, {"/a/b/", "/c.dSYM/", "/a/b/c.dSYM"}, {"/", "tmp", "/tmp"},
-      {"", "c.dSYM", "c.dSYM"},         {"/a", "", "/a"},                      {"rel", "x/y", "rel/x/y"}};
-  for (const auto& [base, component, joined] : rows) EXPECT_EQ(appendingPathComponent(base, component), joined);
-}
-
 }  // namespace
 }  // namespace symlift::support

@@ -17,28 +17,6 @@ namespace {
 
 using symlift::testing::consoleOutput;
 
-TEST(ConsoleLogTest, EachHelperAtEachLevelWithAndWithoutColour) {
-  const struct {
-    std::uint64_t level;
-    bool colours;
-    std::function<void()> log;
-    std::string expected;
-  } rows[] = {
-      {kLogLevelInfo, true, [] { SYLLogWarning("disk {} low", 3); }, "\x1b[33mwarning: disk 3 low\x1b[0m\n"},
-      {kLogLevelInfo, false, [] { SYLLogWarning("disk {} low", 3); }, "warning: disk 3 low\n"},
-      {kLogLevelInfo, true, [] { SYLLogError("bad"); }, "\x1b[31merror: bad\x1b[0m\n"},
-      {kLogLevelInfo, false, [] { SYLLogError("bad"); }, "error: bad\n"},
-      {kLogLevelInfo, true, [] { SYLLogSuccess("ok"); }, "\x1b[32mok\x1b[0m\n"},
-      {kLogLevelInfo, true, [] { SYLLogHighlight("hi"); }, "\x1b[1m\x1b[36mhi\x1b[0m\n"},
-      {kLogLevelInfo, true, [] { SYLLogBold("b"); }, "\x1b[1mb\x1b[0m\n"},
-      // Info is never coloured; a line's own newline is kept and one more added.
-      {kLogLevelInfo, true, [] { SYLLogInfo("two\nlines\n"); }, "two\nlines\n\n"},
-      {kLogLevelInfo, true, [] { SYLLogDebug("hidden"); }, ""},
-      {kLogLevelDebug, true, [] { SYLLogDebug("shown {}", "now"); }, "shown now\n"},
-  };
-  for (const auto& row : rows) EXPECT_EQ(consoleOutput(row.level, row.log, row.colours), row.expected);
-}
-
 TEST(ConsoleLogTest, ControlCharactersInOutsideTextAreEscaped) {
   const std::pair<std::string, std::string> cases[] = {
       {"/tmp/App.dSYM", "/tmp/App.dSYM"},

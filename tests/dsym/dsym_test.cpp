@@ -1,4 +1,5 @@
-// The dSYM bundle model: SUPdSYM and SUPDSYMFile, made alone and over a run's cache.
+// The dSYM bundle model: SUPdSYM and SUPDSYMFile, made alone and over a run's cache;
+// and the validator's one error for a bundle it cannot read.
 
 #include <gtest/gtest.h>
 
@@ -8,6 +9,7 @@
 #include "dispatch/thread_pool.h"
 #include "dsym/code_mapping.h"
 #include "dsym/dsym.h"
+#include "dsym/dsym_validator.h"
 #include "support/captured_output.h"
 #include "support/diagnostics.h"
 #include "support/test_support.h"
@@ -93,6 +95,17 @@ TEST_F(DSYMModel, FatDSYMAndBundlesThatAreNone) {
     EXPECT_EQ(SUPdSYM::dSYMWithDWARFURL(kFatDWARF, bundle), nullptr);
     EXPECT_EQ(SUPDSYMFile::initWithDWARFURL(kFatDWARF, bundle, cache_), nullptr);
   }
+}
+
+// A bundle without a DWARF file ends the validation with one error line.
+TEST(DSYMValidator, DamagedBundleEndsValidationWithOneError) {
+  TempDir dir;
+  makeBundle(dir, "", "thin-arm64");
+  fs::create_directories(dir.path() / "Damaged.dSYM/Contents/Resources/DWARF");
+  const std::string out = symlift::testing::consoleOutput(console::SYLLogging::sharedInstance().logLevel(),
+                                                          [&] { DSYMValidator::validateDSYMs({dir.str(), dir.str()}); });
+  EXPECT_EQ(out, "error: Failed to validate dSYMs due to exception: No DWARF file in " + dir.str() +
+                     "/Damaged.dSYM/Contents/Resources/DWARF\n");
 }
 
 }  // namespace

@@ -39,25 +39,5 @@ TEST(EndpointsTest, TheEnvironmentAsItStandsElseTheDefault) {
   EXPECT_EQ(SUPNetworkConstants::symbolUploadUserAgent(), "symlift/" + *version);
 }
 
-// SSL_CERT_FILE, else CURL_CA_BUNDLE, names the CA bundle; SSL_CERT_DIR a
-// folder. An empty value counts as none.
-TEST(EndpointsTest, SessionTrustAnchorsComeFromTheEnvironment) {
-  using Text = std::optional<std::string>;
-  struct Case {
-    Text file, bundle, dir, caInfo, caPath;
-  };
-  const Case cases[] = {
-      {"/tmp/first.pem", "/tmp/second.pem", "/tmp/certs", "/tmp/first.pem", "/tmp/certs"},
-      {std::nullopt, "/tmp/second.pem", std::nullopt, "/tmp/second.pem", std::nullopt},
-      {"", "", "", std::nullopt, std::nullopt},
-  };
-  for (const Case& c : cases) {
-    ScopedEnvironment file("SSL_CERT_FILE", c.file), bundle("CURL_CA_BUNDLE", c.bundle), dir("SSL_CERT_DIR", c.dir);
-    auto configuration = URLSessionConfiguration::defaultSessionConfiguration();
-    EXPECT_EQ(configuration.caInfoPath, c.caInfo);
-    EXPECT_EQ(configuration.caPath, c.caPath);
-  }
-}
-
 }  // namespace
 }  // namespace symlift::network

@@ -82,28 +82,6 @@ TEST(UploadRecorderLocationTest, XDGCacheHomeWhenAbsoluteElseTheHomeCachesFolder
   }
 }
 
-// The same executable is the same set of slice UUIDs, whatever the fat
-// order; one slice alone is another. Unreadable executables share one empty
-// identity.
-TEST_F(UploadRecorderTest, AnExecutableIsItsSetOfSliceUUIDs) {
-  EXPECT_FALSE(recorder_->uploadedBinaries());
-  ASSERT_TRUE(recorder_->recordSuccessfulUploadBinary(fixture("FatApp")));
-  ASSERT_TRUE(recorder_->recordSuccessfulUploadBinary(fixture("edge/fat-arm64-x86_64")));
-  auto next = SUPDSYMUploadRecorder::init();  // the next build reads the store again
-  EXPECT_EQ(next->uploadedBinaries()->count(SUPUploadRecord(
-                {"4c4c445a55553144a109bc8fefe46bdc", "4c4c449155553144a1021bea2e928b85"}, Date())),
-            1u);
-  const std::pair<std::shared_ptr<SUPMachOBinary>, bool> rows[] = {
-      {fixture("FatApp"), true},           {fixture("edge/fat-x86_64-arm64"), true},
-      {fixture("edge/thin-arm64"), false}, {fixture("edge/no-uuid"), false},
-      {nullptr, false},
-  };
-  for (const auto& [binary, recorded] : rows) EXPECT_EQ(next->isAlreadyUploadedBinary(binary), recorded);
-  ASSERT_TRUE(next->recordSuccessfulUploadBinary(nullptr));
-  EXPECT_TRUE(next->isAlreadyUploadedBinary(fixture("edge/no-uuid")));
-  EXPECT_TRUE(next->isAlreadyUploadedBinary(fixture("no-such-executable")));
-}
-
 TEST_F(UploadRecorderTest, RecordingAgainKeepsTheFirstDate) {
   const Date first = std::chrono::system_clock::now() - 48h;
   ASSERT_TRUE(recorder_->recordSuccessfulUpload(record(1, first)));
@@ -147,35 +125,6 @@ TEST_F(UploadRecorderTest, DamagedStoreCountsAsNoneAndIsReplaced) {
     ASSERT_TRUE(recorder_->recordSuccessfulUploadBinary(fixture("FatApp")));
     EXPECT_EQ(recorder_->uploadedBinaries()->size(), 1u);
   }
-}
-
-// Two processes record 50 different executables each at the same time; the
-// lock around read-modify-write means neither loses the other's records.
-TEST_F(UploadRecorderTest, ParallelProcessesLoseNoRecords) {
-  int ready[2];
-  ASSERT_EQ(::pipe(ready), 0);
-  pid_t children[2];
-  for (int c = 0; c < 2; ++c) {
-    children[c] = ::fork();
-    ASSERT_GE(children[c], 0);
-    if (children[c] == 0) {
-      char go;  // start together, so that the writes really interleave
-      ::close(ready[1]);
-      bool ok = ::read(ready[0], &go, 1) == 0;
-      auto recorder = SUPDSYMUploadRecorder::init();
-      for (int i = 0; i < 50; ++i)
-        ok = recorder->recordSuccessfulUpload(record(c * 1000 + i, std::chrono::system_clock::now())) && ok;
-      ::_exit(ok ? 0 : 1);
-    }
-  }
-  ::close(ready[0]);
-  ::close(ready[1]);
-  for (pid_t child : children) {
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  }
-  EXPECT_EQ(recorder_->uploadedBinaries()->size(), 100u);
 }
 
 // A link planted at the lock file's name is never followed, dangling or not;
