@@ -1,4 +1,4 @@
-// Serial dispatch queues, delayed work, and the thread pool under them: its
+// Serial dispatch queues, and the thread pool under them: its
 // parallel loop and what its destruction runs, drops and joins.
 
 #include "dispatch/dispatch_queue.h"
@@ -23,10 +23,6 @@ namespace symlift::dispatch {
 namespace {
 
 using namespace std::chrono_literals;
-
-std::chrono::milliseconds scaled(long milliseconds) {
-  return std::chrono::milliseconds(static_cast<long>(milliseconds * symlift::testing::timeScale()));
-}
 
 // Asynchronous items run in order; synchronous ones from many threads run on
 // their caller; nothing ever overlaps.
@@ -100,36 +96,6 @@ TEST(SerialDispatchQueueTest, SyncCallerIsHandedTheQueueWithoutThePool) {
   letGo();
   first.join();
   second.join();
-}
-
-// Delayed items on a serial queue and on the background queue fire in due
-// order, not in the order given, each after at least its delay; nor are
-// they held back by a longer delay the timer was asleep towards.
-TEST(DispatchQueueTest, DelayedItemsFireInDueOrderAfterTheirDelay) {
-  ThreadPool pool;
-  auto late = std::make_shared<std::atomic<bool>>(false);
-  pool.concurrentQueue().asyncAfter(30s, [late] { late->store(true); });
-  std::this_thread::sleep_for(20ms);  // the timer is now asleep until then
-  auto queue = SerialDispatchQueue::create(pool, "test.after");
-  const auto step = scaled(20);  // wider under the sanitizers
-  std::vector<int> order;
-  std::promise<void> done;
-  const auto began = std::chrono::steady_clock::now();
-  auto record = [&](int item) {
-    EXPECT_GE(std::chrono::steady_clock::now() - began, item * step) << item;
-    order.push_back(item);
-    if (order.size() == 3) done.set_value();
-  };
-  queue->asyncAfter(3 * step, [&] { record(3); });
-  queue->asyncAfter(step, [&] { record(1); });
-  queue->asyncAfter(2 * step, [&] { record(2); });
-  std::promise<std::chrono::steady_clock::time_point> background;
-  pool.concurrentQueue().asyncAfter(step, [&] { background.set_value(std::chrono::steady_clock::now()); });
-  done.get_future().wait();
-  EXPECT_LT(std::chrono::steady_clock::now() - began, 2s);
-  EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
-  EXPECT_GE(background.get_future().get() - began, step);
-  EXPECT_FALSE(late->load());
 }
 
 TEST(ThreadPoolTest, ParallelLoopCallsEveryIndexOnceOnAtMostMaxParallelThreads) {

@@ -1,6 +1,6 @@
-// Operations and their queues: width, order, dependencies, completion
-// blocks and cancellation; asynchronous operations' one outcome; compound
-// operations counting their sub-operations' ends.
+// Operations and their queues: dependencies, completion blocks and
+// cancellation; asynchronous operations' one outcome; compound operations
+// counting their sub-operations' ends.
 
 #include <gtest/gtest.h>
 
@@ -46,40 +46,6 @@ struct DelayedAsyncOperation : SUPKITAsyncOperation {
 std::shared_ptr<DelayedAsyncOperation> after(ThreadPool& pool, std::chrono::milliseconds delay,
                                              support::ErrorPtr error = nullptr) {
   return std::make_shared<DelayedAsyncOperation>(pool, delay, std::move(error));
-}
-
-// Width one: an asynchronous operation keeps the slot until it finishes, then
-// operations run one at a time in the order added, and each one's completion
-// block runs after it has finished and before the next one starts.
-TEST(OperationQueueTest, WidthOneRunsInOrderOneAtATime) {
-  ThreadPool pool;
-  auto queue = OperationQueue::create(pool);
-  queue->setMaxConcurrentOperationCount(1);
-  std::mutex mutex;
-  std::vector<std::string> events;
-  auto record = [&](std::string event) {
-    std::lock_guard<std::mutex> guard(mutex);
-    events.push_back(std::move(event));
-  };
-  std::atomic<int> running{0}, maxRunning{0};
-  auto slow = after(pool, 40ms);
-  std::vector<std::shared_ptr<Operation>> ops{slow};
-  std::vector<std::string> expected;
-  for (int i = 0; i < 20; ++i) {
-    auto op = std::make_shared<BlockOperation>([&, i] {
-      maxRunning = std::max(maxRunning.load(), ++running);
-      std::this_thread::sleep_for(1ms);
-      record(i == 0 && !slow->isFinished() ? "0 before the slow one finished" : std::to_string(i));
-      --running;
-    });
-    op->setCompletionBlock([&, i, raw = op.get()] { record(raw->isFinished() ? "done" : "early " + std::to_string(i)); });
-    ops.push_back(op);
-    expected.insert(expected.end(), {std::to_string(i), "done"});
-  }
-  queue->addOperations(ops, false);
-  queue->waitUntilAllOperationsAreFinished();
-  EXPECT_EQ(events, expected);
-  EXPECT_EQ(maxRunning.load(), 1);
 }
 
 TEST(OperationQueueTest, CancelledOperationsSkipMainButStillComplete) {
@@ -139,25 +105,6 @@ std::shared_ptr<Outcome> watch(const std::shared_ptr<SUPCompoundOperation>& comp
     }
   });
   return outcome;
-}
-
-TEST(SUPCompoundOperationTest, CollectsEveryFailureInReportOrderAndFinishesOnce) {
-  ThreadPool pool;
-  auto compound = std::make_shared<SUPCompoundOperation>(pool);
-  auto first = support::makeError("sub", 1);
-  auto second = support::makeError("sub", 2);
-  // Far enough apart that the order of the reports holds under the sanitizers.
-  const auto later = std::chrono::milliseconds(static_cast<long>(20 * symlift::testing::timeScale()));
-  compound->setOperations({after(pool, later, second), after(pool, 1ms), after(pool, 5ms, first)});
-  auto outcome = watch(compound);
-  OperationQueue::create(pool)->addOperationAndWait(compound);
-  std::this_thread::sleep_for(20ms);  // any late second report would show up here
-  EXPECT_EQ(outcome->calls.load(), 1);
-  ASSERT_TRUE(outcome->error);
-  EXPECT_EQ(outcome->error->domain, kSUPCompoundOperationErrorDomain);
-  EXPECT_EQ(outcome->error->code, 4294967293LL);
-  EXPECT_EQ(outcome->error->errorLists.at(kSUPCompoundOperationUnderlyingErrorsKey),
-            (std::vector<support::ErrorPtr>{first, second}));
 }
 
 // An operation that only the test ends.

@@ -48,19 +48,6 @@ class InterruptionTest : public ::testing::Test {
   TempDir tmp_;
 };
 
-TEST_F(InterruptionTest, SIGINTDuringAConvertOnlyRunRemovesItsCSYMAndGzipFiles) {
-  // Enough copies that the run is still busy when the first files appear.
-  for (int i = 0; i < 150; ++i)
-    copyFixture("FatApp.dSYM", work_.path() / "dsyms" / ("App" + std::to_string(i) + ".dSYM"));
-  BackgroundRun run(byHand({"-c"}, {"dsyms"}), cleanEnvironment(tmp_.str()), work_.str());
-  ASSERT_TRUE(run.started());
-  ASSERT_TRUE(run.waitUntil([&] { return tmpHolds(".csym") && tmpHolds(".zip"); }, 60s))
-      << "the run ended before its files appeared:\n"
-      << run.out;
-  run.signal(SIGINT);
-  expectInterrupted(run, SIGINT);
-}
-
 // An archive given by a path of several folders, so that the unpack folder
 // needs parents of its own below TMPDIR: they go too.
 TEST_F(InterruptionTest, EverySignalWhileAnUploadWaitsRemovesTheUnpackedArchive) {

@@ -170,22 +170,6 @@ TEST(MachOBinary, IdentityIsTheHashOfTheUUIDsInArchitectureOrder) {
   for (const char* name : {"ARM64", "arm64e", ""}) EXPECT_EQ(binary->sliceForArchitecture(name), nullptr);
 }
 
-TEST(MachOFile, ArchitectureNameFallbacks) {
-  const struct {
-    std::int32_t cputype;
-    std::uint32_t cpusubtype;
-    const char* name;
-  } cases[] = {
-      {0x0100000C, 77, "arm64"},           // unlisted subtype: the CPU type's family name
-      {0x01000007, 0x80000003, "x86_64"},  // capability bits ignored by the table
-      {12, 0x0100000B, "armv7s"},          // not the exact armv7s row, but the table's
-      {0, 0, "unknown"},
-      {0x4242, 1, "unknown"},
-  };
-  for (const auto& c : cases)
-    EXPECT_STREQ(sliceArchitectureName(c.cputype, static_cast<std::int32_t>(c.cpusubtype)), c.name) << c.cputype;
-}
-
 TEST(MachOFile, DamageIsReportedOncePerPlace) {
   struct Sink final : support::DiagnosticsSink {
     Names lines;

@@ -111,15 +111,6 @@ TEST(NetworkResponseHandlerTest, ContentTypeMustMatchTheAcceptedOne) {
   }
 }
 
-TEST(NetworkResponseHandlerTest, RetryAfterForms) {
-  EXPECT_EQ(Handler::retryValueForResponse(std::nullopt), 2.0);
-  EXPECT_EQ(Handler::retryValueForResponse(responseWith(429)), 2.0);
-  for (const auto& [value, seconds] : std::vector<std::pair<std::string, double>>{
-           {"-5", 2.0}, {"0", 0.0}, {"120", 120.0}, {"  7", 7.0}, {"1.5 seconds", 1.5}, {"1e2", 100.0}, {"3e", 3.0},
-           {"Wed, 21 Oct 2015 07:28:00 GMT", 0.0}, {"0x10", 0.0}, {"", 0.0}})
-    EXPECT_EQ(Handler::retryValueForResponse(responseWith(429, {{"retry-after", value}})), seconds) << value;
-}
-
 // Which transport errors are retried (NetworkClientTest: that they decide).
 TEST(NetworkResponseHandlerTest, TransportErrorsRetriedByCodeAndDomain) {
   for (std::int64_t code : {-1000, -1002, -1007, -1010, -1012, -1013, -1022, -995, -1200, -1201, -1202, -1203, -1204,

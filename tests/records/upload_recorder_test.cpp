@@ -112,21 +112,6 @@ TEST_F(UploadRecorderTest, The201stRecordPushesOutTheOldest) {
   EXPECT_TRUE(recorder_->isAlreadyUploadedBinary(fixture("FatApp")));
 }
 
-TEST_F(UploadRecorderTest, DamagedStoreCountsAsNoneAndIsReplaced) {
-  std::string good = archivedDataWithUploadRecords({record(7, std::chrono::system_clock::now())});
-  // The same archive with its record class renamed to one nobody reads.
-  std::string wrongClass = good;
-  wrongClass.replace(wrongClass.find("SUPUploadRecord"), 15, "XYZUploadRecord");
-  for (const std::string& bytes :
-       {std::string("garbage \x01\x02 bytes"), good.substr(0, good.size() - 9), std::string(), wrongClass}) {
-    writeStore(bytes);
-    EXPECT_FALSE(recorder_->uploadedBinaries());
-    EXPECT_FALSE(recorder_->isAlreadyUploadedBinary(fixture("FatApp")));
-    ASSERT_TRUE(recorder_->recordSuccessfulUploadBinary(fixture("FatApp")));
-    EXPECT_EQ(recorder_->uploadedBinaries()->size(), 1u);
-  }
-}
-
 // A link planted at the lock file's name is never followed, dangling or not;
 // a fresh lock file is private to the user.
 TEST(StoreLockTest, NeverFollowsAPlantedLink) {

@@ -199,20 +199,5 @@ TEST(DwarfProviderTest, DamageIsReportedWithFileSliceSectionAndOffset) {
       << ::testing::PrintToString(sink.lines);
 }
 
-TEST(DwarfProviderTest, ConsoleSinkPrintsDebugLinesUpToACapPerFile) {
-  support::Diagnostic a{"/a", "arm64 __debug_info", 0x2a, "a DIE"};
-  support::Diagnostic b{"/b", "fat header", 8, "an entry"};
-  const std::string printed = symlift::testing::consoleOutput(console::kLogLevelDebug, [&] {
-    support::ConsoleDiagnosticsSink sink(2);
-    for (int i = 0; i < 5; ++i) sink.report(a);
-    sink.report(b);
-  });
-  const std::string line = "Skipped a DIE in arm64 __debug_info at offset 0x2a of /a\n";
-  EXPECT_EQ(printed, line + line + "Skipped an entry in fat header at offset 0x8 of /b\n" +
-                         "Skipped 3 more damaged places in /a\n");
-  EXPECT_EQ(symlift::testing::consoleOutput(console::kLogLevelInfo, [&] { support::ConsoleDiagnosticsSink(2).report(a); }),
-            "");
-}
-
 }  // namespace
 }  // namespace symlift::symbols::dwarf
