@@ -194,10 +194,6 @@ class LineProgram {
     ops.u8(4).uleb(n);
     return *this;
   }
-  LineProgram& setColumn(std::uint64_t n) {
-    ops.u8(5).uleb(n);
-    return *this;
-  }
   LineProgram& negateStmt() { return op(6); }
   LineProgram& constAddPc() { return op(8); }
   LineProgram& fixedAdvancePc(std::uint16_t n) {

@@ -1,13 +1,12 @@
-// The provider on whole files: the slices of fat and thin files in order,
-// their architectures, owners' kinds, UUIDs and base addresses; files that
-// are not (whole) Mach-O files; and the damage it reports, and how.
+// The provider on whole files: the slices of a fat file in order, their
+// architectures, owners' kinds, UUIDs and base addresses; and the damage it
+// reports, and how.
 
 #include "symbols/dwarf/dwarf_provider.h"
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -127,40 +126,6 @@ TEST(DwarfProviderTest, ReportsEverySliceOfAFatFileInOrder) {
                                                     "x86_64 dylib 5.6 @0: entry@2010+ff0:0",
                                                     "armv7 object - @0: thumb_function@40+18:0 tail@70+10:0",
                                                     "arm64e none - @4294967296:"}));
-}
-
-TEST(DwarfProviderTest, FilesThatAreNotWholeLittleEndianMachOImages) {
-  TempDir dir;
-  MachOLayout layout;
-  layout.symbols = {{"_main", 0x0f, 1, 0x100001000}};
-  auto thin = buildMachO(layout);
-  auto swapped = thin;  // the header's words big-endian: an architecture, no symbols
-  for (std::size_t word = 0; word < 8; ++word)
-    std::reverse(swapped.begin() + static_cast<std::ptrdiff_t>(word * 4),
-                 swapped.begin() + static_cast<std::ptrdiff_t>(word * 4 + 4));
-  auto fat = buildFat({{0x0100000c, 0, thin}, {12, 9, armv7Object()}});
-  auto broken = fat;
-  broken[8 + 20 + 8] = 0x7f;  // the second slice's offset, past the end of the file
-  const struct {
-    std::string path;
-    std::size_t slices;
-  } cases[] = {{write(dir, "thin", thin), 1},
-               {(dir.path() / "missing").string(), 0},
-               {dir.str(), 0},
-               {write(dir, "empty", {}), 0},
-               {write(dir, "text", {'h', 'e', 'l', 'l', 'o', '\n', 0, 0, 0, 0, 0, 0}), 0},
-               {write(dir, "magic", {0xcf, 0xfa, 0xed, 0xfe}), 0},
-               {write(dir, "broken", broken), 1}};
-  for (const auto& c : cases) EXPECT_EQ(report(c.path).size(), c.slices) << c.path;
-  EXPECT_EQ(report(write(dir, "swapped", swapped)), std::vector<std::string>{"arm64 dsym - @0:"});
-  // Every truncation of a thin and of a fat file is read without a fault.
-  for (const auto* bytes : {&thin, &fat}) {
-    for (std::size_t size = 0; size < bytes->size(); size += 3) {
-      std::vector<std::uint8_t> cut(bytes->begin(), bytes->begin() + static_cast<std::ptrdiff_t>(size));
-      for (const std::string& slice : report(write(dir, "cut", cut)))
-        EXPECT_TRUE(slice.ends_with(":") || slice.find(" main@") != std::string::npos) << slice;
-    }
-  }
 }
 
 TEST(DwarfProviderTest, DamageIsReportedWithFileSliceSectionAndOffset) {

@@ -1,15 +1,22 @@
 // The reader on images assembled in code: the same small program written
 // with each DWARF version and format, every attribute form, range lists,
 // name lookup through references, line programs, and the symbol table.
-
-#include "symbols/dwarf/image_symbols.h"
+//
+// Valid but hostile DWARF: the reader's work and memory stay linear in the
+// input, whatever the extents and paths say. (Times and memory of the
+// full-size inputs are measured by hand: set SYMLIFT_HOSTILE_OUT to a folder
+// and the inputs are also written there as dSYM bundles.)
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <string>
 
 #include "dwarf_builder.h"
+#include "symbols/dwarf/image_symbols.h"
 
 namespace symlift::symbols::dwarf {
 namespace {
@@ -422,6 +429,124 @@ TEST(ImageSymbolsTest, DamagedDwarfGivesFewerRecordsNeverACrash) {
     }
   }
   EXPECT_GT(changed, 0u);
+}
+
+constexpr std::uint64_t kHostileText = 0x100001000;
+
+// One unit whose functions each cover [text + 4 i, text + 4 functions)
+// (every extent runs to the end of the text, so all of them overlap), or
+// [text + 4 i, text + 4 i + 4) when overlapping is false; one line row per
+// function start; files.size() file entries under a compilation folder
+// compDir, each used by one row in turn.
+std::vector<std::uint8_t> hostileImage(std::size_t functions, bool overlapping, const std::string& compDir,
+                                       std::size_t files = 1) {
+  AbbreviationWriter abbrev;
+  const auto unitCode = abbrev.add(dw::TAG_compile_unit, true,
+                                   {{dw::AT_comp_dir, dw::FORM_string},
+                                    {dw::AT_stmt_list, dw::FORM_sec_offset},
+                                    {dw::AT_low_pc, dw::FORM_addr}});
+  const auto functionCode = abbrev.add(dw::TAG_subprogram, false,
+                                       {{dw::AT_low_pc, dw::FORM_addr},
+                                        {dw::AT_high_pc, dw::FORM_data4},
+                                        {dw::AT_name, dw::FORM_strp}});
+  StringSection strings;
+  const std::uint64_t name = strings.add("f");  // one name for all: the file stays small
+
+  LineProgram lines(4);
+  for (std::size_t f = 0; f < files; ++f) lines.files.push_back({"s" + std::to_string(f) + ".c", 0});
+  lines.setAddress(kHostileText).copy();
+  for (std::size_t i = 1; i < functions; ++i) {
+    if (files > 1) lines.setFile(1 + i % files);
+    lines.special(4, 1);
+  }
+  lines.advancePc(4).endSequence();
+
+  Writer info;
+  UnitWriter unit(info, 4, 4, 8);
+  info.uleb(unitCode).str(compDir).u32(0).u64(kHostileText);
+  const std::uint64_t end = 4 * functions;
+  for (std::size_t i = 0; i < functions; ++i)
+    info.uleb(functionCode).u64(kHostileText + 4 * i).u32(overlapping ? end - 4 * i : 4).u32(name);
+  info.u8(0);
+  unit.finish();
+
+  MachOLayout layout;
+  layout.uuids = {{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16}};
+  layout.textAddress = kHostileText;
+  layout.textSize = end + 4;
+  layout.withSymbolTable = false;
+  layout.dwarf = {{"__debug_abbrev", abbrev.bytes()}, {"__debug_info", info.bytes},
+                  {"__debug_str", strings.bytes()},   {"__debug_line", lines.bytes()}};
+  return buildMachO(layout);
+}
+
+ImageSymbols read(const std::vector<std::uint8_t>& bytes, DamageList* damage, const char* name) {
+  if (const char* out = std::getenv("SYMLIFT_HOSTILE_OUT")) {
+    const auto folder = std::filesystem::path(out) / (std::string(name) + ".dSYM/Contents/Resources/DWARF");
+    std::filesystem::create_directories(folder);
+    std::ofstream(folder / name, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
+                                                         static_cast<std::streamsize>(bytes.size()));
+  }
+  auto images = macho::readMachOLayout(macho::Bytes(bytes)).images;
+  return images.empty() ? ImageSymbols{} : readImageSymbols(images.front(), {}, damage);
+}
+
+TEST(HostileDwarfTest, OverlappingExtentsGiveEachRowToOneFunction) {
+  constexpr std::size_t kFunctions = 10000;
+  DamageList damage;
+  const ImageSymbols symbols = read(hostileImage(kFunctions, true, "/src"), &damage, "Overlapping");
+  ASSERT_EQ(symbols.symbols.size(), kFunctions);
+  // Each function keeps the one row at its start: the extent ends where the
+  // next function starts.
+  EXPECT_EQ(symbols.sources.size(), kFunctions);
+  for (const ImageSymbol& symbol : {symbols.symbols.front(), symbols.symbols.back()}) {
+    EXPECT_EQ(symbol.length, 4u);
+    EXPECT_EQ(symbol.sourceCount, 1u);
+  }
+}
+
+TEST(HostileDwarfTest, ALongCompilationFolderForThousandsOfFilesIsLeftOut) {
+  enum class Made { All, None, Some };
+  struct Case {
+    std::size_t compDir;
+    Made paths;
+    const char* damage;
+  };
+  const Case cases[] = {
+      {100, Made::All, nullptr},
+      {1 << 20, Made::None, "source paths longer than 4096 bytes"},
+      // Paths of 4000 bytes for 2000 files: more than the table's budget.
+      {4000, Made::Some, "source paths beyond"},
+  };
+  constexpr std::size_t kFiles = 2000;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.compDir);
+    DamageList damage;
+    const ImageSymbols symbols =
+        read(hostileImage(4000, false, "/" + std::string(c.compDir - 1, 'd'), kFiles), &damage, "PathBomb");
+    EXPECT_EQ(symbols.sources.size(), 4000u);
+    if (c.paths == Made::All) {
+      EXPECT_EQ(symbols.paths.size(), kFiles);
+    } else if (c.paths == Made::None) {
+      EXPECT_EQ(symbols.paths.size(), 0u);
+    } else {
+      EXPECT_GT(symbols.paths.size(), 0u);
+      EXPECT_LT(symbols.paths.size(), kFiles);
+    }
+    if (c.damage) {
+      ASSERT_FALSE(damage.empty());
+      EXPECT_NE(damage.front().text.find(c.damage), std::string::npos) << damage.front().text;
+    } else {
+      EXPECT_TRUE(damage.empty());
+    }
+  }
+}
+
+TEST(HostileDwarfTest, ManyFunctionsOneRowEach) {
+  constexpr std::size_t kFunctions = 200000;  // 1,000,000 measured by hand
+  const ImageSymbols symbols = read(hostileImage(kFunctions, false, "/src"), nullptr, "ManyFunctions");
+  EXPECT_EQ(symbols.symbols.size(), kFunctions);
+  EXPECT_EQ(symbols.sources.size(), kFunctions);
 }
 
 }  // namespace
