@@ -32,26 +32,26 @@ struct LineSpan {
   std::uint32_t line = 0;
 };
 
-void setNames(ImageSymbol& symbol, const Candidate& candidate, const DebugInfo* debugInfo, ImageSymbols& out) {
+void setNames(ImageSymbol& symbol, const Candidate& candidate, const DebugInfo* debugInfo, TextArena& names) {
   if (candidate.tableName) {
-    symbol.mangledName = out.names.copy(*candidate.tableName);
+    symbol.mangledName = names.copy(*candidate.tableName);
   } else if (debugInfo) {
-    FunctionNames names = debugInfo->namesOf(candidate.dieOffset);
-    if (names.linkageName) {
+    FunctionNames found = debugInfo->namesOf(candidate.dieOffset);
+    if (found.linkageName) {
       // DWARF linkage names lack the Mach-O underscore of symbol-table names.
       std::string mangled;
-      mangled.reserve(names.linkageName->size() + 1);
+      mangled.reserve(found.linkageName->size() + 1);
       mangled.push_back('_');
-      mangled.append(*names.linkageName);
-      symbol.mangledName = out.names.copy(mangled);
-    } else if (names.name) {
-      symbol.mangledName = out.names.copy(*names.name);
+      mangled.append(*found.linkageName);
+      symbol.mangledName = names.copy(mangled);
+    } else if (found.name) {
+      symbol.mangledName = names.copy(*found.name);
       symbol.name = symbol.mangledName;
       return;
     }
   }
   if (!symbol.mangledName) return;
-  if (auto demangled = demangle::demangled(*symbol.mangledName)) symbol.name = out.names.copy(*demangled);
+  if (auto demangled = demangle::demangled(*symbol.mangledName)) symbol.name = names.copy(*demangled);
   else symbol.name = demangle::plainDisplayName(*symbol.mangledName);
 }
 
@@ -311,21 +311,29 @@ ImageSymbols readImageSymbols(const macho::MachOImage& image, const DecodeOption
     candidates.push_back(candidate);
   }
 
-  out.symbols.reserve(candidates.size());
-  for (std::size_t i = 0; i < candidates.size(); ++i) {
-    const Candidate& candidate = candidates[i];
-    ImageSymbol symbol;
-    symbol.address = candidate.address;
-    // An extent ends where the next symbol starts, at the latest: an address
-    // belongs to the nearest symbol at or before it, so overlapping extents
-    // (which only damaged or unusual debug information has) never hand one
-    // row to several symbols, and the work stays linear in the rows.
-    const std::uint64_t next = i + 1 < candidates.size() ? candidates[i + 1].address : textEnd;
-    const std::uint64_t end = candidate.dwarfEnd ? std::min(*candidate.dwarfEnd, next) : next;
-    symbol.length = end - candidate.address;
-    setNames(symbol, candidate, debugInfo ? &*debugInfo : nullptr, out);
-    out.symbols.push_back(symbol);
-  }
+  // Looking names up and demangling them is most of this loop's work: the
+  // symbols are cut into groups named on every core, each group copying its
+  // names into an arena of its own.
+  out.symbols.resize(candidates.size());
+  const std::size_t nameGroups =
+      threads <= 1 ? 1 : std::clamp<std::size_t>(candidates.size(), 1, threads * kGroupsPerThread);
+  out.names.resize(nameGroups);
+  runTasks(nameGroups, threads, options, [&](std::size_t g) {
+    auto [begin, end] = groupBounds(candidates.size(), nameGroups, g);
+    for (std::size_t i = begin; i < end; ++i) {
+      const Candidate& candidate = candidates[i];
+      ImageSymbol& symbol = out.symbols[i];
+      symbol.address = candidate.address;
+      // An extent ends where the next symbol starts, at the latest: an address
+      // belongs to the nearest symbol at or before it, so overlapping extents
+      // (which only damaged or unusual debug information has) never hand one
+      // row to several symbols, and the work stays linear in the rows.
+      const std::uint64_t next = i + 1 < candidates.size() ? candidates[i + 1].address : textEnd;
+      const std::uint64_t extentEnd = candidate.dwarfEnd ? std::min(*candidate.dwarfEnd, next) : next;
+      symbol.length = extentEnd - candidate.address;
+      setNames(symbol, candidate, debugInfo ? &*debugInfo : nullptr, out.names[g]);
+    }
+  });
 
   if (debugInfo) {
     std::vector<LineGroup> groups = readLineGroups(sections, *debugInfo, threads, options);

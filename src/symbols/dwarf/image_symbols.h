@@ -58,8 +58,9 @@ struct ImageSymbols {
   std::vector<SourceRecord> sources;
   std::vector<std::string_view> paths;
   // The names of the symbols: copied out of the file (whose pages can then
-  // go) or made here (demangled names).
-  TextArena names;
+  // go) or made here (demangled names); one arena per group of symbols
+  // named together.
+  std::vector<TextArena> names;
   // Other text that is not in the file itself; a deque so that views into
   // it stay valid as it grows.
   std::deque<std::string> strings;
