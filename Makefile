@@ -4,7 +4,8 @@
 # `make test` runs the suite three times: the normal build (BUILD_DIR), the
 # whole suite again under AddressSanitizer + UndefinedBehaviorSanitizer
 # (ASAN_DIR), and the concurrent parts (dispatch, pipeline, network, web
-# client) under ThreadSanitizer (TSAN_DIR). Each build also replays the fuzz
+# client, and the symbol reader, whose DWARF decoding runs on every core)
+# under ThreadSanitizer (TSAN_DIR). Each build also replays the fuzz
 # regression corpus (the FuzzReplay.* tests). The sanitized runs use gcc, as
 # the normal build does.
 BUILD_DIR ?= build
@@ -20,7 +21,7 @@ CMAKE_CONFIGURE = cmake -S . -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_
 
 # The test executables (and so the ctest labels) that run under ThreadSanitizer,
 # and what their tests start as child processes.
-TSAN_TESTS = dispatch_tests pipeline_tests network_tests web_client_tests
+TSAN_TESTS = dispatch_tests pipeline_tests network_tests web_client_tests symbols_tests
 TSAN_TARGETS = $(TSAN_TESTS) symlift fake-service
 
 # Any sanitizer report ends the process with SIGABRT, so the test that ran it
