@@ -1,5 +1,5 @@
-// Unique names (version-4 UUID text) and path joining. (MD5 digests are
-// checked by the upload store's folder name in records/.)
+// Unique names: version-4 UUID text. (MD5 digests are checked by the upload
+// store's folder name in records/.)
 
 #include "support/unique_strings.h"
 

@@ -1,5 +1,6 @@
-// The console's lines: each helper's prefix and colour, the level filter,
-// escaping of outside text, and whole lines from many threads.
+// The console's lines: escaping of outside text, and whole lines from many
+// threads. (Each helper's text and colour shows in the binary's exact output
+// and in PipelineUseTest's terminal run.)
 
 #include "console/console_log.h"
 

@@ -1,10 +1,7 @@
 // The client's retry delays, and transfers that outlive it, over a scripted
-// session: no sockets. Which answers are retried, how often and with which
+// session; then the libcurl session and the client over it, against servers
+// on loopback ports. Which answers are retried, how often and with which
 // retry counter goes through the binary (NetworkFaultsTest).
-//
-// The libcurl session and the client over it, against servers on loopback
-// ports. What the retry policy makes of each outcome goes through the
-// binary (NetworkFaultsTest).
 
 #include <gtest/gtest.h>
 

@@ -5,9 +5,9 @@
 // of the property-list and JSON parsers.
 //
 // The upload recorder against a real store folder (XDG_CACHE_HOME points into
-// a temporary folder): where the store lives, which executables count as
-// recorded, the 200-record limit, damaged stores, and the lock that keeps
-// parallel recording from losing records.
+// a temporary folder): where the store lives, the first upload date kept, the
+// 200-record limit, and the lock file, which never follows a planted link.
+// Parallel builds sharing one store: BuildPhaseUploadTest.
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
