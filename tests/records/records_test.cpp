@@ -79,13 +79,7 @@ struct HandArchive {
     plist_dict_set_item(top, "root", plist_new_uid(root));
     plist_dict_set_item(archive, "$top", top);
     plist_dict_set_item(archive, "$objects", plist_copy(objects));
-    char* bytes = nullptr;
-    std::uint32_t length = 0;
-    plist_to_bin(archive, &bytes, &length);
-    std::string result(bytes, length);
-    plist_to_bin_free(bytes);
-    plist_free(archive);
-    return result;
+    return symlift::testing::binaryPlistOf(archive);
   }
 };
 

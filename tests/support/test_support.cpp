@@ -200,16 +200,20 @@ std::string xmlPlist(const std::string& entries) {
          "<plist version=\"1.0\"><dict>" + entries + "</dict></plist>\n";
 }
 
+std::string binaryPlistOf(plist_t root) {
+  char* bytes = nullptr;
+  std::uint32_t length = 0;
+  plist_to_bin(root, &bytes, &length);
+  std::string result(bytes, length);
+  plist_to_bin_free(bytes);
+  plist_free(root);
+  return result;
+}
+
 std::string binaryPlist(const std::string& key, const std::string& value) {
   plist_t dict = plist_new_dict();
   plist_dict_set_item(dict, key.c_str(), plist_new_string(value.c_str()));
-  char* bytes = nullptr;
-  std::uint32_t length = 0;
-  plist_to_bin(dict, &bytes, &length);
-  std::string result(bytes, length);
-  plist_to_bin_free(bytes);
-  plist_free(dict);
-  return result;
+  return binaryPlistOf(dict);
 }
 
 std::size_t countOccurrences(const std::string& text, const std::string& part) {

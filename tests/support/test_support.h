@@ -2,6 +2,7 @@
 // Helpers shared by the tests: temporary folders, running a program with its
 // output captured, and the locations of fixtures and the shared corpus.
 
+#include <plist/plist.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -112,6 +113,8 @@ std::string readFile(const std::filesystem::path& path);
 std::string xmlPlist(const std::string& entries);
 // A binary property list of a dictionary with one string value.
 std::string binaryPlist(const std::string& key, const std::string& value);
+// The binary property list of root, which it frees.
+std::string binaryPlistOf(plist_t root);
 
 // How many times part occurs in text (overlapping occurrences count).
 std::size_t countOccurrences(const std::string& text, const std::string& part);
