@@ -21,7 +21,7 @@ CMAKE_CONFIGURE = cmake -S . -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_
 
 # The test executables (and so the ctest labels) that run under ThreadSanitizer,
 # and what their tests start as child processes.
-TSAN_TESTS = dispatch_tests pipeline_tests network_tests web_client_tests symbols_tests
+TSAN_TESTS = dispatch_tests pipeline_tests network_tests web_client_tests symbols_tests dwarf_tests
 TSAN_TARGETS = $(TSAN_TESTS) symlift fake-service
 
 # Any sanitizer report ends the process with SIGABRT, so the test that ran it

@@ -103,8 +103,9 @@ class SymbolicationProvider {
 
   virtual ~SymbolicationProvider() = default;
   // One symbolicator per architecture slice of the file at path, in
-  // fat-header order, each with its slice read and handed over before the
-  // next slice is read. A file that cannot be opened gives none.
+  // fat-header order, one visit at a time on the calling thread. The next
+  // slice may be read while the visitor works on this one; what its reading
+  // reports comes after the visit. A file that cannot be opened gives none.
   virtual void forEachSymbolicatorWithPath(const std::string& path, SymbolFiles& files,
                                            const SymbolicatorVisitor& visitor) const = 0;
 };

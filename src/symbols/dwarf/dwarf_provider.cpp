@@ -4,6 +4,10 @@
 #include <malloc.h>
 #endif
 
+#include <future>
+#include <optional>
+
+#include "dispatch/thread_pool.h"
 #include "macho/architecture_names.h"
 #include "support/diagnostics.h"
 #include "symbols/dwarf/image_symbols.h"
@@ -19,6 +23,11 @@ void returnFreeMemory() {
   ::malloc_trim(0);
 #endif
 }
+
+struct SliceRead {
+  ImageSymbols symbols;
+  DamageList damage;
+};
 
 // The image itself as its only symbol owner, holding the image's symbols.
 class ImageOwner final : public SymbolOwner {
@@ -88,22 +97,49 @@ class DwarfSymbolicationProvider final : public SymbolicationProvider {
                                    const SymbolicatorVisitor& visitor) const override {
     std::shared_ptr<const macho::MachOFile> file = files.machOFile(path);
     if (!file) return;
-    for (const macho::MachOImage& image : file->images()) {
+    const auto& images = file->images();
+    auto read = [&](std::size_t i) {
+      const macho::MachOImage& image = images[i];
       DecodeOptions options = options_;
       options.pool = &files.pool();
-      DamageList damage;
-      ImageSymbols symbols = readImageSymbols(image, options, &damage);
+      // Nothing points into the slice once it is read (names and paths are
+      // copies): its pages can go before the line records are sorted out.
+      options.imageRead = [&] { file->release(image); };
+      SliceRead slice;
+      slice.symbols = readImageSymbols(image, options, &slice.damage);
+      return slice;
+    };
+    // The next slice is read on the pool while the visitor works on this
+    // one: a visitor writing a slice's text on one core leaves the others
+    // to the reading. What a slice's reading reports is reported just before
+    // its own visit.
+    std::future<SliceRead> next;
+    struct Drain {  // a visitor that throws leaves no read behind
+      std::future<SliceRead>& next;
+      ~Drain() {
+        if (next.valid()) next.wait();
+      }
+    } drain{next};
+    std::optional<SliceRead> current;
+    if (!images.empty()) current = read(0);
+    for (std::size_t i = 0; i < images.size(); ++i) {
+      const macho::MachOImage& image = images[i];
       const std::string slice = macho::sliceArchitectureName(image.cputype, image.cpusubtype);
-      for (support::Diagnostic& diagnostic : damage) {
+      for (support::Diagnostic& diagnostic : current->damage) {
         diagnostic.file = path;
         diagnostic.section = slice + " " + diagnostic.section;
         files.diagnostics().report(diagnostic);
       }
-      // Nothing points into the slice any more (names and paths are copies):
-      // its pages can go, and so can what the decoding threads' lists took.
-      file->release(image);
+      // What the decoding threads' lists took can go too.
       returnFreeMemory();
-      visitor(std::make_shared<const ImageSymbolicator>(file, image, std::move(symbols)));
+      if (i + 1 < images.size()) {
+        auto task = std::make_shared<std::packaged_task<SliceRead()>>([&read, i] { return read(i + 1); });
+        next = task->get_future();
+        files.pool().submit([task] { (*task)(); });
+      }
+      visitor(std::make_shared<const ImageSymbolicator>(file, image, std::move(current->symbols)));
+      current.reset();
+      if (next.valid()) current = next.get();
     }
   }
 

@@ -271,7 +271,10 @@ void attachSources(ImageSymbols& out, const std::vector<LineSpan>& spans) {
 
 ImageSymbols readImageSymbols(const macho::MachOImage& image, const DecodeOptions& options, DamageList* damage) {
   ImageSymbols out;
-  if (image.bigEndian || !image.textSection) return out;
+  if (image.bigEndian || !image.textSection) {
+    if (options.imageRead) options.imageRead();
+    return out;
+  }
   const macho::MachOSection& text = *image.textSection;
   const std::uint64_t textEnd = text.address + text.size;
   auto inText = [&](std::uint64_t address) { return address >= text.address && address < textEnd; };
@@ -335,8 +338,13 @@ ImageSymbols readImageSymbols(const macho::MachOImage& image, const DecodeOption
     }
   });
 
-  if (debugInfo) {
+  if (!debugInfo) {
+    if (options.imageRead) options.imageRead();
+  } else {
     std::vector<LineGroup> groups = readLineGroups(sections, *debugInfo, threads, options);
+    // The last read of the image: what follows works on copies.
+    debugInfo.reset();
+    if (options.imageRead) options.imageRead();
     std::vector<LineTables> tables;
     std::vector<std::uint32_t> pathBase;
     for (LineGroup& group : groups) {

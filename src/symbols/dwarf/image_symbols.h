@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -84,6 +85,10 @@ struct DecodeOptions {
   unsigned maxParallel = 0;
   // Fewer units than this per thread are not worth a thread.
   std::size_t minimumUnitsPerThread = 16;
+  // Called once the image's bytes are read for the last time (before the
+  // line records are attached to the symbols, which needs only copies), so
+  // that its pages can go while that work still holds memory.
+  std::function<void()> imageRead;
 };
 
 // Neither the symbols nor the damage noted depend on how many threads

@@ -128,7 +128,9 @@ TEST(DwarfProviderTest, ReportsEverySliceOfAFatFileInOrder) {
                                                     "arm64e none - @4294967296:"}));
 }
 
-TEST(DwarfProviderTest, DamageIsReportedWithFileSliceSectionAndOffset) {
+// A one-unit arm64 dSYM whose unit holds a DIE of an unknown form.
+std::vector<std::uint8_t> damagedDsym(std::uint64_t* oddDie = nullptr,
+                                      std::vector<std::uint8_t>* lineProgram = nullptr) {
   AbbreviationWriter abbrev;
   auto cu = abbrev.add(dw::TAG_compile_unit, true, {{dw::AT_stmt_list, dw::FORM_sec_offset}});
   auto good = abbrev.add(dw::TAG_subprogram, false,
@@ -137,7 +139,7 @@ TEST(DwarfProviderTest, DamageIsReportedWithFileSliceSectionAndOffset) {
   Writer info;
   UnitWriter unit(info, 4, 4, 8);
   info.uleb(cu).u32(0).uleb(good).str("kept").u64(0x100001000).u8(8);
-  const std::uint64_t oddDie = info.size();
+  const std::uint64_t oddOffset = info.size();
   info.uleb(odd).str("unknowable").u8(0);
   unit.finish();
   LineProgram lines(4);
@@ -146,8 +148,16 @@ TEST(DwarfProviderTest, DamageIsReportedWithFileSliceSectionAndOffset) {
   const std::vector<std::uint8_t> program = lines.bytes();
   MachOLayout layout;
   layout.dwarf = {{"__debug_abbrev", abbrev.bytes()}, {"__debug_info", info.bytes}, {"__debug_line", program}};
+  if (oddDie) *oddDie = oddOffset;
+  if (lineProgram) *lineProgram = program;
+  return buildMachO(layout);
+}
+
+TEST(DwarfProviderTest, DamageIsReportedWithFileSliceSectionAndOffset) {
+  std::uint64_t oddDie = 0;
+  std::vector<std::uint8_t> program;
   TempDir dir;
-  const std::string path = write(dir, "damaged", buildMachO(layout));
+  const std::string path = write(dir, "damaged", damagedDsym(&oddDie, &program));
   const std::string edge = (symlift::testing::fixturesDir() / "edge/command-past-end").string();
 
   RecordingSink sink;
@@ -162,6 +172,44 @@ TEST(DwarfProviderTest, DamageIsReportedWithFileSliceSectionAndOffset) {
                 "Skipped a load command (type 0x1b, size 4096) running past the end of the file in load commands at "
                 "offset 0x38 of " + edge}))
       << ::testing::PrintToString(sink.lines);
+}
+
+// The next slice is read during a visit, yet each slice's damage is
+// reported just before its own visit; a visitor that throws stops the walk
+// and leaves no read running.
+TEST(DwarfProviderTest, SlicesReadAheadReportInOrderAndStopWithAThrowingVisitor) {
+  std::vector<std::uint8_t> arm64 = damagedDsym();
+  std::vector<std::uint8_t> x86 = arm64;
+  x86[4] = 0x07;  // cputype x86_64; the arm64 subtype (0) reads as x86_64's "all"
+  TempDir dir;
+  const std::string path = write(dir, "fat", buildFat({{0x0100000c, 0, arm64}, {0x01000007, 0, x86}}));
+
+  struct LoggingSink final : support::DiagnosticsSink {
+    std::vector<std::string>& log;
+    explicit LoggingSink(std::vector<std::string>& l) : log(l) {}
+    void report(const support::Diagnostic& d) override { log.push_back(d.section); }
+  };
+  for (std::size_t throwAt : {std::size_t{99}, std::size_t{0}}) {
+    std::vector<std::string> log;
+    LoggingSink sink(log);
+    dispatch::ThreadPool pool;
+    SymbolFileCache files(pool, sink);
+    std::size_t visits = 0;
+    auto walk = [&] {
+      makeDwarfSymbolicationProvider()->forEachSymbolicatorWithPath(path, files, [&](const auto& symbolicator) {
+        if (visits++ == throwAt) throw std::runtime_error("visitor failed");
+        log.push_back("visit " + symbolicator->architecture().familyName());
+      });
+    };
+    if (throwAt == 0) {
+      EXPECT_THROW(walk(), std::runtime_error);
+      EXPECT_EQ(log, (std::vector<std::string>{"arm64 __debug_info", "arm64 __debug_line"}));
+    } else {
+      walk();
+      EXPECT_EQ(log, (std::vector<std::string>{"arm64 __debug_info", "arm64 __debug_line", "visit arm64",
+                                               "x86_64 __debug_info", "x86_64 __debug_line", "visit x86_64"}));
+    }
+  }
 }
 
 }  // namespace
