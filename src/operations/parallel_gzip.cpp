@@ -4,6 +4,8 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <array>
+#include <cstring>
 #include <memory>
 
 namespace symlift::operations {
@@ -33,9 +35,6 @@ struct CompressorDeleter {
   void operator()(libdeflate_compressor* compressor) const { libdeflate_free_compressor(compressor); }
 };
 
-// zlib counts in uInt; it is fed at most this much at a time.
-constexpr std::size_t kMaxZlibCount = std::size_t{1} << 30;
-
 struct Chunk {
   std::span<const std::uint8_t> input;
   bool last = false;
@@ -45,44 +44,225 @@ struct Chunk {
 };
 
 // Where a complete raw deflate stream's final block begins and where the
-// stream ends, in bits from its first byte. zlib's inflate stops at every
-// block boundary when asked to and then says how many bits of the last byte
-// it took are still unused.
+// stream ends, in bits from its first byte.
 struct StreamBounds {
   std::uint64_t finalBlock = 0;
   std::uint64_t end = 0;
 };
 
-std::optional<StreamBounds> boundsOf(const Buffer& stream) {
-  z_stream inflater{};
-  if (inflateInit2(&inflater, -15) != Z_OK) return std::nullopt;
-  std::vector<std::uint8_t> scratch(std::size_t{1} << 16);  // the output is not kept: zlib keeps its own window
-  std::span<const std::uint8_t> rest(stream.data(), stream.size());
-  std::uint64_t boundary = 0;  // the first block starts at bit 0
-  std::optional<StreamBounds> bounds;
-  for (;;) {
-    if (inflater.avail_in == 0 && !rest.empty()) {
-      const std::size_t n = std::min(rest.size(), kMaxZlibCount);
-      inflater.next_in = const_cast<Bytef*>(rest.data());
-      inflater.avail_in = static_cast<uInt>(n);
-      rest = rest.subspan(n);
+// The stream's bits, least significant first, as deflate packs them. Past
+// the end it reads zeros and counts them: a caller checks exhausted().
+class BitReader {
+ public:
+  explicit BitReader(std::span<const std::uint8_t> bytes) : bytes_(bytes) {}
+
+  // At least 56 bits in hand afterwards.
+  void refill() {
+    if (next_ + 8 <= bytes_.size()) {
+      std::uint64_t word;
+      std::memcpy(&word, bytes_.data() + next_, 8);  // the byte order of x86 and arm64 alike
+      held_ |= word << count_;
+      next_ += (63 - count_) >> 3;
+      count_ |= 56;
+      return;
     }
-    inflater.next_out = scratch.data();
-    inflater.avail_out = static_cast<uInt>(scratch.size());
-    const int status = inflate(&inflater, Z_BLOCK);
-    const std::uint64_t position = std::uint64_t{inflater.total_in} * 8 - (inflater.data_type & 7);
-    if (status != Z_OK && status != Z_BUF_ERROR) break;  // the end is never passed without a stop first
-    if (status == Z_BUF_ERROR && inflater.avail_in == 0 && rest.empty()) break;  // cut short
-    if (inflater.data_type & 128) {  // stopped right after a block
-      if (inflater.data_type & 64) {  // and it was the final one
-        bounds = StreamBounds{boundary, position};
-        break;
-      }
-      boundary = position;
+    while (count_ <= 56) {
+      const std::uint64_t byte = next_ < bytes_.size() ? bytes_[next_] : 0;
+      held_ |= byte << count_;
+      ++next_;
+      count_ += 8;
     }
   }
-  inflateEnd(&inflater);
-  return bounds;
+  // Up to 56 bits, after a refill.
+  std::uint32_t peek(unsigned n) const { return static_cast<std::uint32_t>(held_ & ((std::uint64_t{1} << n) - 1)); }
+  void skip(unsigned n) {
+    held_ >>= n;
+    count_ -= n;
+  }
+  std::uint32_t take(unsigned n) {
+    refill();
+    const std::uint32_t value = peek(n);
+    skip(n);
+    return value;
+  }
+  // Bits taken so far.
+  std::uint64_t position() const { return std::uint64_t{next_} * 8 - count_; }
+  // Starts again at a byte boundary.
+  void seekToByte(std::size_t byte) {
+    next_ = byte;
+    held_ = 0;
+    count_ = 0;
+  }
+  // Whether more bits were taken than the stream has.
+  bool exhausted() const { return position() > std::uint64_t{bytes_.size()} * 8; }
+  std::span<const std::uint8_t> bytes() const { return bytes_; }
+
+ private:
+  std::span<const std::uint8_t> bytes_;
+  std::size_t next_ = 0;  // the next byte to load
+  std::uint64_t held_ = 0;
+  unsigned count_ = 0;
+};
+
+// A canonical Huffman code: codes of up to kFastBits bits are looked up in
+// one step, longer ones are decoded bit by bit (as zlib's puff does).
+class HuffmanCode {
+ public:
+  static constexpr unsigned kMaxBits = 15;
+  static constexpr unsigned kFastBits = 11;
+
+  // False for lengths no code can have (more codes than bits allow).
+  bool build(const std::uint8_t* lengths, unsigned symbolCount) {
+    counts_.fill(0);
+    for (unsigned s = 0; s < symbolCount; ++s) ++counts_[lengths[s]];
+    counts_[0] = 0;
+    int left = 1;
+    for (unsigned len = 1; len <= kMaxBits; ++len) {
+      left = left * 2 - counts_[len];
+      if (left < 0) return false;
+    }
+    std::array<std::uint16_t, kMaxBits + 1> offsets{};
+    for (unsigned len = 1; len < kMaxBits; ++len) offsets[len + 1] = offsets[len] + counts_[len];
+    for (unsigned s = 0; s < symbolCount; ++s)
+      if (lengths[s] != 0) symbols_[offsets[lengths[s]]++] = static_cast<std::uint16_t>(s);
+    fast_.fill(0);
+    unsigned code = 0, index = 0;
+    for (unsigned len = 1; len <= kFastBits; ++len) {
+      for (unsigned i = 0; i < counts_[len]; ++i, ++code, ++index) {
+        unsigned reversed = 0;
+        for (unsigned b = 0; b < len; ++b) reversed |= ((code >> b) & 1u) << (len - 1 - b);
+        const auto entry = static_cast<std::uint16_t>(symbols_[index] << 4 | len);
+        for (unsigned at = reversed; at < (1u << kFastBits); at += 1u << len) fast_[at] = entry;
+      }
+      code <<= 1;
+    }
+    return true;
+  }
+
+  // The next symbol, or -1 for a code that has none; the reader holds at
+  // least kMaxBits bits.
+  int decode(BitReader& in) const {
+    const std::uint16_t entry = fast_[in.peek(kFastBits)];
+    if (entry != 0) {
+      in.skip(entry & 15u);
+      return entry >> 4;
+    }
+    int code = 0, first = 0, index = 0;
+    for (unsigned len = 1; len <= kMaxBits; ++len) {
+      code |= static_cast<int>(in.peek(1));
+      in.skip(1);
+      const int count = counts_[len];
+      if (code - count < first) return symbols_[static_cast<std::size_t>(index + (code - first))];
+      index += count;
+      first = (first + count) << 1;
+      code <<= 1;
+    }
+    return -1;
+  }
+
+ private:
+  std::array<std::uint16_t, kMaxBits + 1> counts_{};
+  std::array<std::uint16_t, 288> symbols_{};
+  std::array<std::uint16_t, std::size_t{1} << kFastBits> fast_{};  // symbol << 4 | length; 0: a longer code
+};
+
+constexpr std::uint8_t kLengthExtraBits[29] = {0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 2, 2, 2,
+                                               2, 3, 3, 3, 3, 4, 4, 4, 4, 5, 5, 5, 5, 0};
+constexpr std::uint8_t kDistanceExtraBits[30] = {0, 0, 0, 0, 1, 1, 2, 2,  3,  3,  4,  4,  5,  5,  6,
+                                                 6, 7, 7, 8, 8, 9, 9, 10, 10, 11, 11, 12, 12, 13, 13};
+
+// Reads the codes of a dynamic block's header.
+bool readDynamicCodes(BitReader& in, HuffmanCode& literals, HuffmanCode& distances) {
+  static constexpr std::uint8_t kOrder[19] = {16, 17, 18, 0, 8, 7, 9, 6, 10, 5, 11, 4, 12, 3, 13, 2, 14, 1, 15};
+  const unsigned literalCount = in.take(5) + 257;
+  const unsigned distanceCount = in.take(5) + 1;
+  const unsigned lengthCodeCount = in.take(4) + 4;
+  if (literalCount > 286 || distanceCount > 30) return false;
+  std::uint8_t lengths[286 + 30] = {};
+  for (unsigned i = 0; i < lengthCodeCount; ++i) lengths[kOrder[i]] = static_cast<std::uint8_t>(in.take(3));
+  HuffmanCode lengthCode;
+  if (!lengthCode.build(lengths, 19)) return false;
+  std::fill(std::begin(lengths), std::end(lengths), 0);
+  for (unsigned index = 0; index < literalCount + distanceCount;) {
+    in.refill();
+    const int symbol = lengthCode.decode(in);
+    if (symbol < 0) return false;
+    if (symbol < 16) {
+      lengths[index++] = static_cast<std::uint8_t>(symbol);
+      continue;
+    }
+    std::uint8_t value = 0;
+    unsigned repeat;
+    if (symbol == 16) {
+      if (index == 0) return false;
+      value = lengths[index - 1];
+      repeat = 3 + in.take(2);
+    } else if (symbol == 17) {
+      repeat = 3 + in.take(3);
+    } else {
+      repeat = 11 + in.take(7);
+    }
+    if (index + repeat > literalCount + distanceCount) return false;
+    while (repeat-- > 0) lengths[index++] = value;
+  }
+  if (in.exhausted() || lengths[256] == 0) return false;
+  return literals.build(lengths, literalCount) && distances.build(lengths + literalCount, distanceCount);
+}
+
+// Walks the blocks of a raw deflate stream, decoding its codes without
+// producing the output, to where the final block begins and the stream ends.
+std::optional<StreamBounds> boundsOf(const Buffer& stream) {
+  BitReader in(std::span<const std::uint8_t>(stream.data(), stream.size()));
+  HuffmanCode literals, distances;
+  for (;;) {
+    const std::uint64_t blockStart = in.position();
+    const bool final = in.take(1) != 0;
+    const unsigned type = in.take(2);
+    if (type == 0) {
+      const std::size_t at = static_cast<std::size_t>((in.position() + 7) / 8);
+      if (at + 4 > stream.size()) return std::nullopt;
+      const unsigned length = stream[at] | stream[at + 1] << 8;
+      const unsigned complement = stream[at + 2] | stream[at + 3] << 8;
+      if ((length ^ 0xffffu) != complement || at + 4 + length > stream.size()) return std::nullopt;
+      in.seekToByte(at + 4 + length);
+    } else {
+      if (type == 1) {
+        std::uint8_t lengths[288 + 30];
+        std::fill(lengths, lengths + 144, 8);
+        std::fill(lengths + 144, lengths + 256, 9);
+        std::fill(lengths + 256, lengths + 280, 7);
+        std::fill(lengths + 280, lengths + 288, 8);
+        std::fill(lengths + 288, lengths + 318, 5);
+        literals.build(lengths, 288);
+        distances.build(lengths + 288, 30);
+      } else if (type != 2 || !readDynamicCodes(in, literals, distances)) {
+        return std::nullopt;
+      }
+      // A refill leaves at least 56 bits: three codes of at most 15 bits,
+      // or a length and a distance with their extra bits (48 bits).
+      for (;;) {
+        in.refill();
+        if (in.exhausted()) return std::nullopt;
+        int symbol = literals.decode(in);
+        if (static_cast<unsigned>(symbol) < 256) {
+          symbol = literals.decode(in);
+          if (static_cast<unsigned>(symbol) < 256) {
+            symbol = literals.decode(in);
+            if (static_cast<unsigned>(symbol) < 256) continue;
+          }
+          in.refill();
+        }
+        if (symbol == 256) break;
+        if (symbol < 257 || symbol > 285) return std::nullopt;
+        in.skip(kLengthExtraBits[symbol - 257]);
+        const int distance = distances.decode(in);
+        if (static_cast<unsigned>(distance) >= 30) return std::nullopt;
+        in.skip(kDistanceExtraBits[distance]);
+      }
+    }
+    if (in.exhausted()) return std::nullopt;
+    if (final) return StreamBounds{blockStart, in.position()};
+  }
 }
 
 // The chunk's raw deflate stream, made to continue into the next chunk's:
