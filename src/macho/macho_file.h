@@ -129,8 +129,9 @@ class MachOFile {
   const std::vector<MachOSliceFacts>& slices() const { return layout_.slices; }
   const std::vector<MachOImage>& images() const { return layout_.images; }
 
-  // The image's pages leave memory until they are touched again.
-  void release(const MachOImage& image) const { mapping_.release(image.bytes); }
+  // The whole pages within these bytes of the file leave memory until they
+  // are touched again.
+  void release(Bytes bytes) const { mapping_.release(bytes); }
   // Whether the file was found cut short while it was read (see MappedFile).
   bool cutShort() const { return mapping_.cutShort(); }
 

@@ -102,9 +102,9 @@ class DwarfSymbolicationProvider final : public SymbolicationProvider {
       const macho::MachOImage& image = images[i];
       DecodeOptions options = options_;
       options.pool = &files.pool();
-      // Nothing points into the slice once it is read (names and paths are
-      // copies): its pages can go before the line records are sorted out.
-      options.imageRead = [&] { file->release(image); };
+      // Released pages of the file's private mapping are read from the
+      // file again if touched.
+      options.bytesDone = [&](std::span<const std::uint8_t> bytes) { file->release(bytes); };
       SliceRead slice;
       slice.symbols = readImageSymbols(image, options, &slice.damage);
       return slice;

@@ -55,57 +55,109 @@ void setNames(ImageSymbol& symbol, const Candidate& candidate, const DebugInfo* 
   else symbol.name = demangle::plainDisplayName(*symbol.mangledName);
 }
 
-// The spans of every sequence inside the text section, in address order,
+struct SequenceRef {
+  std::uint32_t group;
+  std::uint32_t sequence;
+};
+
+// The spans of every sequence inside the text section in address order,
 // with their files numbered across all groups (group g's file f is
-// pathBase[g] + f). Sequences rarely overlap: taken in order of their start
-// they almost always give strictly increasing spans already, and then that
-// order is the only sorted one. Otherwise all spans are sorted, earlier
-// sequences (in group order) first on ties.
-std::vector<LineSpan> lineSpans(const std::vector<LineTables>& groups, const std::vector<std::uint32_t>& pathBase,
-                                const macho::MachOSection& text) {
-  const std::uint64_t textEnd = text.address + text.size;
-  struct SequenceRef {
-    std::uint32_t group;
-    std::uint32_t sequence;
-  };
-  std::vector<SequenceRef> order;
-  std::size_t rowCount = 0;
-  for (std::size_t g = 0; g < groups.size(); ++g) {
-    for (std::size_t i = 0; i < groups[g].sequences.size(); ++i) {
-      const LineSequence& sequence = groups[g].sequences[i];
-      // Sequences outside the text section belong to code the linker removed.
-      if (sequence.low < text.address || sequence.low >= textEnd) continue;
-      order.push_back({static_cast<std::uint32_t>(g), static_cast<std::uint32_t>(i)});
-      rowCount += sequence.rowCount;
+// pathBase[g] + f), walked one at a time. Sequences rarely overlap: taken
+// in order of their start they almost always give strictly increasing spans
+// already, and then that order is the only sorted one and the spans are
+// made from the rows as the walk goes. Otherwise all spans are listed and
+// sorted, earlier sequences (in group order) first on ties.
+class LineSpans {
+ public:
+  LineSpans(const std::vector<LineTables>& groups, const std::vector<std::uint32_t>& pathBase,
+            const macho::MachOSection& text)
+      : groups_(groups), pathBase_(pathBase) {
+    const std::uint64_t textEnd = text.address + text.size;
+    std::vector<SequenceRef> order;
+    for (std::size_t g = 0; g < groups.size(); ++g) {
+      for (std::size_t i = 0; i < groups[g].sequences.size(); ++i) {
+        const LineSequence& sequence = groups[g].sequences[i];
+        // Sequences outside the text section belong to code the linker removed.
+        if (sequence.low < text.address || sequence.low >= textEnd) continue;
+        order.push_back({static_cast<std::uint32_t>(g), static_cast<std::uint32_t>(i)});
+        rowCount_ += sequence.rowCount;
+      }
     }
+    byStart_ = order;
+    std::stable_sort(byStart_.begin(), byStart_.end(),
+                     [&](SequenceRef a, SequenceRef b) { return sequenceOf(a).low < sequenceOf(b).low; });
+    bool increasing = true;
+    std::optional<std::uint64_t> previous;
+    for (Cursor span = begin(); increasing && !span.done(); span.next()) {
+      increasing = !previous || *previous < span.span().start;
+      previous = span.span().start;
+    }
+    if (increasing) return;
+    byStart_ = std::move(order);
+    for (Cursor span = begin(); !span.done(); span.next()) listed_.push_back(span.span());
+    std::stable_sort(listed_.begin(), listed_.end(),
+                     [](const LineSpan& a, const LineSpan& b) { return a.start < b.start; });
+    sorted_ = true;
   }
-  auto sequenceOf = [&](SequenceRef ref) -> const LineSequence& { return groups[ref.group].sequences[ref.sequence]; };
-  auto appendSpans = [&](std::vector<LineSpan>& spans, SequenceRef ref) {
-    const LineTables& tables = groups[ref.group];
-    const LineSequence& sequence = sequenceOf(ref);
-    const std::uint32_t base = pathBase[ref.group];
-    for (std::size_t i = 0; i < sequence.rowCount; ++i) {
-      const LineRow& row = tables.rows[sequence.firstRow + i];
-      std::uint64_t end = i + 1 < sequence.rowCount ? tables.rows[sequence.firstRow + i + 1].address : sequence.high;
-      if (end <= row.address) continue;  // a later row at the same address wins
-      spans.push_back({row.address, end, row.file == kNoFile ? kNoFile : base + row.file, row.line});
+
+  // At most this many spans.
+  std::size_t sizeHint() const { return rowCount_; }
+
+  class Cursor {
+   public:
+    bool done() const { return done_; }
+    const LineSpan& span() const { return current_; }
+    void next() {
+      ++at_;
+      settle();
     }
+
+   private:
+    friend class LineSpans;
+    explicit Cursor(const LineSpans& spans) : spans_(&spans) { settle(); }
+    // To the first span at or after the position.
+    void settle() {
+      if (spans_->sorted_) {
+        done_ = at_ >= spans_->listed_.size();
+        if (!done_) current_ = spans_->listed_[at_];
+        return;
+      }
+      for (; sequence_ < spans_->byStart_.size(); ++sequence_, at_ = 0) {
+        const SequenceRef ref = spans_->byStart_[sequence_];
+        const LineTables& tables = spans_->groups_[ref.group];
+        const LineSequence& sequence = tables.sequences[ref.sequence];
+        for (; at_ < sequence.rowCount; ++at_) {
+          const LineRow& row = tables.rows[sequence.firstRow + at_];
+          const std::uint64_t end =
+              at_ + 1 < sequence.rowCount ? tables.rows[sequence.firstRow + at_ + 1].address : sequence.high;
+          if (end <= row.address) continue;  // a later row at the same address wins
+          const std::uint32_t file = row.file == kNoFile ? kNoFile : spans_->pathBase_[ref.group] + row.file;
+          current_ = {row.address, end, file, row.line};
+          return;
+        }
+      }
+      done_ = true;
+    }
+
+    const LineSpans* spans_;
+    std::size_t sequence_ = 0;  // into byStart_ while walking the rows
+    std::size_t at_ = 0;        // a row of that sequence, or an index into listed_
+    LineSpan current_;
+    bool done_ = false;
   };
-  std::vector<LineSpan> spans;
-  spans.reserve(rowCount);
-  std::vector<SequenceRef> byStart = order;
-  std::stable_sort(byStart.begin(), byStart.end(),
-                   [&](SequenceRef a, SequenceRef b) { return sequenceOf(a).low < sequenceOf(b).low; });
-  for (SequenceRef ref : byStart) appendSpans(spans, ref);
-  const bool strictlyIncreasing =
-      std::adjacent_find(spans.begin(), spans.end(),
-                         [](const LineSpan& a, const LineSpan& b) { return a.start >= b.start; }) == spans.end();
-  if (strictlyIncreasing) return spans;
-  spans.clear();
-  for (SequenceRef ref : order) appendSpans(spans, ref);
-  std::stable_sort(spans.begin(), spans.end(), [](const LineSpan& a, const LineSpan& b) { return a.start < b.start; });
-  return spans;
-}
+
+  Cursor begin() const { return Cursor(*this); }
+
+ private:
+  const LineSequence& sequenceOf(SequenceRef ref) const { return groups_[ref.group].sequences[ref.sequence]; }
+
+  const std::vector<LineTables>& groups_;
+  const std::vector<std::uint32_t>& pathBase_;
+  std::vector<SequenceRef> byStart_;  // sorted by start, or in group order when the spans are listed
+  std::size_t rowCount_ = 0;
+  bool sorted_ = false;
+  std::vector<LineSpan> listed_;
+};
 
 // Units are read in groups, a few per thread so that uneven units balance.
 constexpr std::size_t kGroupsPerThread = 4;
@@ -229,24 +281,22 @@ std::vector<LineGroup> readLineGroups(const DwarfSections& sections, const Debug
   return groups;
 }
 
-void attachSources(ImageSymbols& out, const std::vector<LineSpan>& spans) {
-  // Symbols are in address order; spans are found from where the previous
-  // symbol's search ended, stepping back only over spans that may still
-  // reach into the next symbol.
+void attachSources(ImageSymbols& out, const LineSpans& spans) {
+  // Symbols and spans are both in address order. For each symbol the walk
+  // goes on to the first span starting after it, and its records begin
+  // there, or one span earlier when that one still reaches into it.
   auto pathOf = [&](std::uint32_t path) { return path == kNoPath ? std::string_view{} : out.paths[path]; };
-  std::size_t cursor = 0;
+  LineSpans::Cursor ahead = spans.begin();
+  std::optional<LineSpans::Cursor> behind;
   for (ImageSymbol& symbol : out.symbols) {
     const std::uint64_t start = symbol.address;
     const std::uint64_t end = symbol.address + symbol.length;
-    auto first = std::upper_bound(spans.begin() + static_cast<std::ptrdiff_t>(cursor), spans.end(), start,
-                                  [](std::uint64_t a, const LineSpan& s) { return a < s.start; });
-    std::size_t index = static_cast<std::size_t>(first - spans.begin());
-    if (index > 0 && spans[index - 1].end > start) --index;
-    cursor = index;
+    for (; !ahead.done() && ahead.span().start <= start; ahead.next()) behind = ahead;
+    LineSpans::Cursor walk = behind && behind->span().end > start ? *behind : ahead;
     symbol.firstSource = out.sources.size();
     std::uint64_t covered = start;
-    for (; index < spans.size() && spans[index].start < end; ++index) {
-      const LineSpan& span = spans[index];
+    for (; !walk.done() && walk.span().start < end; walk.next()) {
+      const LineSpan& span = walk.span();
       std::uint64_t from = std::max({span.start, start, covered});
       std::uint64_t to = std::min(span.end, end);
       if (to <= from) continue;
@@ -271,8 +321,11 @@ void attachSources(ImageSymbols& out, const std::vector<LineSpan>& spans) {
 
 ImageSymbols readImageSymbols(const macho::MachOImage& image, const DecodeOptions& options, DamageList* damage) {
   ImageSymbols out;
+  auto done = [&](std::span<const std::uint8_t> bytes) {
+    if (options.bytesDone) options.bytesDone(bytes);
+  };
   if (image.bigEndian || !image.textSection) {
-    if (options.imageRead) options.imageRead();
+    done(image.bytes);
     return out;
   }
   const macho::MachOSection& text = *image.textSection;
@@ -339,12 +392,15 @@ ImageSymbols readImageSymbols(const macho::MachOImage& image, const DecodeOption
   });
 
   if (!debugInfo) {
-    if (options.imageRead) options.imageRead();
+    done(image.bytes);
   } else {
+    // The DIEs are walked and named: of their sections only a unit's
+    // strings may still be looked at by its line table.
+    for (Bytes section : {sections.info, sections.str, sections.ranges, sections.rnglists}) done(section);
     std::vector<LineGroup> groups = readLineGroups(sections, *debugInfo, threads, options);
     // The last read of the image: what follows works on copies.
     debugInfo.reset();
-    if (options.imageRead) options.imageRead();
+    done(image.bytes);
     std::vector<LineTables> tables;
     std::vector<std::uint32_t> pathBase;
     for (LineGroup& group : groups) {
@@ -356,10 +412,8 @@ ImageSymbols readImageSymbols(const macho::MachOImage& image, const DecodeOption
       tables.push_back(std::move(group.tables));
     }
     std::vector<LineGroup>().swap(groups);
-    std::vector<LineSpan> spans = lineSpans(tables, pathBase, text);
-    // The rows are all in the spans now.
-    std::vector<LineTables>().swap(tables);
-    out.sources.reserve(spans.size() + spans.size() / 8);
+    const LineSpans spans(tables, pathBase, text);
+    out.sources.reserve(spans.sizeHint() + spans.sizeHint() / 8);
     attachSources(out, spans);
   }
   return out;

@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -85,10 +86,13 @@ struct DecodeOptions {
   unsigned maxParallel = 0;
   // Fewer units than this per thread are not worth a thread.
   std::size_t minimumUnitsPerThread = 16;
-  // Called once the image's bytes are read for the last time (before the
-  // line records are attached to the symbols, which needs only copies), so
-  // that its pages can go while that work still holds memory.
-  std::function<void()> imageRead;
+  // Told of bytes of the image the reader is done with, so that their pages
+  // can go while the rest of the work still holds memory: the sections of
+  // the DIEs once the symbols are named, then the whole image once the line
+  // tables are read (attaching their records needs only copies). A unit's
+  // strings may still be looked at after the first call, so releasing may
+  // only mean that the bytes are read from the file again when touched.
+  std::function<void(std::span<const std::uint8_t> bytes)> bytesDone;
 };
 
 // Neither the symbols nor the damage noted depend on how many threads
