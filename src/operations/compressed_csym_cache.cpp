@@ -12,7 +12,7 @@ CompressedCSYMCache::~CompressedCSYMCache() {
     if (stream.valid()) stream.wait();
 }
 
-void CompressedCSYMCache::compressInBackground(const std::string& path, std::string text) {
+void CompressedCSYMCache::compressInBackground(const std::string& path, std::shared_ptr<const std::string> text) {
   auto promise = std::make_shared<std::promise<std::optional<Bytes>>>();
   {
     std::lock_guard lock(mutex_);
@@ -20,10 +20,10 @@ void CompressedCSYMCache::compressInBackground(const std::string& path, std::str
   }
   pool_.submit([this, promise, text = std::move(text)]() mutable {
     // The text goes as soon as its stream exists, not with the task.
-    const std::string mine = std::move(text);
+    const std::shared_ptr<const std::string> mine = std::move(text);
     std::optional<Bytes> stream;
     try {
-      stream = gzipInChunks(pool_, std::span(reinterpret_cast<const std::uint8_t*>(mine.data()), mine.size()));
+      stream = gzipInChunks(pool_, std::span(reinterpret_cast<const std::uint8_t*>(mine->data()), mine->size()));
     } catch (const std::bad_alloc&) {
       // No stream: the slice's compress step fails and says so.
     }

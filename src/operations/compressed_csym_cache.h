@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <future>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -28,8 +29,9 @@ class CompressedCSYMCache {
   CompressedCSYMCache(const CompressedCSYMCache&) = delete;
   CompressedCSYMCache& operator=(const CompressedCSYMCache&) = delete;
 
-  // Starts gzipping text, the cSYM just written at path.
-  void compressInBackground(const std::string& path, std::string text);
+  // Starts gzipping text, the cSYM being written at path; the text is let
+  // go once its stream exists.
+  void compressInBackground(const std::string& path, std::shared_ptr<const std::string> text);
   // The gzip stream of the cSYM this run wrote at path (waiting for its
   // compression); nothing when the run wrote none there or it could not be
   // compressed. The entry is gone afterwards.

@@ -44,18 +44,22 @@ void SUPGenerateCSYMOperation::generateCSYMs(float maxCoreSymbolicationVersion) 
   const auto& file = codeMappingInfo_->dSYMFile();
   const std::string path = file ? file->URL().string() : std::string();
   // The long part of the run: every slice is read and written here. Each
-  // file is gzipped on the other cores while the next slice is read; the
-  // compress step picks the stream up.
+  // text is gzipped on the pool from the moment it exists, while its file is
+  // written and the next slice is read; the compress step picks the stream up.
   CompressedCSYMCache& cache = context_.compressedCSYMs;
   context_.observer.conversionStarted(path);
   std::vector<std::string> written;
+  symbols::CSYMGenerator::SliceHandler handler;
+  handler.made = [&](const std::string& csymPath, const std::shared_ptr<const std::string>& text) {
+    cache.compressInBackground(csymPath, text);
+  };
+  handler.written = [&](const std::string& csymPath, const std::string& text) {
+    if (auto header = csymHeaderOf(text)) context_.observer.sliceConverted(path, *header, text.size());
+    written.push_back(csymPath);
+  };
+  handler.notWritten = [&](const std::string& csymPath) { cache.forget(csymPath); };
   ArchitecturesByUUID result = symbols::CSYMGenerator::generateCSYMsFromDSYMAtPath(
-      path, maxCoreSymbolicationVersion, [&](const std::string& csymPath, std::string&& contents) {
-        if (auto header = csymHeaderOf(contents)) context_.observer.sliceConverted(path, *header, contents.size());
-        written.push_back(csymPath);
-        cache.compressInBackground(csymPath, std::move(contents));
-      },
-      context_.symbolFiles, &context_.cleanup);
+      path, maxCoreSymbolicationVersion, handler, context_.symbolFiles, &context_.cleanup);
   ArchitecturesByUUID missing = checkForMissingCSYMsInResult(result);
   if (!missing.empty()) {
     // No compress step follows: nobody will ask for these streams.

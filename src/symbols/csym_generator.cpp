@@ -38,19 +38,19 @@ bool CSYMGenerator::writeFileAtomically(const std::string& path, const std::stri
 
 std::map<std::string, std::string> CSYMGenerator::generateCSYMsFromDSYMAtPath(const std::string& path,
                                                                               float maxCoreSymbolicationVersion) {
-  return generateCSYMsFromDSYMAtPath(path, maxCoreSymbolicationVersion, nullptr);
+  return generateCSYMsFromDSYMAtPath(path, maxCoreSymbolicationVersion, SliceHandler{});
 }
 
 std::map<std::string, std::string> CSYMGenerator::generateCSYMsFromDSYMAtPath(const std::string& path,
                                                                               float maxCoreSymbolicationVersion,
-                                                                              const WrittenFileHandler& written) {
+                                                                              const SliceHandler& handler) {
   SymbolFileCache cache;
-  return generateCSYMsFromDSYMAtPath(path, maxCoreSymbolicationVersion, written, cache);
+  return generateCSYMsFromDSYMAtPath(path, maxCoreSymbolicationVersion, handler, cache);
 }
 
 std::map<std::string, std::string> CSYMGenerator::generateCSYMsFromDSYMAtPath(const std::string& path,
                                                                               float maxCoreSymbolicationVersion,
-                                                                              const WrittenFileHandler& handler,
+                                                                              const SliceHandler& handler,
                                                                               SymbolFileCache& cache,
                                                                               support::CleanupRegistry* cleanup) {
   std::map<std::string, std::string> written;
@@ -61,12 +61,17 @@ std::map<std::string, std::string> CSYMGenerator::generateCSYMsFromDSYMAtPath(co
             std::string& data, const support::ErrorPtr& error) {
           if (error || !uuid) return;
           std::string csymPath = SUPCSYMGeneratorUtilities::csymPathForArchitecture(arch, *uuid, path);
-          if (!writeFileAtomically(csymPath, data, cleanup)) {
+          // Shared before the file is written: whatever the caller does
+          // with the text (gzip it) need not wait for the write.
+          auto text = std::make_shared<const std::string>(std::move(data));
+          if (handler.made) handler.made(csymPath, text);
+          if (!writeFileAtomically(csymPath, *text, cleanup)) {
             console::SYLLogError("Could not write cSYM file {}: {}", csymPath, std::strerror(errno));
+            if (handler.notWritten) handler.notWritten(csymPath);
             return;
           }
           written[*uuid] = arch;
-          if (handler) handler(csymPath, std::move(data));
+          if (handler.written) handler.written(csymPath, *text);
         },
         cache);
   } catch (const SymbolReaderException&) {

@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
 
 #include "symbols/symbol_file_cache.h"
@@ -29,20 +30,25 @@ class CSYMGenerator {
   // silently; the caller compares the result with the UUIDs it expects.
   static std::map<std::string, std::string> generateCSYMsFromDSYMAtPath(const std::string& path,
                                                                         float maxCoreSymbolicationVersion);
-  // The same, handing every file written and its contents (no longer needed
-  // by the generator) to written, before the next slice is read. The file is
+  // The same, telling handler of every slice's text: made as soon as it
+  // exists (the generator shares it, then writes the file), and then
+  // written or notWritten, before the next slice's text is made. The file is
   // read through the run's cache (see SymbolFileCache); the cSYM files are
   // registered with cleanup (when given) from before they exist.
-  using WrittenFileHandler = std::function<void(const std::string& csymPath, std::string&& contents)>;
+  struct SliceHandler {
+    std::function<void(const std::string& csymPath, const std::shared_ptr<const std::string>& text)> made;
+    std::function<void(const std::string& csymPath, const std::string& text)> written;
+    std::function<void(const std::string& csymPath)> notWritten;
+  };
   static std::map<std::string, std::string> generateCSYMsFromDSYMAtPath(const std::string& path,
                                                                         float maxCoreSymbolicationVersion,
-                                                                        const WrittenFileHandler& written,
+                                                                        const SliceHandler& handler,
                                                                         SymbolFileCache& cache,
                                                                         support::CleanupRegistry* cleanup = nullptr);
   // The same through a cache of its own.
   static std::map<std::string, std::string> generateCSYMsFromDSYMAtPath(const std::string& path,
                                                                         float maxCoreSymbolicationVersion,
-                                                                        const WrittenFileHandler& written);
+                                                                        const SliceHandler& handler);
   // The same with the process-wide default maximum symbolication version.
   static std::map<std::string, std::string> generateCSYMsFromDSYMAtPath(const std::string& path);
 

@@ -54,7 +54,8 @@ TEST(RunCache, EachDWARFFileIsMappedAndDecodedOnceWhicheverStepReadsItFirst) {
         EXPECT_FALSE(file->dsym()->binary()->slices().empty());
       }
       const std::string spelled = (folder / "." / (name + ".dSYM/Contents//Resources/DWARF") / name).string();
-      auto keep = [&](const std::string& path, std::string&& text) { texts[path] = std::move(text); };
+      symbols::CSYMGenerator::SliceHandler keep;
+      keep.written = [&](const std::string& path, const std::string& text) { texts[path] = text; };
       auto written = cache ? symbols::CSYMGenerator::generateCSYMsFromDSYMAtPath(spelled, 0.0f, keep, *cache)
                            : symbols::CSYMGenerator::generateCSYMsFromDSYMAtPath(spelled, 0.0f, keep);
       EXPECT_FALSE(written.empty()) << name;
