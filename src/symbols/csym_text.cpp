@@ -18,6 +18,14 @@ constexpr std::size_t kReservedPrefixShare = 4;  // a quarter of the ranges' roo
 
 std::int64_t countOf(std::size_t size) { return static_cast<std::int64_t>(size); }
 
+// Five numbers of at most 20 characters each, and their separators.
+constexpr std::size_t kMaxRangeLineSize = 5 * 21;
+// The range buffer grows by this much at a time and is written through a
+// pointer in between (and cut to what was written at the end).
+constexpr std::size_t kRangeBlockSize = std::size_t{64} << 10;
+
+char* writeNumber(char* out, std::int64_t value) { return std::to_chars(out, out + 21, value).ptr; }
+
 void appendNumber(std::string& out, std::int64_t value) {
   char digits[24];
   auto result = std::to_chars(digits, digits + sizeof digits, value);
@@ -67,11 +75,12 @@ CSYMTextBuilder::CSYMTextBuilder(std::size_t expectedRanges, std::uint64_t byteB
 
 bool CSYMTextBuilder::fits(std::size_t n) {
   if (overflowed_) return false;
-  if (std::uint64_t{files_.size()} + symbols_.size() + ranges_.size() + n <= budget_) return true;
+  if (std::uint64_t{files_.size()} + symbols_.size() + rangesUsed_ + n <= budget_) return true;
   overflowed_ = true;
   std::string().swap(files_);
   std::string().swap(symbols_);
   std::string().swap(ranges_);
+  rangesUsed_ = 0;
   return false;
 }
 
@@ -110,19 +119,21 @@ void CSYMTextBuilder::addRange(std::uint64_t location, std::uint64_t length, std
 
 void CSYMTextBuilder::addRangeLine(std::uint64_t location, std::uint64_t length, std::int64_t symbolIndex,
                                    std::int64_t fileIndex, std::int64_t line) {
-  // Five numbers of at most 20 characters each, and their separators.
-  if (!fits(5 * 21)) return;
+  if (!fits(kMaxRangeLineSize)) return;
+  if (ranges_.size() - rangesUsed_ < kMaxRangeLineSize) ranges_.resize(ranges_.size() + kRangeBlockSize);
+  char* const start = ranges_.data() + rangesUsed_;
   // Addresses are unsigned but written as signed numbers, like every count.
-  appendNumber(ranges_, static_cast<std::int64_t>(location));
-  ranges_.push_back('\t');
-  appendNumber(ranges_, static_cast<std::int64_t>(length));
-  ranges_.push_back('\t');
-  appendNumber(ranges_, symbolIndex);
-  ranges_.push_back('\t');
-  appendNumber(ranges_, fileIndex);
-  ranges_.push_back('\t');
-  appendNumber(ranges_, line);
-  ranges_.push_back('\n');
+  char* out = writeNumber(start, static_cast<std::int64_t>(location));
+  *out++ = '\t';
+  out = writeNumber(out, static_cast<std::int64_t>(length));
+  *out++ = '\t';
+  out = writeNumber(out, symbolIndex);
+  *out++ = '\t';
+  out = writeNumber(out, fileIndex);
+  *out++ = '\t';
+  out = writeNumber(out, line);
+  *out++ = '\n';
+  rangesUsed_ += static_cast<std::size_t>(out - start);
   ++rangeCount_;
 }
 
@@ -154,6 +165,8 @@ std::string CSYMTextBuilder::finish(std::uint64_t sourceType, const std::optiona
 
   // The range lines are the bulk: they move up inside their own buffer and
   // the rest goes in front of them.
+  ranges_.resize(rangesUsed_);
+  rangesUsed_ = 0;
   std::string text = std::move(ranges_);
   ranges_.clear();
   const std::size_t tail = text.size();

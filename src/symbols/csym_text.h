@@ -98,7 +98,8 @@ class CSYMTextBuilder {
   bool overflowed_ = false;
   std::string files_;
   std::string symbols_;
-  std::string ranges_;
+  std::string ranges_;       // written up to rangesUsed_, then room
+  std::size_t rangesUsed_ = 0;
   std::size_t fileCount_ = 0, symbolCount_ = 0, rangeCount_ = 0;
   CSYMFileTable fileTable_;
 };
