@@ -36,6 +36,11 @@ class AbbreviationTable {
                                                                 abbreviation.attributeCount);
   }
   std::size_t size() const { return abbreviations_.size(); }
+  // Abbreviations are numbered 0 to size() - 1 in the table.
+  std::size_t indexOf(const Abbreviation& abbreviation) const {
+    return static_cast<std::size_t>(&abbreviation - abbreviations_.data());
+  }
+  const Abbreviation& at(std::size_t index) const { return abbreviations_[index]; }
   // Bytes of the section the last parse() went through.
   std::size_t bytesRead() const { return bytesRead_; }
 

@@ -175,12 +175,36 @@ std::vector<FunctionRange> DebugInfo::functionRanges(std::size_t firstUnit, std:
                                                      std::uint64_t& rangeBudget, DamageList* damage) const {
   std::vector<FunctionRange> functions;
   std::vector<AddressRange> ranges;
+  // Most DIEs are not subprograms and have attributes of fixed sizes only:
+  // they are stepped over whole. Their sizes are worked out per table and
+  // unit context (units usually share both).
+  const AbbreviationTable* sizedTable = nullptr;
+  FormContext sizedContext;
+  std::vector<int> dieSizes;  // per abbreviation; -1: read attribute by attribute
   endUnit = std::min(endUnit, units_.size());
   for (std::size_t u = firstUnit; u < endUnit; ++u) {
     const UnitInfo& unit = units_[u];
     if (!unit.abbreviations) continue;
     if (unit.tag != kTagCompileUnit && unit.tag != kTagPartialUnit && unit.tag != kTagSkeletonUnit) continue;
     if (unit.unitType != kUnitCompile && unit.unitType != kUnitPartial && unit.unitType != kUnitSkeleton) continue;
+    const FormContext& context = unit.context;
+    if (unit.abbreviations != sizedTable || context.version != sizedContext.version ||
+        context.addressSize != sizedContext.addressSize || context.offsetSize != sizedContext.offsetSize) {
+      sizedTable = unit.abbreviations;
+      sizedContext = context;
+      dieSizes.assign(sizedTable->size(), -1);
+      for (std::size_t a = 0; a < dieSizes.size(); ++a) {
+        const Abbreviation& abbreviation = sizedTable->at(a);
+        if (abbreviation.tag == kTagSubprogram) continue;
+        int size = 0;
+        for (const AttributeSpec& attr : sizedTable->attributes(abbreviation)) {
+          const int formSize = fixedFormSize(attr.form, context);
+          size = formSize < 0 ? -1 : size + formSize;
+          if (size < 0) break;
+        }
+        dieSizes[a] = size;
+      }
+    }
     ByteReader reader(sections_.info.first(static_cast<std::size_t>(unit.end)), static_cast<std::size_t>(unit.firstDie));
     while (reader.remaining() > 0) {
       std::uint64_t dieOffset = reader.offset();
@@ -192,6 +216,11 @@ std::vector<FunctionRange> DebugInfo::functionRanges(std::size_t firstUnit, std:
         noteDamage(damage, "__debug_info", dieOffset,
                    fmt::format("the rest of a unit, from a DIE with an unknown abbreviation code ({})", code));
         break;
+      }
+      if (const int size = dieSizes[sizedTable->indexOf(*abbreviation)];
+          size >= 0 && static_cast<std::size_t>(size) <= reader.remaining()) {
+        reader.skip(static_cast<std::uint64_t>(size));
+        continue;
       }
       const bool subprogram = abbreviation->tag == kTagSubprogram;
       std::optional<FormValue> low, high, rangesValue;

@@ -54,6 +54,25 @@ bool readFormValue(ByteReader& reader, std::uint32_t formCode, std::int64_t impl
   return false;
 }
 
+int fixedFormSize(std::uint32_t formCode, const FormContext& context) {
+  auto width = [](unsigned bytes) { return bytes >= 1 && bytes <= 8 ? static_cast<int>(bytes) : -1; };
+  switch (formCode) {
+    case form::kAddr: return width(context.addressSize);
+    case form::kData1: case form::kRef1: case form::kFlag: case form::kStrx1: case form::kAddrx1: return 1;
+    case form::kData2: case form::kRef2: case form::kStrx2: case form::kAddrx2: return 2;
+    case form::kStrx3: case form::kAddrx3: return 3;
+    case form::kData4: case form::kRef4: case form::kRefSup4: case form::kStrx4: case form::kAddrx4: return 4;
+    case form::kData8: case form::kRef8: case form::kRefSig8: case form::kRefSup8: return 8;
+    case form::kData16: return 16;
+    case form::kRefAddr: return width(context.version <= 2 ? context.addressSize : context.offsetSize);
+    case form::kStrp: case form::kSecOffset: case form::kStrpSup: case form::kLineStrp: case form::kGnuRefAlt:
+    case form::kGnuStrpAlt:
+      return width(context.offsetSize);
+    case form::kFlagPresent: case form::kImplicitConst: return 0;
+    default: return -1;
+  }
+}
+
 FormClass classOf(std::uint32_t formCode) {
   switch (formCode) {
     case form::kAddr: return FormClass::kAddress;

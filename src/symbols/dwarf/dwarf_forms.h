@@ -46,6 +46,11 @@ bool readFormValue(ByteReader& reader, std::uint32_t form, std::int64_t implicit
 enum class FormClass { kOther, kAddress, kAddressIndex, kConstant, kString, kReference, kGlobalReference, kSectionOffset, kRangeListIndex };
 FormClass classOf(std::uint32_t form);
 
+// The bytes a value of this form takes in a unit of this context whatever it
+// holds (readFormValue reads exactly that many); -1 when that depends on the
+// value or the form is not one readFormValue reads.
+int fixedFormSize(std::uint32_t form, const FormContext& context);
+
 // Unit-level bases that indexed forms are resolved against.
 struct UnitBases {
   std::uint64_t strOffsets = 0;

@@ -16,6 +16,7 @@
 #include <string>
 
 #include "dwarf_builder.h"
+#include "symbols/dwarf/dwarf_forms.h"
 #include "symbols/dwarf/image_symbols.h"
 
 namespace symlift::symbols::dwarf {
@@ -284,6 +285,30 @@ TEST(ImageSymbolsTest, SkipsEveryAttributeFormToReachTheName) {
     auto bytes = buildMachO(s.layout());
     EXPECT_EQ(render(symbolsOf(bytes)), "0+40 everything | everything\n") << offsetSize;
   }
+}
+
+// DIEs whose forms all have fixed sizes are stepped over whole: a form's
+// fixed size must be what reading a value of it takes, whatever its bytes,
+// and a form without one must take different amounts or be unreadable.
+TEST(ImageSymbolsTest, FixedFormSizesAreWhatReadingTakes) {
+  auto taken = [](std::uint32_t form, const FormContext& context, std::uint8_t fill) {
+    const std::vector<std::uint8_t> bytes(64, fill);
+    ByteReader reader(bytes);
+    FormValue value;
+    return readFormValue(reader, form, -7, context, value) ? static_cast<int>(reader.offset()) : -1;
+  };
+  for (const FormContext& context : {FormContext{2, 4, 4}, FormContext{4, 8, 4}, FormContext{5, 8, 8}, FormContext{4, 0, 4}})
+    for (std::uint32_t form = 0; form < 0x1f40; form = form == 0x40 ? 0x1f00 : form + 1) {
+      const int size = fixedFormSize(form, context), zeros = taken(form, context, 0), ones = taken(form, context, 0xff);
+      const std::string where = fmt::format("form {:#x}, version {}, address size {}", form, context.version,
+                                            context.addressSize);
+      if (size >= 0) {
+        EXPECT_EQ(zeros, size) << where;
+        EXPECT_EQ(ones, size) << where;
+      } else {
+        EXPECT_TRUE(zeros < 0 || zeros != ones) << where;
+      }
+    }
 }
 
 TEST(ImageSymbolsTest, NamesFollowAbstractOriginsAndSurviveReferenceCycles) {
