@@ -35,6 +35,9 @@ struct CompressorDeleter {
   void operator()(libdeflate_compressor* compressor) const { libdeflate_free_compressor(compressor); }
 };
 
+constexpr std::size_t kChunksPerThread = 8;
+constexpr std::size_t kSmallestChunk = std::size_t{1} << 20;
+
 struct Chunk {
   std::span<const std::uint8_t> input;
   bool last = false;
@@ -304,7 +307,11 @@ void appendLittleEndian32(std::vector<std::uint8_t>& out, std::uint32_t value) {
 
 std::optional<std::vector<std::uint8_t>> gzipInChunks(dispatch::ThreadPool& pool, std::span<const std::uint8_t> data,
                                                       const GzipOptions& options) {
-  const std::size_t chunkSize = std::max<std::size_t>(options.chunkSize, 1);
+  // Several chunks per thread, so that the last ones to finish leave little
+  // time with a core idle; none so small that its lost history costs much.
+  const unsigned threads = options.maxThreads ? options.maxThreads : dispatch::ThreadPool::hardwareConcurrency();
+  const std::size_t balanced = std::max(data.size() / (std::size_t{threads} * kChunksPerThread), kSmallestChunk);
+  const std::size_t chunkSize = std::max<std::size_t>(std::min(options.chunkSize, balanced), 1);
   const std::size_t chunkCount = std::max<std::size_t>((data.size() + chunkSize - 1) / chunkSize, 1);
   std::vector<Chunk> chunks(chunkCount);
   for (std::size_t i = 0; i < chunkCount; ++i) {

@@ -21,8 +21,8 @@
 namespace symlift::operations {
 
 struct GzipOptions {
-  // Inputs up to this size are deflated in one piece; larger ones in chunks
-  // of this size.
+  // The largest chunk. An input is cut into a few chunks per thread, each
+  // of at least 1 MiB (a smaller input is one chunk) and at most this.
   std::size_t chunkSize = std::size_t{4} << 20;
   // 0: one chunk at a time per core.
   unsigned maxThreads = 0;
