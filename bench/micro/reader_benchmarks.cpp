@@ -105,7 +105,7 @@ void BM_ReadImageSymbols(benchmark::State& state) {
   for (auto _ : state) {
     ImageSymbols read = readImageSymbols(image, options);
     symbols = read.symbols.size();
-    sources = read.sources.size();
+    sources = read.sourceCount();
     benchmark::DoNotOptimize(read.symbols.data());
   }
   state.counters["symbols"] = static_cast<double>(symbols);

@@ -16,7 +16,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     DamageList damage;
     ImageSymbols symbols = readImageSymbols(image, {}, &damage);
     for (const ImageSymbol& symbol : symbols.symbols)
-      if (symbol.firstSource + symbol.sourceCount > symbols.sources.size()) __builtin_trap();
+      if (symbol.sourceCount > 0 && (symbol.sourcePart >= symbols.sourceParts.size() ||
+                                     symbol.firstSource + symbol.sourceCount > symbols.sourceParts[symbol.sourcePart].size()))
+        __builtin_trap();
   }
   return 0;
 }

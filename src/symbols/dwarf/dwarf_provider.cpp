@@ -52,13 +52,13 @@ class ImageOwner final : public SymbolOwner {
       info.address = symbol.address;
       info.length = symbol.length;
       sources.clear();
-      for (std::size_t i = 0; i < symbol.sourceCount; ++i) sources.push_back(symbols_.source(symbol.firstSource + i));
+      for (const SourceRecord& record : symbols_.sourcesOf(symbol)) sources.push_back(symbols_.source(record));
       info.sourceInfos = sources;
       visitor(info);
     }
   }
 
-  std::size_t sourceInfoCountHint() const override { return symbols_.sources.size() + symbols_.symbols.size(); }
+  std::size_t sourceInfoCountHint() const override { return symbols_.sourceCount() + symbols_.symbols.size(); }
   std::uint64_t sliceBytes() const override { return image_.bytes.size(); }
 
  private:

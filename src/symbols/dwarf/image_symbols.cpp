@@ -88,16 +88,20 @@ class LineSpans {
                      [&](SequenceRef a, SequenceRef b) { return sequenceOf(a).low < sequenceOf(b).low; });
     bool increasing = true;
     std::optional<std::uint64_t> previous;
-    for (Cursor span = begin(); increasing && !span.done(); span.next()) {
+    std::size_t position = 0;
+    for (Cursor span = begin(); increasing && !span.done(); span.next(), ++position) {
       increasing = !previous || *previous < span.span().start;
       previous = span.span().start;
+      if (position % kMarkEvery == 0) marks_.push_back(span);
     }
     if (increasing) return;
+    marks_.clear();
     byStart_ = std::move(order);
     for (Cursor span = begin(); !span.done(); span.next()) listed_.push_back(span.span());
     std::stable_sort(listed_.begin(), listed_.end(),
                      [](const LineSpan& a, const LineSpan& b) { return a.start < b.start; });
     sorted_ = true;
+    for (Cursor span = begin(); !span.done(); span.at_ += kMarkEvery, span.settle()) marks_.push_back(span);
   }
 
   // At most this many spans.
@@ -148,6 +152,23 @@ class LineSpans {
 
   Cursor begin() const { return Cursor(*this); }
 
+  // Where a walk over the spans stands once it has passed every span that
+  // starts at or before address: at the first span starting after it, with
+  // the last span passed (if any).
+  struct Position {
+    Cursor ahead;
+    std::optional<Cursor> behind;
+  };
+  Position after(std::uint64_t address) const {
+    auto mark = std::upper_bound(marks_.begin(), marks_.end(), address,
+                                 [](std::uint64_t a, const Cursor& c) { return a < c.span().start; });
+    if (mark == marks_.begin()) return {begin(), std::nullopt};
+    Position position{*std::prev(mark), std::nullopt};
+    for (; !position.ahead.done() && position.ahead.span().start <= address; position.ahead.next())
+      position.behind = position.ahead;
+    return position;
+  }
+
  private:
   const LineSequence& sequenceOf(SequenceRef ref) const { return groups_[ref.group].sequences[ref.sequence]; }
 
@@ -157,6 +178,9 @@ class LineSpans {
   std::size_t rowCount_ = 0;
   bool sorted_ = false;
   std::vector<LineSpan> listed_;
+  // Every kMarkEvery-th span's cursor, for after().
+  static constexpr std::size_t kMarkEvery = 1024;
+  std::vector<Cursor> marks_;
 };
 
 // Units are read in groups, a few per thread so that uneven units balance.
@@ -281,40 +305,61 @@ std::vector<LineGroup> readLineGroups(const DwarfSections& sections, const Debug
   return groups;
 }
 
-void attachSources(ImageSymbols& out, const LineSpans& spans) {
-  // Symbols and spans are both in address order. For each symbol the walk
-  // goes on to the first span starting after it, and its records begin
-  // there, or one span earlier when that one still reaches into it.
+// The records of symbols [begin, end) into records (firstSource counts
+// from its start). Symbols and spans are both in address order: for each
+// symbol the walk goes on to the first span starting after it, and its
+// records begin there, or one span earlier when that one still reaches into
+// it. A part of the symbols starts where a walk over all of them would be.
+void attachSources(ImageSymbols& out, std::size_t begin, std::size_t end, const LineSpans& spans,
+                   std::vector<SourceRecord>& records) {
   auto pathOf = [&](std::uint32_t path) { return path == kNoPath ? std::string_view{} : out.paths[path]; };
-  LineSpans::Cursor ahead = spans.begin();
-  std::optional<LineSpans::Cursor> behind;
-  for (ImageSymbol& symbol : out.symbols) {
+  LineSpans::Position position =
+      begin == 0 ? LineSpans::Position{spans.begin(), std::nullopt} : spans.after(out.symbols[begin - 1].address);
+  LineSpans::Cursor& ahead = position.ahead;
+  std::optional<LineSpans::Cursor>& behind = position.behind;
+  for (std::size_t i = begin; i < end; ++i) {
+    ImageSymbol& symbol = out.symbols[i];
     const std::uint64_t start = symbol.address;
-    const std::uint64_t end = symbol.address + symbol.length;
+    const std::uint64_t symbolEnd = symbol.address + symbol.length;
     for (; !ahead.done() && ahead.span().start <= start; ahead.next()) behind = ahead;
     LineSpans::Cursor walk = behind && behind->span().end > start ? *behind : ahead;
-    symbol.firstSource = out.sources.size();
+    symbol.firstSource = records.size();
     std::uint64_t covered = start;
-    for (; !walk.done() && walk.span().start < end; walk.next()) {
+    for (; !walk.done() && walk.span().start < symbolEnd; walk.next()) {
       const LineSpan& span = walk.span();
       std::uint64_t from = std::max({span.start, start, covered});
-      std::uint64_t to = std::min(span.end, end);
+      std::uint64_t to = std::min(span.end, symbolEnd);
       if (to <= from) continue;
       const std::uint32_t path = span.file == kNoFile ? kNoPath : span.file;
       bool merged = false;
-      if (out.sources.size() > symbol.firstSource) {
-        SourceRecord& last = out.sources.back();
+      if (records.size() > symbol.firstSource) {
+        SourceRecord& last = records.back();
         if (last.address + last.length == from && last.line == span.line &&
             (last.path == path || pathOf(last.path) == pathOf(path))) {
           last.length = to - last.address;
           merged = true;
         }
       }
-      if (!merged) out.sources.push_back({from, to - from, path, span.line});
+      if (!merged) records.push_back({from, to - from, path, span.line});
       covered = to;
     }
-    symbol.sourceCount = out.sources.size() - symbol.firstSource;
+    symbol.sourceCount = records.size() - symbol.firstSource;
   }
+}
+
+// Every symbol's records, the symbols cut into groups attached on every
+// core, each group's records kept as a part of their own.
+void attachSources(ImageSymbols& out, const LineSpans& spans, unsigned threads, const DecodeOptions& options) {
+  const std::size_t count = out.symbols.size();
+  const std::size_t groups = threads <= 1 ? 1 : std::clamp<std::size_t>(count, 1, threads * kGroupsPerThread);
+  out.sourceParts.resize(groups);
+  runTasks(groups, threads, options, [&](std::size_t g) {
+    auto [begin, end] = groupBounds(count, groups, g);
+    std::vector<SourceRecord>& records = out.sourceParts[g];
+    records.reserve(spans.sizeHint() / groups + spans.sizeHint() / groups / 8 + (end - begin));
+    attachSources(out, begin, end, spans, records);
+    for (std::size_t i = begin; i < end; ++i) out.symbols[i].sourcePart = g;
+  });
 }
 
 }  // namespace
@@ -413,8 +458,7 @@ ImageSymbols readImageSymbols(const macho::MachOImage& image, const DecodeOption
     }
     std::vector<LineGroup>().swap(groups);
     const LineSpans spans(tables, pathBase, text);
-    out.sources.reserve(spans.sizeHint() + spans.sizeHint() / 8);
-    attachSources(out, spans);
+    attachSources(out, spans, threads, options);
   }
   return out;
 }

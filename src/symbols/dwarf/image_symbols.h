@@ -28,7 +28,10 @@ struct ImageSymbol {
   std::optional<std::string_view> name;
   std::uint64_t address = 0;
   std::uint64_t length = 0;
-  std::size_t firstSource = 0;  // into ImageSymbols::sources
+  // The symbol's source records: sourceCount of them from firstSource in
+  // ImageSymbols::sourceParts[sourcePart].
+  std::size_t sourcePart = 0;
+  std::size_t firstSource = 0;
   std::size_t sourceCount = 0;
 };
 
@@ -57,7 +60,9 @@ class TextArena {
 
 struct ImageSymbols {
   std::vector<ImageSymbol> symbols;
-  std::vector<SourceRecord> sources;
+  // The source records in parts, one per group of symbols whose records
+  // were attached together (in symbol order).
+  std::vector<std::vector<SourceRecord>> sourceParts;
   std::vector<std::string_view> paths;
   // The names of the symbols: copied out of the file (whose pages can then
   // go) or made here (demangled names); one arena per group of symbols
@@ -71,9 +76,17 @@ struct ImageSymbols {
 
   std::string_view keep(std::string text) { return strings.emplace_back(std::move(text)); }
 
-  // Source record i as the symbolication interface describes it.
-  SourceInfo source(std::size_t i) const {
-    const SourceRecord& record = sources[i];
+  std::span<const SourceRecord> sourcesOf(const ImageSymbol& symbol) const {
+    if (symbol.sourceCount == 0) return {};
+    return std::span<const SourceRecord>(sourceParts[symbol.sourcePart]).subspan(symbol.firstSource, symbol.sourceCount);
+  }
+  std::size_t sourceCount() const {
+    std::size_t count = 0;
+    for (const auto& part : sourceParts) count += part.size();
+    return count;
+  }
+  // A source record as the symbolication interface describes it.
+  SourceInfo source(const SourceRecord& record) const {
     return {record.path == kNoPath ? std::string_view{} : paths[record.path], record.line, record.address,
             record.length};
   }

@@ -31,8 +31,8 @@ std::string render(const ImageSymbols& symbols) {
   for (const ImageSymbol& symbol : symbols.symbols) {
     text += fmt::format("{:x}+{:x} {} | {}\n", symbol.address - kText, symbol.length, symbol.mangledName.value_or("-"),
                         symbol.name.value_or("-"));
-    for (std::size_t i = 0; i < symbol.sourceCount; ++i) {
-      const SourceInfo source = symbols.source(symbol.firstSource + i);
+    for (const SourceRecord& record : symbols.sourcesOf(symbol)) {
+      const SourceInfo source = symbols.source(record);
       text += fmt::format("  {:x}+{:x} {}:{}\n", source.address - kText, source.length, source.path, source.line);
     }
   }
@@ -445,8 +445,8 @@ TEST(ImageSymbolsTest, DamagedDwarfGivesFewerRecordsNeverACrash) {
       for (const ImageSymbol& symbol : symbols.symbols) {
         EXPECT_GE(symbol.address, kText);
         EXPECT_LE(symbol.address + symbol.length, kText + 0x1000);
-        for (std::size_t i = 0; i < symbol.sourceCount; ++i) {
-          const SourceInfo source = symbols.source(symbol.firstSource + i);
+        for (const SourceRecord& record : symbols.sourcesOf(symbol)) {
+          const SourceInfo source = symbols.source(record);
           EXPECT_GE(source.address, symbol.address);
           EXPECT_LE(source.address + source.length, symbol.address + symbol.length);
         }
@@ -523,7 +523,7 @@ TEST(HostileDwarfTest, OverlappingExtentsGiveEachRowToOneFunction) {
   ASSERT_EQ(symbols.symbols.size(), kFunctions);
   // Each function keeps the one row at its start: the extent ends where the
   // next function starts.
-  EXPECT_EQ(symbols.sources.size(), kFunctions);
+  EXPECT_EQ(symbols.sourceCount(), kFunctions);
   for (const ImageSymbol& symbol : {symbols.symbols.front(), symbols.symbols.back()}) {
     EXPECT_EQ(symbol.length, 4u);
     EXPECT_EQ(symbol.sourceCount, 1u);
@@ -549,7 +549,7 @@ TEST(HostileDwarfTest, ALongCompilationFolderForThousandsOfFilesIsLeftOut) {
     DamageList damage;
     const ImageSymbols symbols =
         read(hostileImage(4000, false, "/" + std::string(c.compDir - 1, 'd'), kFiles), &damage, "PathBomb");
-    EXPECT_EQ(symbols.sources.size(), 4000u);
+    EXPECT_EQ(symbols.sourceCount(), 4000u);
     if (c.paths == Made::All) {
       EXPECT_EQ(symbols.paths.size(), kFiles);
     } else if (c.paths == Made::None) {
@@ -571,7 +571,7 @@ TEST(HostileDwarfTest, ManyFunctionsOneRowEach) {
   constexpr std::size_t kFunctions = 200000;  // 1,000,000 measured by hand
   const ImageSymbols symbols = read(hostileImage(kFunctions, false, "/src"), nullptr, "ManyFunctions");
   EXPECT_EQ(symbols.symbols.size(), kFunctions);
-  EXPECT_EQ(symbols.sources.size(), kFunctions);
+  EXPECT_EQ(symbols.sourceCount(), kFunctions);
 }
 
 }  // namespace
