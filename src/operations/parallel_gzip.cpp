@@ -35,7 +35,7 @@ struct CompressorDeleter {
   void operator()(libdeflate_compressor* compressor) const { libdeflate_free_compressor(compressor); }
 };
 
-constexpr std::size_t kChunksPerThread = 8;
+constexpr std::size_t kChunksPerThread = 16;
 constexpr std::size_t kSmallestChunk = std::size_t{1} << 20;
 
 struct Chunk {
