@@ -154,7 +154,7 @@ std::size_t writeHeaderLine(char* data, std::size_t size, std::size_t count, voi
 
 std::size_t readBody(char* buffer, std::size_t size, std::size_t count, void* context) {
   auto* transfer = static_cast<Transfer*>(context);
-  const Data& body = transfer->request.HTTPBody;
+  const Data& body = transfer->request.HTTPBody.bytes();
   std::size_t length = std::min(size * count, body.size() - transfer->bodyOffset);
   std::copy_n(body.data() + transfer->bodyOffset, length, buffer);
   transfer->bodyOffset += length;

@@ -1,6 +1,7 @@
 #pragma once
 // An HTTP request as the client sends it, and the response head it gets
-// back. Both are plain values: the client copies a request per transfer.
+// back. Both are plain values: the client copies a request per transfer
+// (sharing its body).
 
 #include <chrono>
 #include <cstdint>
@@ -15,6 +16,33 @@
 namespace symlift::network {
 
 using Data = std::vector<std::uint8_t>;
+
+// A request body: set once and then shared by every copy of the request (a
+// request is copied per attempt and per transfer; a body may be megabytes).
+class RequestBody {
+ public:
+  RequestBody() = default;
+  RequestBody(Data bytes) : bytes_(std::make_shared<const Data>(std::move(bytes))) {}  // implicit: a body is its bytes
+  RequestBody& operator=(Data bytes) {
+    bytes_ = std::make_shared<const Data>(std::move(bytes));
+    return *this;
+  }
+  template <typename Iterator>
+  void assign(Iterator first, Iterator last) {
+    *this = Data(first, last);
+  }
+
+  const Data& bytes() const { return bytes_ ? *bytes_ : empty_; }
+  operator const Data&() const { return bytes(); }  // implicit, likewise
+  bool empty() const { return bytes().empty(); }
+  std::size_t size() const { return bytes().size(); }
+  const std::uint8_t* data() const { return bytes().data(); }
+  friend bool operator==(const RequestBody& body, const Data& bytes) { return body.bytes() == bytes; }
+
+ private:
+  std::shared_ptr<const Data> bytes_;
+  static inline const Data empty_{};
+};
 
 enum class URLRequestCachePolicy {
   UseProtocolCachePolicy,
@@ -36,7 +64,7 @@ struct URLRequest {
   std::string URL;
   std::string HTTPMethod = "GET";
   HTTPHeaders allHTTPHeaderFields;
-  Data HTTPBody;
+  RequestBody HTTPBody;
   double timeoutInterval = 60.0;  // seconds without any bytes moving
   URLRequestCachePolicy cachePolicy = URLRequestCachePolicy::UseProtocolCachePolicy;
   std::shared_ptr<const TransferObserver> observer;
