@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "dsym/code_mapping_info_container.h"
@@ -36,6 +37,8 @@ class SUPCompressCSYMOperation : public dispatch::SUPKITAsyncOperation {
   bool gzipCSYMAtPath(const std::string& path, const std::string& location);
 
   const std::optional<std::vector<std::uint8_t>>& compressedData() const { return compressedData_; }
+  // The compressed bytes, moved out (the operation keeps none).
+  std::optional<std::vector<std::uint8_t>> takeCompressedData() { return std::exchange(compressedData_, std::nullopt); }
   std::shared_ptr<dispatch::OperationQueue> operationQueue() const { return operationQueue_.lock(); }
   void setOperationQueue(const std::shared_ptr<dispatch::OperationQueue>& queue) { operationQueue_ = queue; }
   const std::shared_ptr<dsym::SUPCodeMappingInfoContainer>& codeMappingInfo() const { return codeMappingInfo_; }

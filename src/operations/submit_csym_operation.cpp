@@ -49,7 +49,7 @@ void SUPSubmitCSYMOperation::enqueueCompressCSYMOperation() {
     }
     // Runs before the compress operation is marked finished, so the upload
     // queues behind the two deletions it scheduled.
-    if (auto compressOperation = weakCompress.lock()) submit->cSYMInfo_->setData(compressOperation->compressedData());
+    if (auto compressOperation = weakCompress.lock()) submit->cSYMInfo_->setData(compressOperation->takeCompressedData());
     submit->enqueueUploadCSYMOperation();
   });
   privateQueue_->addOperation(compress);
