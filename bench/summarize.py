@@ -157,7 +157,7 @@ def main():
         "- wall time: nanosecond clock around the command; CPU time and peak RSS: `/usr/bin/time -f '%M %U %S'`"
         " (RSS of the largest process; CPU of all its threads, so CPU above wall means several cores were used)",
         "- llvm-gsymutil-14 converts every slice of a fat file (one `.gsym.<arch>` file each) with as many threads"
-        " as cores; our conversion reads slices one after the other, each with its units decoded on every core, and gzips each slice with libdeflate (level 5, 4 MiB chunks on every core, one gzip member) while the next one is read",
+        " as cores; our conversion decodes each slice's units on every core and reads the next slice while the current one's text is written; each slice's text is gzipped with libdeflate (level 5, chunks of 1 to 4 MiB on every core, one gzip member) from the moment it exists",
         "- CPU ratios against a baseline of 30 ms CPU or less are shown as n/m (not measurable: 10 ms ticks)",
         "- inputs are served from the page cache (the warm-up reads them), so `cat` is a memory-bandwidth floor",
         "",
