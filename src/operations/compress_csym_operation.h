@@ -36,7 +36,6 @@ class SUPCompressCSYMOperation : public dispatch::SUPKITAsyncOperation {
   // location. False when there is none, or the write came up short.
   bool gzipCSYMAtPath(const std::string& path, const std::string& location);
 
-  const std::optional<std::vector<std::uint8_t>>& compressedData() const { return compressedData_; }
   // The compressed bytes, moved out (the operation keeps none).
   std::optional<std::vector<std::uint8_t>> takeCompressedData() { return std::exchange(compressedData_, std::nullopt); }
   std::shared_ptr<dispatch::OperationQueue> operationQueue() const { return operationQueue_.lock(); }
