@@ -184,7 +184,7 @@ class LineSpans {
 };
 
 // Units are read in groups, a few per thread so that uneven units balance.
-constexpr std::size_t kGroupsPerThread = 4;
+constexpr std::size_t kGroupsPerThread = 8;
 
 // The threads that decode an image of this many units.
 unsigned decodeThreadsFor(std::size_t units, const DecodeOptions& options) {
