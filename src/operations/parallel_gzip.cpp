@@ -88,6 +88,8 @@ class BitReader {
     skip(n);
     return value;
   }
+  // Bits in hand.
+  unsigned held() const { return count_; }
   // Bits taken so far.
   std::uint64_t position() const { return std::uint64_t{next_} * 8 - count_; }
   // Starts again at a byte boundary.
@@ -112,7 +114,7 @@ class BitReader {
 class HuffmanCode {
  public:
   static constexpr unsigned kMaxBits = 15;
-  static constexpr unsigned kFastBits = 11;
+  static constexpr unsigned kFastBits = 12;
 
   // False for lengths no code can have (more codes than bits allow).
   bool build(const std::uint8_t* lengths, unsigned symbolCount) {
@@ -141,6 +143,10 @@ class HuffmanCode {
     }
     return true;
   }
+
+  // What the next kFastBits bits start with: symbol << 4 | code length, or 0
+  // for a code longer than that (or bits no code begins).
+  std::uint16_t fastEntry(std::uint32_t bits) const { return fast_[bits]; }
 
   // The next symbol, or -1 for a code that has none; the reader holds at
   // least kMaxBits bits.
@@ -173,6 +179,48 @@ constexpr std::uint8_t kLengthExtraBits[29] = {0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 
                                                2, 3, 3, 3, 3, 4, 4, 4, 4, 5, 5, 5, 5, 0};
 constexpr std::uint8_t kDistanceExtraBits[30] = {0, 0, 0, 0, 1, 1, 2, 2,  3,  3,  4,  4,  5,  5,  6,
                                                  6, 7, 7, 8, 8, 9, 9, 10, 10, 11, 11, 12, 12, 13, 13};
+
+// What a block's codes take in the stream, looked up by its next
+// HuffmanCode::kFastBits bits: the bits to step over (a length's and a
+// distance's extra bits included, two literals at once where both codes fit)
+// and what was stepped over. Longer codes, and symbols no stream may hold, are
+// left to HuffmanCode::decode.
+class SkipTables {
+ public:
+  enum Kind : std::uint16_t { kLiterals, kLength, kEnd, kSlow };
+  static constexpr unsigned kBits = HuffmanCode::kFastBits;
+
+  void build(const HuffmanCode& literals, const HuffmanCode& distances) {
+    for (std::uint32_t bits = 0; bits < (1u << kBits); ++bits) {
+      const std::uint16_t entry = literals.fastEntry(bits);
+      const unsigned symbol = entry >> 4, length = entry & 15u;
+      if (entry == 0 || symbol > 285) {
+        literal_[bits] = make(kSlow, 0);
+      } else if (symbol < 256) {
+        const std::uint16_t next = literals.fastEntry(bits >> length);
+        const unsigned nextLength = next & 15u;
+        const bool pair = next != 0 && (next >> 4) < 256 && nextLength <= kBits - length;
+        literal_[bits] = make(kLiterals, length + (pair ? nextLength : 0));
+      } else if (symbol == 256) {
+        literal_[bits] = make(kEnd, length);
+      } else {
+        literal_[bits] = make(kLength, length + kLengthExtraBits[symbol - 257]);
+      }
+      const std::uint16_t far = distances.fastEntry(bits);
+      distance_[bits] = far == 0 || (far >> 4) >= 30 ? make(kSlow, 0)
+                                                      : make(kLength, (far & 15u) + kDistanceExtraBits[far >> 4]);
+    }
+  }
+  std::uint16_t literal(std::uint32_t bits) const { return literal_[bits]; }
+  std::uint16_t distance(std::uint32_t bits) const { return distance_[bits]; }
+  static Kind kindOf(std::uint16_t entry) { return static_cast<Kind>(entry >> 8); }
+  static unsigned bitsOf(std::uint16_t entry) { return entry & 0xffu; }
+
+ private:
+  static std::uint16_t make(Kind kind, unsigned bits) { return static_cast<std::uint16_t>(kind << 8 | bits); }
+  std::array<std::uint16_t, std::size_t{1} << kBits> literal_{};
+  std::array<std::uint16_t, std::size_t{1} << kBits> distance_{};
+};
 
 // Reads the codes of a dynamic block's header.
 bool readDynamicCodes(BitReader& in, HuffmanCode& literals, HuffmanCode& distances) {
@@ -217,6 +265,7 @@ bool readDynamicCodes(BitReader& in, HuffmanCode& literals, HuffmanCode& distanc
 std::optional<StreamBounds> boundsOf(const Buffer& stream) {
   BitReader in(std::span<const std::uint8_t>(stream.data(), stream.size()));
   HuffmanCode literals, distances;
+  SkipTables skip;
   for (;;) {
     const std::uint64_t blockStart = in.position();
     const bool final = in.take(1) != 0;
@@ -241,23 +290,31 @@ std::optional<StreamBounds> boundsOf(const Buffer& stream) {
       } else if (type != 2 || !readDynamicCodes(in, literals, distances)) {
         return std::nullopt;
       }
-      // A refill leaves at least 56 bits: three codes of at most 15 bits,
-      // or a length and a distance with their extra bits (48 bits).
+      skip.build(literals, distances);
+      // 48 bits are enough for the longest length with its extra bits and
+      // the longest distance with its own; a refill leaves at least 56.
       for (;;) {
-        in.refill();
-        if (in.exhausted()) return std::nullopt;
-        int symbol = literals.decode(in);
-        if (static_cast<unsigned>(symbol) < 256) {
-          symbol = literals.decode(in);
-          if (static_cast<unsigned>(symbol) < 256) {
-            symbol = literals.decode(in);
-            if (static_cast<unsigned>(symbol) < 256) continue;
-          }
+        if (in.held() < 48) {
           in.refill();
+          if (in.exhausted()) return std::nullopt;
         }
-        if (symbol == 256) break;
-        if (symbol < 257 || symbol > 285) return std::nullopt;
-        in.skip(kLengthExtraBits[symbol - 257]);
+        const std::uint16_t entry = skip.literal(in.peek(SkipTables::kBits));
+        const SkipTables::Kind kind = SkipTables::kindOf(entry);
+        in.skip(SkipTables::bitsOf(entry));
+        if (kind == SkipTables::kLiterals) continue;
+        if (kind == SkipTables::kEnd) break;
+        if (kind == SkipTables::kSlow) {
+          const int symbol = literals.decode(in);
+          if (static_cast<unsigned>(symbol) < 256) continue;
+          if (symbol == 256) break;
+          if (symbol < 257 || symbol > 285) return std::nullopt;
+          in.skip(kLengthExtraBits[symbol - 257]);
+        }
+        const std::uint16_t far = skip.distance(in.peek(SkipTables::kBits));
+        if (SkipTables::kindOf(far) != SkipTables::kSlow) {
+          in.skip(SkipTables::bitsOf(far));
+          continue;
+        }
         const int distance = distances.decode(in);
         if (static_cast<unsigned>(distance) >= 30) return std::nullopt;
         in.skip(kDistanceExtraBits[distance]);
