@@ -67,10 +67,12 @@ CSYMFileTable::Entry CSYMFileTable::fileFor(std::string_view path) {
   return {found->second, found->first, isNew};
 }
 
-CSYMTextBuilder::CSYMTextBuilder(std::size_t expectedRanges, std::uint64_t byteBudget) : budget_(byteBudget) {
+CSYMTextBuilder::CSYMTextBuilder(std::size_t expectedRanges, std::uint64_t byteBudget, std::size_t expectedNameBytes)
+    : budget_(byteBudget) {
   const std::size_t rangeBytes = expectedRanges * kReservedRangeLineSize;
   ranges_.reserve(static_cast<std::size_t>(
-      std::min<std::uint64_t>(rangeBytes + rangeBytes / kReservedPrefixShare, byteBudget)));
+      std::min<std::uint64_t>(rangeBytes + rangeBytes / kReservedPrefixShare + expectedNameBytes, byteBudget)));
+  symbols_.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(expectedNameBytes, byteBudget)));
 }
 
 bool CSYMTextBuilder::fits(std::size_t n) {
@@ -139,40 +141,40 @@ void CSYMTextBuilder::addRangeLine(std::uint64_t location, std::uint64_t length,
 
 std::string CSYMTextBuilder::finish(std::uint64_t sourceType, const std::optional<std::string>& uuid,
                                     std::string_view arch) {
-  std::string prefix;
-  prefix.reserve(128 + arch.size() + files_.size() + symbols_.size());
-  prefix.append("code_mapping\t1\t").append(sourceTypeName(sourceType)).push_back('\t');
-  prefix.append(uuid ? std::string_view(*uuid) : kNullText).push_back('\t');
-  prefix.append(arch).push_back('\t');
-  appendNumber(prefix, countOf(fileCount_));
-  prefix.push_back('\t');
-  appendNumber(prefix, countOf(symbolCount_));
-  prefix.push_back('\t');
-  appendNumber(prefix, countOf(rangeCount_));
-  prefix.append("\nfiles\t");
-  appendNumber(prefix, countOf(fileCount_));
-  prefix.push_back('\n');
-  prefix.append(files_);
-  std::string().swap(files_);
-  prefix.append("symbols\t");
-  appendNumber(prefix, countOf(symbolCount_));
-  prefix.push_back('\n');
-  prefix.append(symbols_);
-  std::string().swap(symbols_);
-  prefix.append("ranges\t");
-  appendNumber(prefix, countOf(rangeCount_));
-  prefix.push_back('\n');
+  std::string header;
+  header.append("code_mapping\t1\t").append(sourceTypeName(sourceType)).push_back('\t');
+  header.append(uuid ? std::string_view(*uuid) : kNullText).push_back('\t');
+  header.append(arch).push_back('\t');
+  appendNumber(header, countOf(fileCount_));
+  header.push_back('\t');
+  appendNumber(header, countOf(symbolCount_));
+  header.push_back('\t');
+  appendNumber(header, countOf(rangeCount_));
+  header.append("\nfiles\t");
+  appendNumber(header, countOf(fileCount_));
+  header.push_back('\n');
+  std::string symbolsLine = "symbols\t";
+  appendNumber(symbolsLine, countOf(symbolCount_));
+  symbolsLine.push_back('\n');
+  std::string rangesLine = "ranges\t";
+  appendNumber(rangesLine, countOf(rangeCount_));
+  rangesLine.push_back('\n');
 
-  // The range lines are the bulk: they move up inside their own buffer and
-  // the rest goes in front of them.
-  ranges_.resize(rangesUsed_);
+  // The range lines are the bulk: they move up inside their own buffer
+  // (into the room reserved for it) and the rest is written in front of them.
+  const std::string_view parts[] = {header, files_, symbolsLine, symbols_, rangesLine};
+  std::size_t prefixSize = 0;
+  for (std::string_view part : parts) prefixSize += part.size();
+  const std::size_t tail = rangesUsed_;
   rangesUsed_ = 0;
   std::string text = std::move(ranges_);
   ranges_.clear();
-  const std::size_t tail = text.size();
-  text.resize(tail + prefix.size());
-  std::memmove(text.data() + prefix.size(), text.data(), tail);
-  std::memcpy(text.data(), prefix.data(), prefix.size());
+  text.resize(tail + prefixSize);
+  std::memmove(text.data() + prefixSize, text.data(), tail);
+  char* out = text.data();
+  for (std::string_view part : parts) out = std::copy(part.begin(), part.end(), out);
+  std::string().swap(files_);
+  std::string().swap(symbols_);
 
   fileTable_ = CSYMFileTable();
   fileCount_ = symbolCount_ = rangeCount_ = 0;

@@ -61,11 +61,12 @@ class CSYMFileTable {
 // addFileLine and addRangeLine instead, exactly as they are.
 class CSYMTextBuilder {
  public:
-  // expectedRanges only sizes the buffer (reserved, not touched). Text past
-  // byteBudget is not kept: the builder then counts as overflowed, and its
-  // buffers are let go.
+  // expectedRanges and expectedNameBytes only size the buffers (reserved,
+  // not touched). Text past byteBudget is not kept: the builder then counts
+  // as overflowed, and its buffers are let go.
   explicit CSYMTextBuilder(std::size_t expectedRanges = 0,
-                           std::uint64_t byteBudget = std::numeric_limits<std::uint64_t>::max());
+                           std::uint64_t byteBudget = std::numeric_limits<std::uint64_t>::max(),
+                           std::size_t expectedNameBytes = 0);
 
   bool overflowed() const { return overflowed_; }
 

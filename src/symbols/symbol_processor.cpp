@@ -283,7 +283,7 @@ void SUPSymbolProcessor::enumerateFormattedDataVersion(std::uint64_t /*version*/
   forEachOwner(file, cache, SymbolFileCache::Decoded::kLetGo,
                [&](const SymbolOwner& owner, const std::optional<std::string>& uuid, const std::string& arch,
                    SymbolFileFacts& facts) {
-                 CSYMTextBuilder builder(owner.sourceInfoCountHint(), csymBudgetFor(owner));
+                 CSYMTextBuilder builder(owner.sourceInfoCountHint(), csymBudgetFor(owner), owner.nameBytesHint());
                  readSlice(owner, builder, facts);
                  const std::uint64_t sourceType = sourceTypeForOwner(owner);
                  std::string data = builder.finish(sourceType, uuid, arch);

@@ -74,6 +74,9 @@ class SymbolOwner {
   // About how many source records forEachTextSymbol will hand out (to size
   // buffers); 0 when not known.
   virtual std::size_t sourceInfoCountHint() const { return 0; }
+  // About how many bytes the names forEachTextSymbol hands out take, a line
+  // feed after each (to size buffers); 0 when not known.
+  virtual std::size_t nameBytesHint() const { return 0; }
   // The size of the slice the owner was read from; 0 when not known.
   virtual std::uint64_t sliceBytes() const { return 0; }
 };

@@ -4,6 +4,7 @@
 #include <malloc.h>
 #endif
 
+#include <algorithm>
 #include <future>
 #include <optional>
 
@@ -59,6 +60,12 @@ class ImageOwner final : public SymbolOwner {
   }
 
   std::size_t sourceInfoCountHint() const override { return symbols_.sourceCount() + symbols_.symbols.size(); }
+  std::size_t nameBytesHint() const override {
+    std::size_t bytes = 0;
+    for (const ImageSymbol& symbol : symbols_.symbols)
+      bytes += std::max(symbol.name ? symbol.name->size() : 0, symbol.mangledName ? symbol.mangledName->size() : 0) + 1;
+    return bytes;
+  }
   std::uint64_t sliceBytes() const override { return image_.bytes.size(); }
 
  private:

@@ -377,19 +377,30 @@ ImageSymbols readImageSymbols(const macho::MachOImage& image, const DecodeOption
   const std::uint64_t textEnd = text.address + text.size;
   auto inText = [&](std::uint64_t address) { return address >= text.address && address < textEnd; };
 
-  std::vector<TableSymbol> table = readTextSymbols(image, damage);
-
+  // The symbol table is read beside the units' headers and subprograms.
+  std::vector<TableSymbol> table;
+  DamageList tableDamage, infoDamage;
   DwarfSections sections = DwarfSections::of(image);
   std::optional<DebugInfo> debugInfo;
   std::vector<FunctionRange> functions;
   unsigned threads = 1;
-  if (!sections.info.empty()) {
-    debugInfo.emplace(sections, damage);
+  runTasks(2, options.maxParallel == 1 ? 1 : 2, options, [&](std::size_t task) {
+    if (task == 0) {
+      table = readTextSymbols(image, damage ? &tableDamage : nullptr);
+      return;
+    }
+    if (sections.info.empty()) return;
+    DamageList* const noted = damage ? &infoDamage : nullptr;
+    debugInfo.emplace(sections, noted);
     threads = decodeThreadsFor(debugInfo->units().size(), options);
-    functions = readFunctionRanges(*debugInfo, threads, options, damage);
+    functions = readFunctionRanges(*debugInfo, threads, options, noted);
     std::erase_if(functions, [&](const FunctionRange& f) { return !inText(f.low); });
     std::stable_sort(functions.begin(), functions.end(),
                      [](const FunctionRange& a, const FunctionRange& b) { return a.low < b.low; });
+  });
+  if (damage) {
+    damage->insert(damage->end(), tableDamage.begin(), tableDamage.end());
+    damage->insert(damage->end(), infoDamage.begin(), infoDamage.end());
   }
 
   // Merge the two sorted lists into one candidate per start address.
