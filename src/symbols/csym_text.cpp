@@ -119,6 +119,19 @@ void CSYMTextBuilder::addRange(std::uint64_t location, std::uint64_t length, std
   addRangeLine(location, length, symbolIndex, fileIndex, line);
 }
 
+// All 24 bytes are copied: a line has room for five 21-byte numbers, so
+// what is copied past the digits stays inside the room and is overwritten
+// by what follows.
+char* CSYMTextBuilder::writeIndex(char* out, std::int64_t value, Digits& digits) {
+  if (!digits.set || digits.value != value) {
+    digits.set = true;
+    digits.value = value;
+    digits.size = static_cast<std::size_t>(writeNumber(digits.text, value) - digits.text);
+  }
+  std::memcpy(out, digits.text, sizeof digits.text);
+  return out + digits.size;
+}
+
 void CSYMTextBuilder::addRangeLine(std::uint64_t location, std::uint64_t length, std::int64_t symbolIndex,
                                    std::int64_t fileIndex, std::int64_t line) {
   if (!fits(kMaxRangeLineSize)) return;
@@ -129,9 +142,9 @@ void CSYMTextBuilder::addRangeLine(std::uint64_t location, std::uint64_t length,
   *out++ = '\t';
   out = writeNumber(out, static_cast<std::int64_t>(length));
   *out++ = '\t';
-  out = writeNumber(out, symbolIndex);
+  out = writeIndex(out, symbolIndex, symbolDigits_);
   *out++ = '\t';
-  out = writeNumber(out, fileIndex);
+  out = writeIndex(out, fileIndex, fileDigits_);
   *out++ = '\t';
   out = writeNumber(out, line);
   *out++ = '\n';

@@ -103,6 +103,16 @@ class CSYMTextBuilder {
   std::size_t rangesUsed_ = 0;
   std::size_t fileCount_ = 0, symbolCount_ = 0, rangeCount_ = 0;
   CSYMFileTable fileTable_;
+  // A symbol's ranges come together, and often a file's: the digits of the
+  // last symbol and file index written, kept for the lines that repeat them.
+  struct Digits {
+    bool set = false;
+    std::int64_t value = 0;
+    char text[24] = {};
+    std::size_t size = 0;
+  };
+  Digits symbolDigits_, fileDigits_;
+  static char* writeIndex(char* out, std::int64_t value, Digits& digits);
 };
 
 }  // namespace symlift::symbols
