@@ -6,6 +6,7 @@
 
 #include "demangle/demangle.h"
 #include "dispatch/thread_pool.h"
+#include "symbols/dwarf/byte_reader.h"
 #include "symbols/dwarf/debug_info.h"
 #include "symbols/dwarf/dwarf_sections.h"
 #include "symbols/dwarf/line_table.h"
@@ -259,6 +260,20 @@ struct LineGroup {
 void readLineGroup(const DwarfSections& sections, std::span<const UnitInfo* const> units, std::uint64_t readUntil,
                    LineGroup& group) {
   group.readUntil = readUntil;
+  // Every row takes at least one byte of a line program, and programs made
+  // by compilers take about five: room for a row per four bytes of the
+  // tables is rarely outgrown, and what is not used is never touched.
+  std::uint64_t tableBytes = 0;
+  for (const UnitInfo* unit : units) {
+    const std::uint64_t offset = *unit->stmtList;
+    if (offset >= sections.line.size()) continue;
+    ByteReader reader(sections.line, static_cast<std::size_t>(offset));
+    std::uint64_t length = reader.u32();
+    if (length == 0xffffffffu) length = reader.u64();
+    if (!reader.ok()) continue;
+    tableBytes += std::min<std::uint64_t>(length, sections.line.size() - offset);
+  }
+  group.tables.rows.reserve(static_cast<std::size_t>(std::min<std::uint64_t>(tableBytes, sections.line.size()) / 4));
   for (const UnitInfo* unit : units) {
     if (*unit->stmtList < group.readUntil) {
       noteDamage(&group.damage, "__debug_info", unit->offset,
