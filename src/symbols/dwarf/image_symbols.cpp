@@ -117,9 +117,20 @@ class LineSpans {
       settle();
     }
 
+    // Where the cursor stands, for LineSpans::at(): two numbers, cheaper to
+    // keep for every span passed than the cursor itself.
+    struct Place {
+      std::size_t sequence = 0;
+      std::size_t at = 0;
+    };
+    Place place() const { return {sequence_, at_}; }
+
    private:
     friend class LineSpans;
     explicit Cursor(const LineSpans& spans) : spans_(&spans) { settle(); }
+    Cursor(const LineSpans& spans, Place place) : spans_(&spans), sequence_(place.sequence), at_(place.at) {
+      settle();
+    }
     // To the first span at or after the position.
     void settle() {
       if (spans_->sorted_) {
@@ -152,13 +163,21 @@ class LineSpans {
   };
 
   Cursor begin() const { return Cursor(*this); }
+  // The cursor at a place a cursor of these spans stood.
+  Cursor at(Cursor::Place place) const { return Cursor(*this, place); }
+
+  // The last span a walk passed: where it stands and where it ends.
+  struct Passed {
+    Cursor::Place place;
+    std::uint64_t end = 0;
+  };
 
   // Where a walk over the spans stands once it has passed every span that
   // starts at or before address: at the first span starting after it, with
   // the last span passed (if any).
   struct Position {
     Cursor ahead;
-    std::optional<Cursor> behind;
+    std::optional<Passed> behind;
   };
   Position after(std::uint64_t address) const {
     auto mark = std::upper_bound(marks_.begin(), marks_.end(), address,
@@ -166,7 +185,7 @@ class LineSpans {
     if (mark == marks_.begin()) return {begin(), std::nullopt};
     Position position{*std::prev(mark), std::nullopt};
     for (; !position.ahead.done() && position.ahead.span().start <= address; position.ahead.next())
-      position.behind = position.ahead;
+      position.behind = Passed{position.ahead.place(), position.ahead.span().end};
     return position;
   }
 
@@ -331,13 +350,14 @@ void attachSources(ImageSymbols& out, std::size_t begin, std::size_t end, const 
   LineSpans::Position position =
       begin == 0 ? LineSpans::Position{spans.begin(), std::nullopt} : spans.after(out.symbols[begin - 1].address);
   LineSpans::Cursor& ahead = position.ahead;
-  std::optional<LineSpans::Cursor>& behind = position.behind;
+  std::optional<LineSpans::Passed>& behind = position.behind;
   for (std::size_t i = begin; i < end; ++i) {
     ImageSymbol& symbol = out.symbols[i];
     const std::uint64_t start = symbol.address;
     const std::uint64_t symbolEnd = symbol.address + symbol.length;
-    for (; !ahead.done() && ahead.span().start <= start; ahead.next()) behind = ahead;
-    LineSpans::Cursor walk = behind && behind->span().end > start ? *behind : ahead;
+    for (; !ahead.done() && ahead.span().start <= start; ahead.next())
+      behind = LineSpans::Passed{ahead.place(), ahead.span().end};
+    LineSpans::Cursor walk = behind && behind->end > start ? spans.at(behind->place) : ahead;
     symbol.firstSource = records.size();
     std::uint64_t covered = start;
     for (; !walk.done() && walk.span().start < symbolEnd; walk.next()) {
