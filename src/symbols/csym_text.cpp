@@ -108,17 +108,6 @@ void CSYMTextBuilder::addFileLine(std::string_view path) {
   ++fileCount_;
 }
 
-void CSYMTextBuilder::addRange(std::uint64_t location, std::uint64_t length, std::int64_t symbolIndex,
-                               std::optional<std::string_view> path, std::int64_t line) {
-  std::int64_t fileIndex = -1;
-  if (path) {
-    const CSYMFileTable::Entry file = fileTable_.fileFor(*path);
-    if (file.isNew) addFileLine(file.listedPath);
-    fileIndex = file.index;
-  }
-  addRangeLine(location, length, symbolIndex, fileIndex, line);
-}
-
 // All 24 bytes are copied: a line has room for five 21-byte numbers, so
 // what is copied past the digits stays inside the room and is overwritten
 // by what follows.

@@ -73,9 +73,17 @@ class CSYMTextBuilder {
   // Appends a symbol; returns its index.
   std::int64_t addSymbol(std::string_view name);
   // Appends a range line; a path gets its file's index (see CSYMFileTable),
-  // no path is file -1.
-  void addRange(std::uint64_t location, std::uint64_t length, std::int64_t symbolIndex,
-                std::optional<std::string_view> path, std::int64_t line);
+  // no path (an empty one) is file -1.
+  void addRange(std::uint64_t location, std::uint64_t length, std::int64_t symbolIndex, std::string_view path,
+                std::int64_t line) {
+    std::int64_t fileIndex = -1;
+    if (!path.empty()) {
+      const CSYMFileTable::Entry file = fileTable_.fileFor(path);
+      if (file.isNew) addFileLine(file.listedPath);
+      fileIndex = file.index;
+    }
+    addRangeLine(location, length, symbolIndex, fileIndex, line);
+  }
 
   // Appends a file line as it is, and a range line with the numbers given.
   void addFileLine(std::string_view path);

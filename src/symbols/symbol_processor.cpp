@@ -23,16 +23,16 @@ constexpr std::string_view kBlockHelperPrefixes[] = {"__copy_helper_block", "__d
                                                      "__block_global"};
 
 // The ranges of one symbol: one per source record, or the symbol's own
-// extent when it has none; addresses relative to base.
+// extent when it has none; addresses relative to base. An empty path is
+// no path (a plain view: an optional built per range would go through
+// memory, and reading its flag byte back stalls every range).
 template <typename RangeVisitor>
 void forEachRange(const SymbolInfo& symbol, std::uint64_t base, RangeVisitor&& visit) {
   for (const SourceInfo& info : symbol.sourceInfos) {
-    std::optional<std::string_view> path;
-    if (!info.path.empty()) path = info.path;
     const std::int64_t line = info.line <= kMaximumLineNumber ? static_cast<std::int64_t>(info.line) : -1;
-    visit(info.address - base, info.length, path, line);
+    visit(info.address - base, info.length, info.path, line);
   }
-  if (symbol.sourceInfos.empty()) visit(symbol.address - base, symbol.length, std::nullopt, std::int64_t{-1});
+  if (symbol.sourceInfos.empty()) visit(symbol.address - base, symbol.length, std::string_view{}, std::int64_t{-1});
 }
 
 // The one loop from a slice's symbols to its ranges: out gets every named
@@ -45,7 +45,7 @@ void readSlice(const SymbolOwner& owner, Out& out, SymbolFileFacts& facts) {
     if (name.find(kHiddenSymbolMarker) != std::string_view::npos) facts.hasHiddenSymbols = true;
     if (name == kNullSymbolName) return;
     const std::int64_t symbolIndex = out.addSymbol(name);
-    forEachRange(symbol, base, [&](std::uint64_t location, std::uint64_t length, std::optional<std::string_view> path,
+    forEachRange(symbol, base, [&](std::uint64_t location, std::uint64_t length, std::string_view path,
                                    std::int64_t line) { out.addRange(location, length, symbolIndex, path, line); });
   });
 }
@@ -61,14 +61,14 @@ struct SliceLists {
     symbols.emplace_back(name);
     return static_cast<std::int64_t>(symbols.size() - 1);
   }
-  void addRange(std::uint64_t location, std::uint64_t length, std::int64_t symbolIndex,
-                std::optional<std::string_view> path, std::int64_t line) {
+  void addRange(std::uint64_t location, std::uint64_t length, std::int64_t symbolIndex, std::string_view path,
+                std::int64_t line) {
     SUPSymbolRange range;
     range.setRange({location, length});
     range.setSymbolIndex(symbolIndex);
     range.setLineNumber(line);
-    if (path) {
-      const CSYMFileTable::Entry file = fileTable.fileFor(*path);
+    if (!path.empty()) {
+      const CSYMFileTable::Entry file = fileTable.fileFor(path);
       if (file.isNew) files.emplace_back(file.listedPath);
       range.setPath(file.listedPath);
       range.setFileIndex(file.index);
@@ -90,13 +90,13 @@ struct SymbolNames {
     if (!name.empty() && !isBlockHelper(name) && distinct.find(name) == distinct.end()) distinct.emplace(name);
     return 0;
   }
-  void addRange(std::uint64_t, std::uint64_t, std::int64_t, std::optional<std::string_view>, std::int64_t) {}
+  void addRange(std::uint64_t, std::uint64_t, std::int64_t, std::string_view, std::int64_t) {}
 };
 
 // Only the facts.
 struct NoText {
   std::int64_t addSymbol(std::string_view) { return 0; }
-  void addRange(std::uint64_t, std::uint64_t, std::int64_t, std::optional<std::string_view>, std::int64_t) {}
+  void addRange(std::uint64_t, std::uint64_t, std::int64_t, std::string_view, std::int64_t) {}
 };
 
 using OwnerBody = std::function<void(const SymbolOwner& owner, const std::optional<std::string>& uuid,
@@ -211,10 +211,10 @@ void SUPSymbolProcessor::enumerateTextRegionSymbolsForOwner(const SymbolOwner& o
 
 void SUPSymbolProcessor::enumerateSymbolRangesForSymbol(const SymbolInfo& symbol, std::uint64_t base,
                                                         const SymbolRangeVisitor& visitor) {
-  forEachRange(symbol, base, [&](std::uint64_t location, std::uint64_t length, std::optional<std::string_view> path,
+  forEachRange(symbol, base, [&](std::uint64_t location, std::uint64_t length, std::string_view path,
                                  std::int64_t line) {
     SUPSymbolRange range;
-    range.setPath(path);
+    if (!path.empty()) range.setPath(path);
     range.setLineNumber(line);
     range.setRange({location, length});
     visitor(range);
