@@ -322,6 +322,9 @@ void CurlURLSession::Core::configure(Transfer& transfer) {
     curl_easy_setopt(easy, CURLOPT_SEEKFUNCTION, &seekBody);
     curl_easy_setopt(easy, CURLOPT_SEEKDATA, &transfer);
     curl_easy_setopt(easy, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(request.HTTPBody.size()));
+    // Bodies are megabytes of gzip: sent in 512 KiB pieces rather than
+    // curl's 64 KiB, a fast link needs an eighth of the calls.
+    curl_easy_setopt(easy, CURLOPT_UPLOAD_BUFFERSIZE, 512L * 1024);
     if (method != "PUT") curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, method.c_str());
   } else {
     curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, method.c_str());
