@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 #include <utility>
 
 namespace symlift::symbols::dwarf {
@@ -253,6 +254,21 @@ std::optional<std::uint64_t> readLineTable(const DwarfSections& sections, const 
   };
   auto advance = [&](std::uint64_t operations) { address += operations * prologue.minInstructionLength; };
 
+  // What each special opcode advances, worked out once per table rather
+  // than divided out on every row.
+  struct Special {
+    std::uint8_t operations = 0;
+    std::int16_t line = 0;
+  };
+  std::array<Special, 256> specials{};
+  if (prologue.lineRange != 0) {
+    for (unsigned opcode = prologue.opcodeBase; opcode < 256; ++opcode) {
+      const unsigned adjusted = opcode - prologue.opcodeBase;
+      specials[opcode] = {static_cast<std::uint8_t>(adjusted / prologue.lineRange),
+                          static_cast<std::int16_t>(prologue.lineBase + static_cast<int>(adjusted % prologue.lineRange))};
+    }
+  }
+
   // Every opcode consumes at least one byte, so the loop ends.
   std::size_t opcodeOffset = program.offset();
   auto cutShort = [&] {
@@ -305,10 +321,9 @@ std::optional<std::uint64_t> readLineTable(const DwarfSections& sections, const 
           break;
       }
     } else {
-      std::uint8_t adjusted = static_cast<std::uint8_t>(opcode - prologue.opcodeBase);
       if (prologue.lineRange != 0) {
-        advance(adjusted / prologue.lineRange);
-        line = wrappingAdd(line, prologue.lineBase + static_cast<std::int64_t>(adjusted % prologue.lineRange));
+        advance(specials[opcode].operations);
+        line = wrappingAdd(line, specials[opcode].line);
       }
       emitRow();
     }
