@@ -55,11 +55,7 @@ bool AbbreviationTable::parseFrom(ByteReader& reader) {
   return true;
 }
 
-const Abbreviation* AbbreviationTable::find(std::uint64_t code) const {
-  if (sequential_) {
-    if (code == 0 || code > abbreviations_.size()) return nullptr;
-    return &abbreviations_[code - 1];
-  }
+const Abbreviation* AbbreviationTable::findSorted(std::uint64_t code) const {
   auto it = std::lower_bound(abbreviations_.begin(), abbreviations_.end(), code,
                              [](const Abbreviation& a, std::uint64_t c) { return a.code < c; });
   if (it == abbreviations_.end() || it->code != code) return nullptr;

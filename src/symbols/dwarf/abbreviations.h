@@ -30,7 +30,11 @@ class AbbreviationTable {
   // (the abbreviations read before the damage are kept).
   bool parse(Bytes section, std::uint64_t offset);
 
-  const Abbreviation* find(std::uint64_t code) const;
+  const Abbreviation* find(std::uint64_t code) const {
+    // Inline: it is looked up for every DIE.
+    if (sequential_) return code == 0 || code > abbreviations_.size() ? nullptr : &abbreviations_[code - 1];
+    return findSorted(code);
+  }
   std::span<const AttributeSpec> attributes(const Abbreviation& abbreviation) const {
     return std::span<const AttributeSpec>(attributes_).subspan(abbreviation.firstAttribute,
                                                                 abbreviation.attributeCount);
@@ -52,6 +56,7 @@ class AbbreviationTable {
   std::size_t bytesRead_ = 0;
 
   bool parseFrom(ByteReader& reader);
+  const Abbreviation* findSorted(std::uint64_t code) const;
 };
 
 }  // namespace symlift::symbols::dwarf
