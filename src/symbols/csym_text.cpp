@@ -113,9 +113,12 @@ void CSYMTextBuilder::addFileLine(std::string_view path) {
 // by what follows.
 char* CSYMTextBuilder::writeIndex(char* out, std::int64_t value, Digits& digits) {
   if (!digits.set || digits.value != value) {
+    // Written twice rather than copied from the digits just stored: loading
+    // them right back as whole words would wait for the byte stores.
     digits.set = true;
     digits.value = value;
     digits.size = static_cast<std::size_t>(writeNumber(digits.text, value) - digits.text);
+    return writeNumber(out, value);
   }
   std::memcpy(out, digits.text, sizeof digits.text);
   return out + digits.size;
