@@ -187,7 +187,7 @@ constexpr std::uint8_t kDistanceExtraBits[30] = {0, 0, 0, 0, 1, 1, 2, 2,  3,  3,
 // left to HuffmanCode::decode.
 class SkipTables {
  public:
-  enum Kind : std::uint16_t { kLiterals, kLength, kEnd, kSlow };
+  enum Kind : std::uint16_t { kLiterals, kLength, kDistance, kEnd, kSlow };
   static constexpr unsigned kBits = HuffmanCode::kFastBits;
 
   void build(const HuffmanCode& literals, const HuffmanCode& distances) {
@@ -208,7 +208,7 @@ class SkipTables {
       }
       const std::uint16_t far = distances.fastEntry(bits);
       distance_[bits] = far == 0 || (far >> 4) >= 30 ? make(kSlow, 0)
-                                                      : make(kLength, (far & 15u) + kDistanceExtraBits[far >> 4]);
+                                                      : make(kDistance, (far & 15u) + kDistanceExtraBits[far >> 4]);
     }
   }
   std::uint16_t literal(std::uint32_t bits) const { return literal_[bits]; }

@@ -108,9 +108,9 @@ void CSYMTextBuilder::addFileLine(std::string_view path) {
   ++fileCount_;
 }
 
-// All 24 bytes are copied: a line has room for five 21-byte numbers, so
-// what is copied past the digits stays inside the room and is overwritten
-// by what follows.
+// A repeated index is copied as all 24 bytes of its digits: a line has room
+// for five 21-byte numbers, so what is copied past the digits stays inside
+// the room and is overwritten by what follows.
 char* CSYMTextBuilder::writeIndex(char* out, std::int64_t value, Digits& digits) {
   if (!digits.set || digits.value != value) {
     // Written twice rather than copied from the digits just stored: loading
