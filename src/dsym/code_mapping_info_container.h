@@ -37,9 +37,12 @@ class SUPCodeMappingInfoContainer {
   void setUUID(std::optional<std::string> uuid) { uuid_ = std::move(uuid); }
   const std::optional<std::string>& architecture() const { return architecture_; }
   void setArchitecture(std::optional<std::string> architecture) { architecture_ = std::move(architecture); }
-  // The slice's cSYM text.
-  const std::optional<std::vector<std::uint8_t>>& data() const { return data_; }
-  void setData(std::optional<std::vector<std::uint8_t>> data) { data_ = std::move(data); }
+  // The slice's compressed cSYM; null when there is none. Shared, not
+  // copied, with the requests that send it: it may be megabytes.
+  const std::shared_ptr<const std::vector<std::uint8_t>>& data() const { return data_; }
+  void setData(std::optional<std::vector<std::uint8_t>> data) {
+    data_ = data ? std::make_shared<const std::vector<std::uint8_t>>(std::move(*data)) : nullptr;
+  }
 
   const std::optional<std::string>& platform() const { return platform_; }
   void setPlatform(std::optional<std::string> platform) { platform_ = std::move(platform); }
@@ -62,7 +65,7 @@ class SUPCodeMappingInfoContainer {
   std::shared_ptr<SUPDSYMFile> dSYMFile_;
   std::optional<std::string> uuid_;
   std::optional<std::string> architecture_;
-  std::optional<std::vector<std::uint8_t>> data_;
+  std::shared_ptr<const std::vector<std::uint8_t>> data_;
   std::optional<std::string> platform_;
   std::optional<std::string> omvaraAppId_;
   std::optional<std::string> tesmerOrgID_;

@@ -23,6 +23,7 @@ class RequestBody {
  public:
   RequestBody() = default;
   RequestBody(Data bytes) : bytes_(std::make_shared<const Data>(std::move(bytes))) {}  // implicit: a body is its bytes
+  explicit RequestBody(std::shared_ptr<const Data> bytes) : bytes_(std::move(bytes)) {}  // shares them
   RequestBody& operator=(Data bytes) {
     bytes_ = std::make_shared<const Data>(std::move(bytes));
     return *this;

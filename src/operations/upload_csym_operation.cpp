@@ -72,7 +72,7 @@ network::URLRequest SUPUploadCSYMOperation::requestToUploadMappingsToOmvaraEndpo
   request.timeoutInterval = kCSYMUploadTimeoutSeconds;
   request.addValueForHTTPHeaderField(network::SUPNetworkConstants::symbolUploadUserAgent(),
                                      network::kUserAgentHeaderName);
-  if (codeMappingInfo_->data()) request.HTTPBody = *codeMappingInfo_->data();
+  if (codeMappingInfo_->data()) request.HTTPBody = network::RequestBody(codeMappingInfo_->data());
   return request;
 }
 

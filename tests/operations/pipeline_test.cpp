@@ -99,7 +99,7 @@ TEST_F(PipelineTest, SliceThisRunDidNotConvertFailsAndSendsNothing) {
   EXPECT_EQ(service.loggedRequestCount(), 0u);
 }
 
-// A PUT of the gzip bytes as they are, to a URL in which only what a path
+// A PUT of the gzip bytes as they are (the very bytes, not a copy), to a URL in which only what a path
 // cannot hold is escaped.
 TEST_F(PipelineTest, UploadRequest) {
   ::setenv("VantrelUploadEndpoint", "http://127.0.0.1:9/base/", 1);
@@ -118,6 +118,7 @@ TEST_F(PipelineTest, UploadRequest) {
   EXPECT_FALSE(request.valueForHTTPHeaderField("Content-Type"));
   EXPECT_FALSE(request.valueForHTTPHeaderField("Content-Encoding"));
   EXPECT_EQ(request.HTTPBody, *container->data());
+  EXPECT_EQ(request.HTTPBody.data(), container->data()->data()) << "the body is shared, not copied";
 }
 
 }  // namespace
