@@ -105,6 +105,10 @@ std::string readBody(const httplib::Request& request, const httplib::ContentRead
   return body;
 }
 
+void discardBody(const httplib::ContentReader* reader) {
+  if (reader) (*reader)([](const char*, std::size_t) { return true; });
+}
+
 // Ends the connection with a reset (RST) rather than an orderly close. The
 // descriptor number stays open, on /dev/null, for the server library, which
 // closes it in its own time.
@@ -233,7 +237,11 @@ void Service::handle(const httplib::Request& request, httplib::Response& respons
   rank -= options_.silentFirst;
 
   response.set_header("X-Request-Id", fmt::format("fake-{}", index));
-  const std::string body = readBody(request, reader);
+  // A stand-in that neither checks nor stores uploads reads their bodies
+  // off the connection and keeps nothing, as a remote service would cost
+  // this machine nothing for them.
+  const bool keepsBody = options_.checkUploads || options_.storeDirectory;
+  const std::string body = keepsBody ? readBody(request, reader) : (discardBody(reader), std::string());
   if (rank < options_.redirectFirst) {
     response.status = 307;
     response.set_header("Location", request.target);
