@@ -15,10 +15,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (const symlift::macho::MachOImage& image : symlift::macho::readMachOLayout(symlift::macho::Bytes(data, size), &discard).images) {
     DamageList damage;
     ImageSymbols symbols = readImageSymbols(image, {}, &damage);
-    for (const ImageSymbol& symbol : symbols.symbols)
-      if (symbol.sourceCount > 0 && (symbol.sourcePart >= symbols.sourceParts.size() ||
-                                     symbol.firstSource + symbol.sourceCount > symbols.sourceParts[symbol.sourcePart].size()))
-        __builtin_trap();
+    // Every record lies inside its symbol and names a path of the list.
+    symbols.forEachSymbolSources([&](const ImageSymbol& symbol, std::span<const SourceRecord> records) {
+      for (const SourceRecord& record : records)
+        if (record.address < symbol.address || record.address + record.length > symbol.address + symbol.length ||
+            (record.path != kNoPath && record.path >= symbols.paths.size()))
+          __builtin_trap();
+    });
   }
   return 0;
 }

@@ -46,20 +46,20 @@ class ImageOwner final : public SymbolOwner {
 
   void forEachTextSymbol(const std::function<void(const SymbolInfo&)>& visitor) const override {
     std::vector<SourceInfo> sources;  // one symbol's, reused
-    for (const ImageSymbol& symbol : symbols_.symbols) {
+    symbols_.forEachSymbolSources([&](const ImageSymbol& symbol, std::span<const SourceRecord> records) {
       SymbolInfo info;
       info.mangledName = symbol.mangledName;
       info.name = symbol.name;
       info.address = symbol.address;
       info.length = symbol.length;
       sources.clear();
-      for (const SourceRecord& record : symbols_.sourcesOf(symbol)) sources.push_back(symbols_.source(record));
+      for (const SourceRecord& record : records) sources.push_back(symbols_.source(record));
       info.sourceInfos = sources;
       visitor(info);
-    }
+    });
   }
 
-  std::size_t sourceInfoCountHint() const override { return symbols_.sourceCount() + symbols_.symbols.size(); }
+  std::size_t sourceInfoCountHint() const override { return symbols_.sourceCountBound() + symbols_.symbols.size(); }
   std::size_t nameBytesHint() const override {
     std::size_t bytes = 0;
     for (const ImageSymbol& symbol : symbols_.symbols)

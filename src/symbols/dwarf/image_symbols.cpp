@@ -339,26 +339,29 @@ std::vector<LineGroup> readLineGroups(const DwarfSections& sections, const Debug
   return groups;
 }
 
-// The records of symbols [begin, end) into records (firstSource counts
-// from its start). Symbols and spans are both in address order: for each
-// symbol the walk goes on to the first span starting after it, and its
-// records begin there, or one span earlier when that one still reaches into
-// it. A part of the symbols starts where a walk over all of them would be.
-void attachSources(ImageSymbols& out, std::size_t begin, std::size_t end, const LineSpans& spans,
-                   std::vector<SourceRecord>& records) {
-  auto pathOf = [&](std::uint32_t path) { return path == kNoPath ? std::string_view{} : out.paths[path]; };
-  LineSpans::Position position =
-      begin == 0 ? LineSpans::Position{spans.begin(), std::nullopt} : spans.after(out.symbols[begin - 1].address);
-  LineSpans::Cursor& ahead = position.ahead;
-  std::optional<LineSpans::Passed>& behind = position.behind;
-  for (std::size_t i = begin; i < end; ++i) {
-    ImageSymbol& symbol = out.symbols[i];
+// Makes the source records of the symbols in order, one symbol at a time.
+// Symbols and spans are both in address order: for each symbol the walk
+// goes on to the first span starting after it, and its records begin there,
+// or one span earlier when that one still reaches into it. A walk may start
+// at any symbol: it starts where a walk from the first would stand.
+class SourceWalker {
+ public:
+  SourceWalker(const ImageSymbols& symbols, const LineSpans& spans, std::size_t first)
+      : symbols_(symbols),
+        spans_(spans),
+        position_(first == 0 ? LineSpans::Position{spans.begin(), std::nullopt}
+                             : spans.after(symbols.symbols[first - 1].address)) {}
+
+  // The records of the symbol after the one before (the first: `first`'s).
+  void next(const ImageSymbol& symbol, std::vector<SourceRecord>& records) {
+    records.clear();
+    LineSpans::Cursor& ahead = position_.ahead;
+    std::optional<LineSpans::Passed>& behind = position_.behind;
     const std::uint64_t start = symbol.address;
     const std::uint64_t symbolEnd = symbol.address + symbol.length;
     for (; !ahead.done() && ahead.span().start <= start; ahead.next())
       behind = LineSpans::Passed{ahead.place(), ahead.span().end};
-    LineSpans::Cursor walk = behind && behind->end > start ? spans.at(behind->place) : ahead;
-    symbol.firstSource = records.size();
+    LineSpans::Cursor walk = behind && behind->end > start ? spans_.at(behind->place) : ahead;
     std::uint64_t covered = start;
     for (; !walk.done() && walk.span().start < symbolEnd; walk.next()) {
       const LineSpan& span = walk.span();
@@ -367,7 +370,7 @@ void attachSources(ImageSymbols& out, std::size_t begin, std::size_t end, const 
       if (to <= from) continue;
       const std::uint32_t path = span.file == kNoFile ? kNoPath : span.file;
       bool merged = false;
-      if (records.size() > symbol.firstSource) {
+      if (!records.empty()) {
         SourceRecord& last = records.back();
         if (last.address + last.length == from && last.line == span.line &&
             (last.path == path || pathOf(last.path) == pathOf(path))) {
@@ -378,26 +381,27 @@ void attachSources(ImageSymbols& out, std::size_t begin, std::size_t end, const 
       if (!merged) records.push_back({from, to - from, path, span.line});
       covered = to;
     }
-    symbol.sourceCount = records.size() - symbol.firstSource;
   }
-}
 
-// Every symbol's records, the symbols cut into groups attached on every
-// core, each group's records kept as a part of their own.
-void attachSources(ImageSymbols& out, const LineSpans& spans, unsigned threads, const DecodeOptions& options) {
-  const std::size_t count = out.symbols.size();
-  const std::size_t groups = threads <= 1 ? 1 : std::clamp<std::size_t>(count, 1, threads * kGroupsPerThread);
-  out.sourceParts.resize(groups);
-  runTasks(groups, threads, options, [&](std::size_t g) {
-    auto [begin, end] = groupBounds(count, groups, g);
-    std::vector<SourceRecord>& records = out.sourceParts[g];
-    records.reserve(spans.sizeHint() / groups + spans.sizeHint() / groups / 8 + (end - begin));
-    attachSources(out, begin, end, spans, records);
-    for (std::size_t i = begin; i < end; ++i) out.symbols[i].sourcePart = g;
-  });
-}
+ private:
+  std::string_view pathOf(std::uint32_t path) const {
+    return path == kNoPath ? std::string_view{} : symbols_.paths[path];
+  }
+
+  const ImageSymbols& symbols_;
+  const LineSpans& spans_;
+  LineSpans::Position position_;
+};
 
 }  // namespace
+
+// The rows of every line table, and the spans they make inside the text
+// section, which point into them.
+struct LineWalk {
+  std::vector<LineTables> tables;
+  std::vector<std::uint32_t> pathBase;
+  std::optional<LineSpans> spans;
+};
 
 ImageSymbols readImageSymbols(const macho::MachOImage& image, const DecodeOptions& options, DamageList* damage) {
   ImageSymbols out;
@@ -492,21 +496,54 @@ ImageSymbols readImageSymbols(const macho::MachOImage& image, const DecodeOption
     // The last read of the image: what follows works on copies.
     debugInfo.reset();
     done(image.bytes);
-    std::vector<LineTables> tables;
-    std::vector<std::uint32_t> pathBase;
+    auto lines = std::make_shared<LineWalk>();
     for (LineGroup& group : groups) {
       if (damage) damage->insert(damage->end(), group.damage.begin(), group.damage.end());
-      pathBase.push_back(static_cast<std::uint32_t>(out.paths.size()));
+      lines->pathBase.push_back(static_cast<std::uint32_t>(out.paths.size()));
       out.paths.insert(out.paths.end(), group.tables.paths.begin(), group.tables.paths.end());
       // Moving a deque keeps its strings where they are: the paths stay valid.
       out.stringPools.push_back(std::move(group.strings));
-      tables.push_back(std::move(group.tables));
+      lines->tables.push_back(std::move(group.tables));
     }
     std::vector<LineGroup>().swap(groups);
-    const LineSpans spans(tables, pathBase, text);
-    attachSources(out, spans, threads, options);
+    // The records are made from the rows when they are asked for: as the
+    // text is written, rather than held for every symbol until then.
+    lines->spans.emplace(lines->tables, lines->pathBase, text);
+    out.lines = std::move(lines);
   }
   return out;
+}
+
+void ImageSymbols::forEachSymbolSources(
+    const std::function<void(const ImageSymbol& symbol, std::span<const SourceRecord> records)>& visit) const {
+  if (!lines) {
+    for (const ImageSymbol& symbol : symbols) visit(symbol, {});
+    return;
+  }
+  std::vector<SourceRecord> records;  // one symbol's, reused
+  SourceWalker walker(*this, *lines->spans, 0);
+  for (const ImageSymbol& symbol : symbols) {
+    walker.next(symbol, records);
+    visit(symbol, records);
+  }
+}
+
+std::vector<SourceRecord> ImageSymbols::sourcesOf(std::size_t index) const {
+  std::vector<SourceRecord> records;
+  if (lines && index < symbols.size()) SourceWalker(*this, *lines->spans, index).next(symbols[index], records);
+  return records;
+}
+
+std::size_t ImageSymbols::sourceCount() const {
+  std::size_t count = 0;
+  forEachSymbolSources([&](const ImageSymbol&, std::span<const SourceRecord> records) { count += records.size(); });
+  return count;
+}
+
+std::size_t ImageSymbols::sourceCountBound() const {
+  // A record is a span's part inside one symbol: a span gives one record to
+  // each symbol it reaches into, which is at most one more per symbol.
+  return lines ? lines->spans->sizeHint() + symbols.size() : 0;
 }
 
 std::string_view TextArena::copy(std::string_view text) {

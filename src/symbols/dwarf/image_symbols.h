@@ -28,11 +28,6 @@ struct ImageSymbol {
   std::optional<std::string_view> name;
   std::uint64_t address = 0;
   std::uint64_t length = 0;
-  // The symbol's source records: sourceCount of them from firstSource in
-  // ImageSymbols::sourceParts[sourcePart].
-  std::size_t sourcePart = 0;
-  std::size_t firstSource = 0;
-  std::size_t sourceCount = 0;
 };
 
 // A source record kept compactly: its path is an index into
@@ -58,11 +53,12 @@ class TextArena {
   std::size_t capacity_ = 0;
 };
 
+// The line tables' rows in address order, from which a symbol's source
+// records are made when they are asked for.
+struct LineWalk;
+
 struct ImageSymbols {
   std::vector<ImageSymbol> symbols;
-  // The source records in parts, one per group of symbols whose records
-  // were attached together (in symbol order).
-  std::vector<std::vector<SourceRecord>> sourceParts;
   std::vector<std::string_view> paths;
   // The names of the symbols: copied out of the file (whose pages can then
   // go) or made here (demangled names); one arena per group of symbols
@@ -76,15 +72,20 @@ struct ImageSymbols {
 
   std::string_view keep(std::string text) { return strings.emplace_back(std::move(text)); }
 
-  std::span<const SourceRecord> sourcesOf(const ImageSymbol& symbol) const {
-    if (symbol.sourceCount == 0) return {};
-    return std::span<const SourceRecord>(sourceParts[symbol.sourcePart]).subspan(symbol.firstSource, symbol.sourceCount);
-  }
-  std::size_t sourceCount() const {
-    std::size_t count = 0;
-    for (const auto& part : sourceParts) count += part.size();
-    return count;
-  }
+  // The rows; none without line tables. Shared by copies: never changed.
+  std::shared_ptr<const LineWalk> lines;
+
+  // The source records of every symbol, in symbol order: one walk over the
+  // rows, a symbol's records handed out while the next ones are made. The
+  // span is valid during the call only.
+  void forEachSymbolSources(
+      const std::function<void(const ImageSymbol& symbol, std::span<const SourceRecord> records)>& visit) const;
+  // The records of symbols[index], made anew.
+  std::vector<SourceRecord> sourcesOf(std::size_t index) const;
+  // How many records all symbols have (a walk over them all).
+  std::size_t sourceCount() const;
+  // At least as many records as all symbols have, without a walk.
+  std::size_t sourceCountBound() const;
   // A source record as the symbolication interface describes it.
   SourceInfo source(const SourceRecord& record) const {
     return {record.path == kNoPath ? std::string_view{} : paths[record.path], record.line, record.address,
@@ -102,7 +103,7 @@ struct DecodeOptions {
   // Told of bytes of the image the reader is done with, so that their pages
   // can go while the rest of the work still holds memory: the sections of
   // the DIEs once the symbols are named, then the whole image once the line
-  // tables are read (attaching their records needs only copies). A unit's
+  // tables are read (the records are made from copies). A unit's
   // strings may still be looked at after the first call, so releasing may
   // only mean that the bytes are read from the file again when touched.
   std::function<void(std::span<const std::uint8_t> bytes)> bytesDone;
