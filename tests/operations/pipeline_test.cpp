@@ -20,6 +20,7 @@
 #include "operations/submit_csym_operation.h"
 #include "operations/upload_csym_operation.h"
 #include "support/captured_output.h"
+#include "support/files.h"
 
 namespace symlift::operations {
 namespace {
@@ -119,6 +120,28 @@ TEST_F(PipelineTest, UploadRequest) {
   EXPECT_FALSE(request.valueForHTTPHeaderField("Content-Encoding"));
   EXPECT_EQ(request.HTTPBody, *container->data());
   EXPECT_EQ(request.HTTPBody.data(), container->data()->data()) << "the body is shared, not copied";
+}
+
+// Files are written a piece at a time: every byte arrives, in order,
+// whatever the size against the piece.
+TEST(WriteAllTest, EveryByteArrivesInOrder) {
+  const fs::path folder = fs::temp_directory_path() / ("symlift-write-all-" + std::to_string(::getpid()));
+  fs::create_directories(folder);
+  constexpr std::size_t kPiece = std::size_t{256} << 10;
+  for (std::size_t size : {std::size_t{0}, std::size_t{1}, kPiece - 1, kPiece, kPiece + 1, 3 * kPiece * 4 + 17}) {
+    SCOPED_TRACE(size);
+    std::vector<std::uint8_t> bytes(size);
+    for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<std::uint8_t>(i * 2654435761u >> 13);
+    const fs::path path = folder / std::to_string(size);
+    const int fd = support::createPrivateFile(path.string());
+    ASSERT_GE(fd, 0);
+    EXPECT_TRUE(support::writeAll(fd, std::span<const std::uint8_t>(bytes)));
+    ::close(fd);
+    std::ifstream in(path, std::ios::binary);
+    const std::vector<std::uint8_t> back((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_TRUE(back == bytes);
+  }
+  fs::remove_all(folder);
 }
 
 }  // namespace
