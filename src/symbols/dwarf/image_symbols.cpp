@@ -396,8 +396,12 @@ class SourceWalker {
 }  // namespace
 
 // The rows of every line table, and the spans they make inside the text
-// section, which point into them.
+// section, which point into them: never copied or moved.
 struct LineWalk {
+  LineWalk() = default;
+  LineWalk(const LineWalk&) = delete;
+  LineWalk& operator=(const LineWalk&) = delete;
+
   std::vector<LineTables> tables;
   std::vector<std::uint32_t> pathBase;
   std::optional<LineSpans> spans;
